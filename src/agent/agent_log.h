@@ -1,0 +1,30 @@
+// The agent's one logging function and its one error type.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace tervain {
+
+// Writes "[TervainVMAgent] " + message + "\n" to standard error as one write, so lines from
+// concurrent threads never interleave. Takes no lock.
+void agentLog(std::string_view message);
+
+// A failed system call: what failed, as a short phrase, and the errno value. Its description is
+// the phrase, " failed: " and the system's text for the errno.
+class AgentError : public std::runtime_error {
+ public:
+  static AgentError posix(std::string what, std::int32_t errnoValue);
+
+  const std::string& phrase() const { return phrase_; }
+  std::int32_t errnoValue() const { return errno_; }
+
+ private:
+  AgentError(std::string phrase, std::int32_t errnoValue, const std::string& description);
+  std::string phrase_;
+  std::int32_t errno_;
+};
+
+}  // namespace tervain

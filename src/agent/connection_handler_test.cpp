@@ -1,0 +1,83 @@
+#include "agent/connection_handler.h"
+
+#include <gtest/gtest.h>
+
+#include "fake_desktop.h"
+
+namespace tervain {
+namespace {
+
+class DispatchTest : public ::testing::Test {
+ protected:
+  testing::FakeDesktop desktop;
+  AgentContext context{desktop};
+  ConnectionHandler handler{-1, context};
+
+  Json reply(std::string_view line) { return Json::parse(handler.handle(line)); }
+  std::string error(std::string_view line) { return reply(line).value("error", ""); }
+};
+
+constexpr const char* kMalformed = "malformed request (want one JSON object per line with an \"op\")";
+
+TEST_F(DispatchTest, MalformedRequests) {
+  for (const char* line : {R"({"op":5})", "[1,2]", "\"ping\"", "{}", "{", "ping", "null",
+                           R"({"op":null})", R"({"op":["ping"]})", "{\"op\":\"ping\"} x"}) {
+    EXPECT_EQ(reply(line), Json({{"ok", false}, {"error", kMalformed}})) << line;
+  }
+}
+
+TEST_F(DispatchTest, UnknownOpsNameTheProtocolVersion) {
+  EXPECT_EQ(error(R"({"op":"PING"})"), "unknown op 'PING' (agent protocol v2)");
+  EXPECT_EQ(error(R"({"op":""})"), "unknown op '' (agent protocol v2)");
+  EXPECT_EQ(error(R"({"op":"exec"})"), "unknown op 'exec' (agent protocol v2)");
+}
+
+TEST_F(DispatchTest, UnserialisableReplyBecomesTheFixedLine) {
+  // An op name that is not valid UTF-8 cannot even be parsed, so it is malformed; an op whose
+  // echo would be fine but long still serialises.
+  EXPECT_EQ(handler.handle(std::string("{\"op\":\"a\xff\"}")),
+            serializeReply(Reply::failure(kMalformed)));
+  const std::string longOp(100000, 'x');
+  EXPECT_EQ(error("{\"op\":\"" + longOp + "\"}"), "unknown op '" + longOp + "' (agent protocol v2)");
+}
+
+TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
+  desktop.displays = {{69733378, 1920, 1080, true}};
+  desktop.accessibility = false;
+  desktop.screenRecording = false;
+  desktop.postEvents = false;
+  EXPECT_EQ(reply(R"({"op":"ping","extra":[1]})"),
+            Json::parse(R"({"ok":true,"version":2,
+              "displays":[{"id":69733378,"width":1920,"height":1080,"main":true}],
+              "readiness":{"accessibility":false,"screenRecording":false,"postEvent":false}})"));
+
+  desktop.accessibility = true;
+  desktop.postEvents = true;
+  EXPECT_EQ(reply(R"({"op":"ping"})")["readiness"],
+            Json::parse(R"({"accessibility":true,"screenRecording":false,"postEvent":true})"));
+}
+
+TEST_F(DispatchTest, PingReportsAtMostEightDisplays) {
+  for (std::uint32_t id = 1; id <= 10; ++id) desktop.displays.push_back({id, 800, 600, id == 1});
+  const Json displays = reply(R"({"op":"ping"})")["displays"];
+  ASSERT_EQ(displays.size(), 8u);
+  EXPECT_EQ(displays[7]["id"], 8);
+  desktop.displays.clear();
+  EXPECT_EQ(reply(R"({"op":"ping"})")["displays"], Json::array());
+}
+
+TEST_F(DispatchTest, CursorPositionRoundsHalvesAwayFromZero) {
+  desktop.pointer = Point{100.5, 200.49};
+  EXPECT_EQ(reply(R"({"op":"cursor_position"})"), Json({{"ok", true}, {"x", 101}, {"y", 200}}));
+  desktop.pointer = Point{-10.5, -0.4};
+  EXPECT_EQ(reply(R"({"op":"cursor_position"})"), Json({{"ok", true}, {"x", -11}, {"y", 0}}));
+  desktop.pointer = std::nullopt;
+  EXPECT_EQ(error(R"({"op":"cursor_position"})"),
+            "could not read the cursor position (no event source)");
+  desktop.pointer = Point{std::numeric_limits<double>::quiet_NaN(), 0};
+  EXPECT_EQ(error(R"({"op":"cursor_position"})"),
+            "could not read the cursor position (no event source)");
+}
+
+}  // namespace
+}  // namespace tervain

@@ -1,0 +1,37 @@
+// Start-up of the agent process: command line, port choice, banner and readiness.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/desktop.h"
+
+namespace tervain {
+
+inline constexpr std::string_view kBuildVersion = "0.1.0";
+
+// The port from TERVAIN_AGENT_PORT's value (nothing when the variable is absent). An absent or
+// empty value, or one that is not a strict base-10 unsigned 32-bit number ("+" allowed, "-" only
+// with a zero magnitude, nothing else around the digits), gives the default port.
+std::uint32_t choosePort(const char* environmentValue);
+
+struct CommandLine {
+  enum class Action { serve, help, version, usageError };
+  Action action = Action::serve;
+  std::optional<std::string> unixPath;  // --unix PATH: listen there instead of on vsock
+  std::string problem;                  // what was wrong, for usageError
+};
+
+CommandLine parseCommandLine(int argc, const char* const* argv);
+std::string usageText();
+
+// "readiness: accessibility=... screenRecording=... postEvent=...", queried now.
+std::string readinessLine(Desktop& desktop);
+
+// The whole agent: parses the command line, logs, listens, serves for good. Returns only with an
+// exit status (help, version, usage error, or a listener that could not be made).
+int runAgent(int argc, const char* const* argv, Desktop& desktop);
+
+}  // namespace tervain

@@ -1,0 +1,45 @@
+// Wire constants shared by the agent, its tests and the host-side client.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace tervain::AgentWire {
+
+inline constexpr std::uint32_t port = 2035;
+inline constexpr int version = 2;
+
+namespace Exec {
+inline constexpr std::string_view op = "exec";
+inline constexpr std::string_view commandKey = "command";
+inline constexpr std::string_view tagKey = "t";
+inline constexpr std::string_view stdout_ = "o";
+inline constexpr std::string_view stderr_ = "e";
+inline constexpr std::string_view exit = "x";
+inline constexpr std::string_view spawnError = "err";
+inline constexpr std::string_view stdin_ = "i";
+inline constexpr std::string_view stdinEOF = "eof";
+inline constexpr std::string_view signal = "sig";
+inline constexpr std::string_view dataKey = "d";
+inline constexpr std::string_view codeKey = "code";
+inline constexpr std::string_view messageKey = "m";
+inline constexpr std::string_view signalKey = "n";
+}  // namespace Exec
+
+namespace ShellEvents {
+inline constexpr std::string_view op = "shell-events";
+inline constexpr std::string_view dirKey = "dir";
+inline constexpr std::string_view maxBytesKey = "maxBytes";
+inline constexpr std::string_view truncateKey = "truncate";
+inline constexpr std::string_view eventsKey = "events";
+inline constexpr std::string_view filesKey = "files";
+inline constexpr std::string_view bytesKey = "bytes";
+inline constexpr std::string_view truncatedKey = "truncated";
+}  // namespace ShellEvents
+
+// Largest number of unterminated bytes a connection may hold before it is closed.
+inline constexpr std::size_t maxPendingLineBytes = 4 * 1024 * 1024;
+// Size of the one read buffer each connection and exec session reuses.
+inline constexpr std::size_t readChunkBytes = 64 * 1024;
+
+}  // namespace tervain::AgentWire

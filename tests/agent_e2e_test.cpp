@@ -1,0 +1,189 @@
+// The built agent, started with --unix in a temporary directory and driven over real sockets.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "agent_process.h"
+#include "core/json.h"
+#include "vsock/tervain_vsock.h"
+
+namespace tervain::testing {
+namespace {
+
+constexpr const char* kMalformed =
+    R"J({"ok":false,"error":"malformed request (want one JSON object per line with an \"op\")"})J";
+
+std::string errorOf(const std::optional<std::string>& line) {
+  if (!line) return "<no reply>";
+  return Json::parse(*line).value("error", "<no error>");
+}
+
+TEST(AgentE2ETest, BannerReadinessAndConnectionLog) {
+  AgentProcess agent;
+  EXPECT_NE(agent.log().find("[TervainVMAgent] TervainVMAgent protocol v2 starting on unix socket " +
+                             agent.socketPath() + "\n"),
+            std::string::npos);
+  EXPECT_NE(agent.log().find(
+                "[TervainVMAgent] readiness: accessibility=false screenRecording=false "
+                "postEvent=false\n"),
+            std::string::npos);
+  {
+    LineClient client = agent.connect();
+    ASSERT_TRUE(client.valid());
+    ASSERT_TRUE(client.send("{\"op\":\"ping\"}\n"));
+    ASSERT_TRUE(client.readLine());
+  }
+  EXPECT_TRUE(agent.waitForLog("host disconnected (fd "));
+  EXPECT_NE(agent.log().find("[TervainVMAgent] host connected (fd "), std::string::npos);
+}
+
+TEST(AgentE2ETest, FramingCrLfEmptyLinesAndPipelining) {
+  AgentProcess agent;
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send("{\"op\":\"PING\"}\r\n\r\n\n\r\n{\"op\":\"nope\"}\r\r\n{\"op\":\"x\"}\n"));
+  EXPECT_EQ(errorOf(client.readLine()), "unknown op 'PING' (agent protocol v2)");
+  // "\r\r" loses one "\r": the line still ends in a carriage return, which JSON takes as space.
+  EXPECT_EQ(errorOf(client.readLine()), "unknown op 'nope' (agent protocol v2)");
+  EXPECT_EQ(errorOf(client.readLine()), "unknown op 'x' (agent protocol v2)");
+  // The lone "\r" lines and empty lines got nothing.
+  client.shutdownWrite();
+  EXPECT_TRUE(client.closedByPeer());
+}
+
+TEST(AgentE2ETest, ARequestSplitOverSeveralWrites) {
+  AgentProcess agent;
+  LineClient client = agent.connect();
+  for (const char* piece : {"{\"o", "p\":\"p", "ing\"", "}"}) {
+    ASSERT_TRUE(client.send(piece));
+    EXPECT_FALSE(client.readLine(50ms));
+  }
+  ASSERT_TRUE(client.send("\n"));
+  const auto reply = client.readLine();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(Json::parse(*reply)["ok"], true);
+}
+
+TEST(AgentE2ETest, MalformedLinesKeepTheConnection) {
+  AgentProcess agent;
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send("{\"op\":5}\n[1,2]\n\"ping\"\n{}\nnot json\n{\"op\":\"ping\"}\n"));
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(Json::parse(client.readLine().value_or("0")), Json::parse(kMalformed));
+  EXPECT_EQ(Json::parse(client.readLine().value_or("{}")).value("ok", false), true);
+}
+
+TEST(AgentE2ETest, MoreThanFourMebibytesWithoutALineFeedClosesTheConnection) {
+  AgentProcess agent;
+  LineClient client = agent.connect();
+  const std::string chunk(64 * 1024, 'a');
+  // Keep writing until the agent stops reading; it must give up after 4 MiB and a read.
+  for (int i = 0; i < 80; ++i) {
+    if (!client.send(chunk)) break;
+  }
+  EXPECT_TRUE(client.closedByPeer());
+  EXPECT_TRUE(agent.waitForLog("host disconnected"));
+}
+
+TEST(AgentE2ETest, ALineJustUnderTheBoundIsAnswered) {
+  AgentProcess agent;
+  LineClient client = agent.connect();
+  const std::string head = "{\"op\":\"ping\",\"pad\":\"";
+  const std::string tail = "\"}";
+  const std::size_t padding = 4 * 1024 * 1024 - head.size() - tail.size();
+  std::string line = head + std::string(padding, 'p') + tail;
+  ASSERT_EQ(line.size(), 4u * 1024 * 1024);
+  std::thread writer([&] { client.send(line + "\n"); });
+  const auto reply = client.readLine(30s);
+  writer.join();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(Json::parse(*reply)["ok"], true);
+}
+
+TEST(AgentE2ETest, ARequestWithoutItsLineFeedThenACloseGetsNothing) {
+  AgentProcess agent;
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send("{\"op\":\"ping\"}"));
+  client.shutdownWrite();
+  EXPECT_TRUE(client.closedByPeer());
+  EXPECT_TRUE(agent.waitForLog("host disconnected"));
+}
+
+TEST(AgentE2ETest, FiftyConcurrentConnectionsEachPipeliningAHundredRequests) {
+  AgentProcess agent;
+  constexpr int kClients = 50;
+  constexpr int kRequests = 100;
+  std::atomic<int> good{0};
+  std::vector<std::thread> threads;
+  for (int c = 0; c < kClients; ++c) {
+    threads.emplace_back([&, c] {
+      LineClient client = agent.connect();
+      if (!client.valid()) return;
+      std::string batch;
+      for (int i = 0; i < kRequests; ++i) {
+        batch += "{\"op\":\"" + std::string(i % 2 ? "ping" : "op") + std::to_string(c) + "_" +
+                 std::to_string(i) + "\"}\n";
+      }
+      if (!client.send(batch)) return;
+      for (int i = 0; i < kRequests; ++i) {
+        const auto line = client.readLine();
+        const std::string op = (i % 2 ? "ping" : "op") + std::to_string(c) + "_" + std::to_string(i);
+        if (!line || errorOf(line) != "unknown op '" + op + "' (agent protocol v2)") return;
+      }
+      good.fetch_add(1);
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(good.load(), kClients);
+  EXPECT_TRUE(agent.running());
+}
+
+TEST(AgentE2ETest, UnusableSocketPathIsFatal) {
+  TempDir dir;
+  const std::string path = dir.file("missing/agent.sock");
+  AgentProcess agent({.unixSocket = false, .args = {"--unix", path}, .waitForReady = false});
+  EXPECT_EQ(agent.waitForExit(), 1);
+  EXPECT_NE(agent.log().find("[TervainVMAgent] FATAL: unix listen(" + path +
+                             ") failed: No such file or directory\n"),
+            std::string::npos)
+      << agent.log();
+}
+
+TEST(AgentE2ETest, VsockListenFailureIsFatalWithTheHint) {
+  // Hold the port so that the agent's bind fails; this only listens, never connects.
+  const int held = tervain_vsock_listen(52036, 4);
+  if (held < 0) GTEST_SKIP() << "no vsock transport here";
+  AgentProcess agent(
+      {.unixSocket = false, .env = {{"TERVAIN_AGENT_PORT", "+52036"}}, .waitForReady = false});
+  const auto status = agent.waitForExit();
+  close(held);
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(agent.log().find("[TervainVMAgent] TervainVMAgent protocol v2 starting on vsock "
+                             "port 52036\n"),
+            std::string::npos);
+  EXPECT_NE(agent.log().find("[TervainVMAgent] FATAL: vsock listen(:52036) failed: Address "
+                             "already in use \u2014 is this running inside a macOS guest VM? "
+                             "(AF_VSOCK fails ENODEV on a host)\n"),
+            std::string::npos)
+      << agent.log();
+}
+
+TEST(AgentE2ETest, HelpVersionAndUsageErrors) {
+  {
+    AgentProcess agent({.unixSocket = false, .args = {"--version"}, .waitForReady = false});
+    EXPECT_EQ(agent.waitForExit(), 0);
+    EXPECT_TRUE(agent.waitForLog("TervainVMAgent protocol v2 (build "));
+  }
+  {
+    AgentProcess agent({.unixSocket = false, .args = {"--bogus"}, .waitForReady = false});
+    EXPECT_EQ(agent.waitForExit(), 2);
+    EXPECT_TRUE(agent.waitForLog("usage: TervainVMAgent"));
+    EXPECT_NE(agent.log().find("unknown argument '--bogus'"), std::string::npos);
+  }
+}
+
+}  // namespace
+}  // namespace tervain::testing

@@ -1,0 +1,226 @@
+#include "agent_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include "vsock/tervain_vsock.h"
+
+extern char** environ;
+
+namespace tervain::testing {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int remainingMillis(Clock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+  return left.count() < 0 ? 0 : static_cast<int>(left.count());
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "tervain-test-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  dir = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);
+}
+
+LineClient::~LineClient() { close(); }
+
+LineClient::LineClient(LineClient&& other) noexcept
+    : fd(other.fd), buffer(std::move(other.buffer)), eof(other.eof) {
+  other.fd = -1;
+}
+
+LineClient LineClient::connectUnix(const std::string& path) {
+  return LineClient(tervain_unix_connect(path.c_str()));
+}
+
+bool LineClient::send(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const long n = tervain_write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+std::optional<std::string> LineClient::readLine(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  for (;;) {
+    if (const auto at = buffer.find('\n'); at != std::string::npos) {
+      std::string line = buffer.substr(0, at);
+      buffer.erase(0, at + 1);
+      return line;
+    }
+    if (eof || fd < 0) return std::nullopt;
+    pollfd p{fd, POLLIN, 0};
+    const int ready = ::poll(&p, 1, remainingMillis(deadline));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return std::nullopt;
+    char chunk[65536];
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      eof = true;
+      continue;
+    }
+    buffer.append(chunk, static_cast<std::size_t>(n));
+  }
+}
+
+bool LineClient::closedByPeer(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (!eof && fd >= 0) {
+    pollfd p{fd, POLLIN, 0};
+    const int ready = ::poll(&p, 1, remainingMillis(deadline));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return false;
+    char chunk[65536];
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == ECONNRESET) return buffer.empty();
+    if (n <= 0) {
+      eof = true;
+      break;
+    }
+    buffer.append(chunk, static_cast<std::size_t>(n));
+  }
+  return eof && buffer.empty();
+}
+
+void LineClient::shutdownWrite() { ::shutdown(fd, SHUT_WR); }
+
+void LineClient::close() {
+  if (fd >= 0) ::close(fd);
+  fd = -1;
+}
+
+AgentProcess::AgentProcess(Options options) {
+  socket = temp.file("agent.sock");
+  std::vector<std::string> args = {TERVAIN_AGENT_PATH};
+  if (options.unixSocket) {
+    args.push_back("--unix");
+    args.push_back(socket);
+  }
+  args.insert(args.end(), options.args.begin(), options.args.end());
+
+  std::map<std::string, std::string> env;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string entry(*e);
+    const auto eq = entry.find('=');
+    if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
+  }
+  for (const auto& name : options.unsetEnv) env.erase(name);
+  for (const auto& [k, v] : options.env) env[k] = v;
+
+  std::vector<std::string> envStrings;
+  for (const auto& [k, v] : env) envStrings.push_back(k + "=" + v);
+  std::vector<char*> argv, envp;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  for (auto& e : envStrings) envp.push_back(e.data());
+  envp.push_back(nullptr);
+
+  int pipeFds[2];
+  if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+  const int rc = ::posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(pipeFds[1]);
+  if (rc != 0) {
+    ::close(pipeFds[0]);
+    throw std::runtime_error(std::string("could not start the agent: ") + std::strerror(rc));
+  }
+  stderrFd = pipeFds[0];
+  reader = std::thread([this] {
+    char chunk[4096];
+    for (;;) {
+      const ssize_t n = ::read(stderrFd, chunk, sizeof chunk);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return;
+      std::lock_guard lock(logMutex);
+      logText.append(chunk, static_cast<std::size_t>(n));
+    }
+  });
+  if (options.waitForReady && !waitForLog("readiness: ", 10s)) {
+    throw std::runtime_error("the agent did not start: " + log());
+  }
+  if (options.waitForReady && options.unixSocket) {
+    // The readiness line comes before the socket is bound; wait for the socket itself.
+    const auto deadline = Clock::now() + 10s;
+    while (!std::filesystem::exists(socket) && Clock::now() < deadline && running()) {
+      std::this_thread::sleep_for(2ms);
+    }
+  }
+}
+
+AgentProcess::~AgentProcess() {
+  if (running()) {
+    ::kill(child, SIGKILL);
+    waitForExit(10s);
+  }
+  if (reader.joinable()) reader.join();
+  if (stderrFd >= 0) ::close(stderrFd);
+}
+
+LineClient AgentProcess::connect() const { return LineClient::connectUnix(socket); }
+
+std::optional<std::string> AgentProcess::request(const std::string& line) const {
+  LineClient client = connect();
+  if (!client.valid() || !client.send(line + "\n")) return std::nullopt;
+  return client.readLine();
+}
+
+std::string AgentProcess::log() const {
+  std::lock_guard lock(logMutex);
+  return logText;
+}
+
+bool AgentProcess::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const {
+  const auto deadline = Clock::now() + timeout;
+  while (Clock::now() < deadline) {
+    if (log().find(text) != std::string::npos) return true;
+    std::this_thread::sleep_for(2ms);
+  }
+  return log().find(text) != std::string::npos;
+}
+
+bool AgentProcess::running() {
+  if (exitStatus || child <= 0) return false;
+  int status = 0;
+  const pid_t r = ::waitpid(child, &status, WNOHANG);
+  if (r == child) {
+    exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return false;
+  }
+  return true;
+}
+
+std::optional<int> AgentProcess::waitForExit(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (running() && Clock::now() < deadline) std::this_thread::sleep_for(2ms);
+  return exitStatus;
+}
+
+}  // namespace tervain::testing

@@ -1,0 +1,104 @@
+// Runs the built agent as a child process on a Unix socket in a private temporary directory, and
+// talks to it over real sockets.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tervain::testing {
+
+using namespace std::chrono_literals;
+
+// A temporary directory removed with everything in it on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return dir; }
+  std::string file(const std::string& name) const { return dir + "/" + name; }
+
+ private:
+  std::string dir;
+};
+
+// A connected stream socket with line-oriented helpers. Every wait is bounded.
+class LineClient {
+ public:
+  explicit LineClient(int fd) : fd(fd) {}
+  ~LineClient();
+  LineClient(LineClient&& other) noexcept;
+  LineClient(const LineClient&) = delete;
+  LineClient& operator=(const LineClient&) = delete;
+
+  static LineClient connectUnix(const std::string& path);
+
+  bool valid() const { return fd >= 0; }
+  int descriptor() const { return fd; }
+  // Writes all bytes; false when the peer is gone.
+  bool send(std::string_view bytes);
+  // The next line without its line feed; nothing on timeout or end of stream.
+  std::optional<std::string> readLine(std::chrono::milliseconds timeout = 10s);
+  // True when the peer closes (end of stream) within the timeout, with no further bytes.
+  bool closedByPeer(std::chrono::milliseconds timeout = 10s);
+  // Bytes received so far and not yet returned as lines.
+  const std::string& pending() const { return buffer; }
+  void shutdownWrite();
+  void close();
+
+ private:
+  int fd;
+  std::string buffer;
+  bool eof = false;
+};
+
+class AgentProcess {
+ public:
+  struct Options {
+    bool unixSocket = true;                       // pass --unix SOCKET first
+    std::vector<std::string> args;                // further arguments
+    std::map<std::string, std::string> env;       // added to (or replacing) the environment
+    std::vector<std::string> unsetEnv;
+    bool waitForReady = true;
+  };
+
+  AgentProcess() : AgentProcess(Options{}) {}
+  explicit AgentProcess(Options options);
+  ~AgentProcess();  // kills the agent (SIGKILL) if it still runs, and reaps it
+
+  pid_t pid() const { return child; }
+  const std::string& socketPath() const { return socket; }
+  const TempDir& dir() const { return temp; }
+
+  LineClient connect() const;
+  // Connects, sends one request line and returns the reply line.
+  std::optional<std::string> request(const std::string& line) const;
+
+  // Everything the agent wrote to standard output and standard error so far.
+  std::string log() const;
+  // Waits until the log contains text; false on timeout.
+  bool waitForLog(const std::string& text, std::chrono::milliseconds timeout = 10s) const;
+  // Waits for the agent to exit; its exit status, or nothing on timeout.
+  std::optional<int> waitForExit(std::chrono::milliseconds timeout = 10s);
+  bool running();
+
+ private:
+  TempDir temp;
+  std::string socket;
+  pid_t child = -1;
+  int stderrFd = -1;
+  std::thread reader;
+  mutable std::mutex logMutex;
+  std::string logText;
+  std::optional<int> exitStatus;
+};
+
+}  // namespace tervain::testing
