@@ -44,7 +44,7 @@ TempDir::~TempDir() {
 LineClient::~LineClient() { close(); }
 
 LineClient::LineClient(LineClient&& other) noexcept
-    : fd(other.fd), buffer(std::move(other.buffer)), eof(other.eof) {
+    : fd(other.fd), buffer(std::move(other.buffer)), consumed(other.consumed), eof(other.eof) {
   other.fd = -1;
 }
 
@@ -65,10 +65,18 @@ bool LineClient::send(std::string_view bytes) {
 std::optional<std::string> LineClient::readLine(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   for (;;) {
-    if (const auto at = buffer.find('\n'); at != std::string::npos) {
-      std::string line = buffer.substr(0, at);
-      buffer.erase(0, at + 1);
+    if (const auto at = buffer.find('\n', consumed); at != std::string::npos) {
+      std::string line = buffer.substr(consumed, at - consumed);
+      consumed = at + 1;
+      if (consumed == buffer.size()) {
+        buffer.clear();
+        consumed = 0;
+      }
       return line;
+    }
+    if (consumed > 0) {
+      buffer.erase(0, consumed);
+      consumed = 0;
     }
     if (eof || fd < 0) return std::nullopt;
     pollfd p{fd, POLLIN, 0};
@@ -88,6 +96,8 @@ std::optional<std::string> LineClient::readLine(std::chrono::milliseconds timeou
 
 bool LineClient::closedByPeer(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
+  buffer.erase(0, consumed);
+  consumed = 0;
   while (!eof && fd >= 0) {
     pollfd p{fd, POLLIN, 0};
     const int ready = ::poll(&p, 1, remainingMillis(deadline));
@@ -220,6 +230,8 @@ bool AgentProcess::running() {
 std::optional<int> AgentProcess::waitForExit(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (running() && Clock::now() < deadline) std::this_thread::sleep_for(2ms);
+  // Once the agent is gone its output ends too: collect the rest of it before anyone reads the log.
+  if (exitStatus && reader.joinable()) reader.join();
   return exitStatus;
 }
 

@@ -50,13 +50,14 @@ class LineClient {
   // True when the peer closes (end of stream) within the timeout, with no further bytes.
   bool closedByPeer(std::chrono::milliseconds timeout = 10s);
   // Bytes received so far and not yet returned as lines.
-  const std::string& pending() const { return buffer; }
+  std::string pending() const { return buffer.substr(consumed); }
   void shutdownWrite();
   void close();
 
  private:
   int fd;
   std::string buffer;
+  std::size_t consumed = 0;  // bytes of buffer already returned as lines
   bool eof = false;
 };
 

@@ -10,10 +10,11 @@ Reply ConnectionHandler::opPing() {
   Json displays = Json::array();
   for (const std::uint32_t id : desktop.activeDisplayList(kMaxDisplays)) {
     if (displays.size() == kMaxDisplays) break;
-    displays.push_back({{"id", id},
-                        {"width", desktop.displayPixelsWide(id)},
-                        {"height", desktop.displayPixelsHigh(id)},
-                        {"main", desktop.displayIsMain(id)}});
+    Json& display = displays.emplace_back(Json::object());
+    display["id"] = id;
+    display["width"] = desktop.displayPixelsWide(id);
+    display["height"] = desktop.displayPixelsHigh(id);
+    display["main"] = desktop.displayIsMain(id);
   }
   // Queried on every request: a grant given after start-up shows here at once.
   const bool accessibility = desktop.accessibilityTrusted();
@@ -23,9 +24,10 @@ Reply ConnectionHandler::opPing() {
   Reply reply;
   reply.body["version"] = AgentWire::version;
   reply.body["displays"] = std::move(displays);
-  reply.body["readiness"] = {{"accessibility", accessibility},
-                             {"screenRecording", screenRecording},
-                             {"postEvent", postEvent}};
+  Json& readiness = reply.body["readiness"];
+  readiness["accessibility"] = accessibility;
+  readiness["screenRecording"] = screenRecording;
+  readiness["postEvent"] = postEvent;
   reply.body["ok"] = true;
   return reply;
 }

@@ -1,29 +1,9 @@
 #include "core/reply.h"
 
-#include <cmath>
-
 #include "core/base64.h"
+#include "core/json_writer.h"
 
 namespace tervain {
-namespace {
-
-// nlohmann writes non-finite numbers as null; the wire wants the fallback instead.
-bool hasNonFinite(const Json& value) {
-  switch (value.type()) {
-    case Json::value_t::number_float:
-      return !std::isfinite(value.get<double>());
-    case Json::value_t::object:
-    case Json::value_t::array:
-      for (const auto& item : value) {
-        if (hasNonFinite(item)) return true;
-      }
-      return false;
-    default:
-      return false;
-  }
-}
-
-}  // namespace
 
 Reply Reply::success() {
   Reply reply;
@@ -49,34 +29,28 @@ std::string Reply::error() const {
 }
 
 std::string serializeReply(const Reply& reply) {
-  std::string out;
-  try {
-    if (!reply.body.is_object() || hasNonFinite(reply.body)) {
-      return std::string(kReplySerializationFailed);
-    }
-    out = reply.body.dump();
-    if (reply.base64Members.empty()) return out;
-
-    std::size_t extra = 0;
-    for (const auto& [key, bytes] : reply.base64Members) {
-      extra += key.size() + base64::encodedSize(bytes.size()) + 8;
-    }
-    out.pop_back();  // the closing brace
-    out.reserve(out.size() + extra + 1);
-    bool first = out.size() == 1;
-    for (const auto& [key, bytes] : reply.base64Members) {
-      if (!first) out.push_back(',');
-      first = false;
-      out += Json(key).dump();
-      out += ":\"";
-      base64::appendEncoded(out, bytes);
-      out.push_back('"');
-    }
-    out.push_back('}');
-    return out;
-  } catch (...) {
-    return std::string(kReplySerializationFailed);
+  if (!reply.body.is_object()) return std::string(kReplySerializationFailed);
+  std::size_t extra = 0;
+  for (const auto& [key, bytes] : reply.base64Members) {
+    extra += key.size() + base64::encodedSize(bytes.size()) + 8;
   }
+  std::string out;
+  out.reserve(128 + extra);
+  if (!appendCompactJson(out, reply.body)) return std::string(kReplySerializationFailed);
+  if (reply.base64Members.empty()) return out;
+
+  out.pop_back();  // the closing brace
+  bool first = out.size() == 1;
+  for (const auto& [key, bytes] : reply.base64Members) {
+    if (!first) out.push_back(',');
+    first = false;
+    if (!appendJsonString(out, key)) return std::string(kReplySerializationFailed);
+    out += ":\"";
+    base64::appendEncoded(out, bytes);
+    out.push_back('"');
+  }
+  out.push_back('}');
+  return out;
 }
 
 }  // namespace tervain
