@@ -1,0 +1,59 @@
+// An agent that runs out of descriptors keeps its listener, says so, and serves again once
+// descriptors are free.
+#include <sys/resource.h>
+
+#include <filesystem>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "agent_process.h"
+#include "core/json.h"
+
+namespace tervain::testing {
+namespace {
+
+int openDescriptors(pid_t pid) {
+  int count = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+    (void)entry;
+    ++count;
+  }
+  return count;
+}
+
+TEST(DescriptorExhaustionTest, AcceptFailureIsLoggedAndServingResumes) {
+  if (!std::filesystem::exists("/proc/self/fd")) GTEST_SKIP() << "needs /proc";
+  AgentProcess agent;
+  const int inUse = openDescriptors(agent.pid());
+  const rlimit tight{static_cast<rlim_t>(inUse + 3), static_cast<rlim_t>(inUse + 3)};
+  ASSERT_EQ(prlimit(agent.pid(), RLIMIT_NOFILE, &tight, nullptr), 0);
+
+  // Three connections fit; the fourth waits in the backlog while accept fails.
+  std::vector<LineClient> clients;
+  for (int i = 0; i < 6; ++i) {
+    clients.push_back(agent.connect());
+    ASSERT_TRUE(clients.back().valid());
+    ASSERT_TRUE(clients.back().send("{\"op\":\"ping\"}\n"));
+  }
+  ASSERT_TRUE(agent.waitForLog("accept failed (errno 24); retrying"));
+  EXPECT_TRUE(agent.running());
+  EXPECT_TRUE(clients.front().readLine()) << "an accepted connection is still served";
+
+  // Free the agent's descriptors: every waiting connection is accepted in turn and answered.
+  for (std::size_t i = 0; i < 3; ++i) clients[i].close();
+  for (std::size_t i = 3; i < clients.size(); ++i) {
+    const auto reply = clients[i].readLine(15s);
+    ASSERT_TRUE(reply) << "connection " << i << " was never served";
+    EXPECT_EQ(Json::parse(*reply)["ok"], true);
+    clients[i].close();
+  }
+  const auto fresh = agent.request("{\"op\":\"ping\"}");
+  ASSERT_TRUE(fresh);
+  EXPECT_EQ(Json::parse(*fresh)["ok"], true);
+  EXPECT_TRUE(agent.running());
+}
+
+}  // namespace
+}  // namespace tervain::testing
