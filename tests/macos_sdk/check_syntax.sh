@@ -11,7 +11,11 @@ clangxx="${2:-clang++}"
 clang="${3:-clang}"
 sdk="$root/tests/macos_sdk/include"
 
-warnings=(-Wall -Wextra -Wpedantic -Werror -Wno-missing-field-initializers)
+# The project's warnings, plus the conversion warnings: a CGFloat (double) passed where the
+# accessibility API takes a float, or a signed size where an unsigned one is due, compiles
+# silently otherwise.
+warnings=(-Wall -Wextra -Wpedantic -Werror -Wno-missing-field-initializers -Wconversion
+  -Wsign-conversion)
 includes=(-isystem "$sdk" -I "$root/src")
 objcxx=(-x objective-c++ -std=c++20 -fobjc-arc -fblocks -fobjc-runtime=macosx-14.0)
 # The .cpp files are built as plain C++ on a Mac: parsing them as such too proves that no
@@ -59,5 +63,24 @@ for file in ${darwin_cxx[@]+"${darwin_cxx[@]}"}; do
   check "${file#"$root"/} (c++)" "$clangxx" -fsyntax-only "${cxx[@]}" "${warnings[@]}" \
     "${darwin_defines[@]}" "${includes[@]}" "$file"
 done
+
+# Parsing cannot see a seam method that is declared but defined nowhere (only the Mac's linker
+# would): every override in the adapter's class must have a definition in one of its files.
+header="$root/src/platform/macos/macos_desktop.h"
+overrides=0
+while IFS= read -r declaration; do
+  method="$(grep -oE '[A-Za-z_][A-Za-z0-9_]*\(' <<<"$declaration" | head -n 1)"
+  method="${method%(}"
+  overrides=$((overrides + 1))
+  if ! grep -q "MacDesktop::$method(" "${adapter[@]}"; then
+    echo "FAILED  MacDesktop::$method is declared but defined in no adapter file" >&2
+    failed=1
+  fi
+done < <(sed 's://.*$::' "$header" | tr '\n' ' ' | tr ';' '\n' | grep ' override')
+if ((overrides == 0)); then
+  echo "FAILED  no overrides found in $header" >&2
+  failed=1
+fi
+echo "checked $overrides seam methods for a definition"
 
 exit "$failed"
