@@ -97,14 +97,16 @@ typedef enum CGEventField : uint32_t {
   kCGMouseEventClickState = 1,
 } CGEventField;
 
-typedef enum CGEventFlags : uint64_t {
+// An option set: in C++ the type is the 64-bit integer itself, the masks are its constants.
+typedef uint64_t CGEventFlags;
+enum : CGEventFlags {
   kCGEventFlagMaskAlphaShift = 0x00010000,
   kCGEventFlagMaskShift = 0x00020000,
   kCGEventFlagMaskControl = 0x00040000,
   kCGEventFlagMaskAlternate = 0x00080000,
   kCGEventFlagMaskCommand = 0x00100000,
   kCGEventFlagMaskSecondaryFn = 0x00800000,
-} CGEventFlags;
+};
 
 typedef enum CGEventTapLocation : uint32_t {
   kCGHIDEventTap = 0,
