@@ -2,8 +2,7 @@
 # project's own Apple declarations), the packaging property lists and the shell scripts.
 # Included from the test section of the top-level CMakeLists.txt.
 
-set(TERVAIN_ROOT ${CMAKE_CURRENT_LIST_DIR}/..)
-cmake_path(NORMAL_PATH TERVAIN_ROOT)
+get_filename_component(TERVAIN_ROOT ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
 
 # On a Mac the adapter is compiled for real; elsewhere clang parses it.
 if(NOT APPLE)
