@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Installs TervainVMAgent as a LaunchAgent of the current user and starts it.
+#   packaging/macos/install.sh [BINARY]
+# Run it as the guest's GUI user (the one logged in to the desktop), not as root: the agent
+# lives in that user's Aqua session. sudo is asked for only to copy the binary to
+# /usr/local/libexec/tervain when that folder is not writable. BINARY defaults to the release
+# build (build/release/TervainVMAgent); sign it first with sign.sh.
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+# shellcheck source=packaging/macos/common.sh
+source "$here/common.sh"
+
+binary="${1:-$here/../../build/release/$tervain_binary_name}"
+installed="$tervain_install_dir/$tervain_binary_name"
+agents_dir="$HOME/Library/LaunchAgents"
+plist="$agents_dir/$tervain_label.plist"
+uid="$(id -u)"
+domain="gui/$uid"
+
+tervain_require_macos
+[[ "$uid" -ne 0 ]] || tervain_die "run as the desktop user, not root (the agent needs that user's GUI session)"
+[[ -f "$binary" ]] || tervain_die "no binary at $binary (build it with scripts/run or cmake --build)"
+
+requirement="$(tervain_designated_requirement "$binary")"
+if ! tervain_requirement_is_stable "$requirement"; then
+  echo "warning: $binary is not signed with a persistent identity (designated => ${requirement:-none});" >&2
+  echo "warning: privacy grants will not survive the next build. Sign it with packaging/macos/sign.sh." >&2
+fi
+
+privileged() {
+  if [[ -d "$tervain_install_dir" && -w "$tervain_install_dir" ]]; then
+    "$@"
+  else
+    sudo "$@"
+  fi
+}
+
+# Stop the running agent first; launchd removes the service asynchronously, so wait (bounded)
+# until it is gone before loading it again.
+stop_agent() {
+  launchctl bootout "$domain/$tervain_label" 2>/dev/null || return 0
+  local tries=0
+  while launchctl print "$domain/$tervain_label" >/dev/null 2>&1; do
+    tries=$((tries + 1))
+    ((tries <= 50)) || tervain_die "the old agent did not stop within 10 s"
+    sleep 0.2
+  done
+}
+
+stop_agent
+
+# A fresh file, then a rename: replacing a signed executable in place can leave the kernel with
+# a stale signature for the old inode.
+privileged mkdir -p "$tervain_install_dir"
+privileged cp "$binary" "$installed.new"
+privileged chmod 755 "$installed.new"
+privileged mv -f "$installed.new" "$installed"
+
+# launchd does not expand ~, so the log path is written out in full.
+log="$HOME/Library/Logs/$tervain_binary_name.log"
+mkdir -p "$agents_dir" "$(dirname "$log")"
+cp "$here/$tervain_label.plist" "$plist.new"
+plutil -replace StandardErrorPath -string "$log" "$plist.new"
+plutil -replace StandardOutPath -string "$log" "$plist.new"
+plutil -lint -s "$plist.new"
+mv -f "$plist.new" "$plist"
+
+launchctl bootstrap "$domain" "$plist"
+
+echo "installed $installed"
+echo "LaunchAgent $plist loaded in $domain"
+echo "log: $log"
