@@ -100,8 +100,8 @@ Reply ConnectionHandler::opMove(const Json& request) {
   const std::optional<std::int64_t> x = intField(request, "x");
   const std::optional<std::int64_t> y = intField(request, "y");
   if (!x || !y) return Reply::failure("move requires x and y");
-  postIfCreated(desktop,
-                desktop.createMouseEvent(EventType::mouseMoved, pointAt(*x, *y), MouseButton::left));
+  postIfCreated(
+      desktop, desktop.createMouseEvent(EventType::mouseMoved, pointAt(*x, *y), MouseButton::left));
   return Reply::success();
 }
 
@@ -150,9 +150,9 @@ Reply ConnectionHandler::opScroll(const Json& request) {
     return Reply::failure("scroll requires dx and/or dy");
   }
   // One event carries the whole amount: wheel 1 is vertical, wheel 2 horizontal.
-  InputEventPtr event = desktop.createScrollWheelEvent(
-      ScrollUnit::line, 2, static_cast<std::int32_t>(dy.value_or(0)),
-      static_cast<std::int32_t>(dx.value_or(0)), 0);
+  InputEventPtr event =
+      desktop.createScrollWheelEvent(ScrollUnit::line, 2, static_cast<std::int32_t>(dy.value_or(0)),
+                                     static_cast<std::int32_t>(dx.value_or(0)), 0);
   if (!event) return Reply::failure("could not create the scroll event");
   desktop.postEvent(*event);
   return Reply::success();

@@ -38,7 +38,8 @@ std::string describe(const TimelineStep& step) {
       std::string text = "key " + std::to_string(e.virtualKey) + (e.keyDown ? " down" : " up");
       if (e.flags) {
         char flags[32];
-        std::snprintf(flags, sizeof flags, " flags 0x%llx", static_cast<unsigned long long>(*e.flags));
+        std::snprintf(flags, sizeof flags, " flags 0x%llx",
+                      static_cast<unsigned long long>(*e.flags));
         text += flags;
       }
       if (!e.unicode.empty()) text += " units " + std::to_string(e.unicode.size());
@@ -79,10 +80,9 @@ using Steps = std::vector<std::string>;
 
 TEST_F(InputOpsTest, MissingGrantIsReportedBeforeAnyMemberIsRead) {
   desktop.postEvents = false;
-  for (const char* line :
-       {R"({"op":"click"})", R"({"op":"move"})", R"({"op":"drag"})", R"({"op":"scroll"})",
-        R"({"op":"type"})", R"({"op":"key"})", R"({"op":"click","x":1,"y":2})",
-        R"({"op":"key","chord":"cmd+s"})"}) {
+  for (const char* line : {R"({"op":"click"})", R"({"op":"move"})", R"({"op":"drag"})",
+                           R"({"op":"scroll"})", R"({"op":"type"})", R"({"op":"key"})",
+                           R"({"op":"click","x":1,"y":2})", R"({"op":"key","chord":"cmd+s"})"}) {
     EXPECT_EQ(error(line), kNotGranted) << line;
   }
   EXPECT_TRUE(desktop.timeline().empty());
@@ -100,19 +100,18 @@ TEST_F(InputOpsTest, ClickMovesThenPressesAndReleases) {
 
 TEST_F(InputOpsTest, ClickCountIsClampedAndSetsClickStates) {
   run(R"({"op":"click","x":1,"y":2,"count":7})");
-  EXPECT_EQ(steps(),
-            (Steps{"mouse 5 (1,2) button 0", "mouse 1 (1,2) button 0 click 1", "sleep 40000",
-                   "mouse 2 (1,2) button 0 click 1", "sleep 90000",
-                   "mouse 1 (1,2) button 0 click 2", "sleep 40000",
-                   "mouse 2 (1,2) button 0 click 2", "sleep 90000",
-                   "mouse 1 (1,2) button 0 click 3", "sleep 40000",
-                   "mouse 2 (1,2) button 0 click 3"}));
+  EXPECT_EQ(
+      steps(),
+      (Steps{"mouse 5 (1,2) button 0", "mouse 1 (1,2) button 0 click 1", "sleep 40000",
+             "mouse 2 (1,2) button 0 click 1", "sleep 90000", "mouse 1 (1,2) button 0 click 2",
+             "sleep 40000", "mouse 2 (1,2) button 0 click 2", "sleep 90000",
+             "mouse 1 (1,2) button 0 click 3", "sleep 40000", "mouse 2 (1,2) button 0 click 3"}));
 }
 
 TEST_F(InputOpsTest, ClickCountBelowOneIsOneClick) {
-  for (const char* line : {R"({"op":"click","x":1,"y":2,"count":0})",
-                           R"({"op":"click","x":1,"y":2,"count":-4})",
-                           R"({"op":"click","x":1,"y":2,"count":"3"})"}) {
+  for (const char* line :
+       {R"({"op":"click","x":1,"y":2,"count":0})", R"({"op":"click","x":1,"y":2,"count":-4})",
+        R"({"op":"click","x":1,"y":2,"count":"3"})"}) {
     const std::size_t from = mark();
     EXPECT_TRUE(run(line).ok()) << line;
     EXPECT_EQ(steps(from).size(), 4u) << line;
@@ -147,8 +146,8 @@ TEST_F(InputOpsTest, ClickButtonNamesAreExact) {
     buttons.push_back(std::to_string(static_cast<int>(e.type)) + "/" +
                       std::to_string(static_cast<int>(e.button)));
   }
-  EXPECT_EQ(buttons, (Steps{"3/1", "4/1", "25/2", "26/2", "1/0", "2/0", "1/0", "2/0", "1/0",
-                            "2/0"}));
+  EXPECT_EQ(buttons,
+            (Steps{"3/1", "4/1", "25/2", "26/2", "1/0", "2/0", "1/0", "2/0", "1/0", "2/0"}));
 }
 
 TEST_F(InputOpsTest, ClickCreationFailurePostsNothingOfThatPair) {
@@ -251,9 +250,9 @@ TEST_F(InputOpsTest, ScrollClampsEachAxisAndPostsOneEvent) {
 }
 
 TEST_F(InputOpsTest, ScrollNeedsANonZeroDelta) {
-  for (const char* line : {R"({"op":"scroll"})", R"({"op":"scroll","dx":0,"dy":0})",
-                           R"({"op":"scroll","dy":0})", R"({"op":"scroll","dy":0.5})",
-                           R"({"op":"scroll","dy":"5"})"}) {
+  for (const char* line :
+       {R"({"op":"scroll"})", R"({"op":"scroll","dx":0,"dy":0})", R"({"op":"scroll","dy":0})",
+        R"({"op":"scroll","dy":0.5})", R"({"op":"scroll","dy":"5"})"}) {
     EXPECT_EQ(error(line), "scroll requires dx and/or dy") << line;
   }
   desktop.refuseEvent = [](const FakeEvent&) { return true; };
@@ -265,17 +264,18 @@ TEST_F(InputOpsTest, ScrollNeedsANonZeroDelta) {
 
 TEST_F(InputOpsTest, KeyPressesTheChordsKeyWithFlagsOnBothEvents) {
   EXPECT_EQ(run(R"({"op":"key","chord":"Cmd+Shift+Z"})").body, Json({{"ok", true}}));
-  EXPECT_EQ(steps(), (Steps{"key 6 down flags 0x120000", "sleep 30000", "key 6 up flags 0x120000"}));
+  EXPECT_EQ(steps(),
+            (Steps{"key 6 down flags 0x120000", "sleep 30000", "key 6 up flags 0x120000"}));
 }
 
 TEST_F(InputOpsTest, KeyFlagsAreSetEvenWhenEmpty) {
   run(R"({"op":"key","chord":"escape+a"})");
   run(R"({"op":"key","chord":"ctrl+alt+backspace"})");
   run(R"({"op":"key","chord":"shift+ArrowUp"})");
-  EXPECT_EQ(steps(), (Steps{"key 0 down flags 0x0", "sleep 30000", "key 0 up flags 0x0",
-                            "key 51 down flags 0xc0000", "sleep 30000", "key 51 up flags 0xc0000",
-                            "key 126 down flags 0x20000", "sleep 30000",
-                            "key 126 up flags 0x20000"}));
+  EXPECT_EQ(steps(),
+            (Steps{"key 0 down flags 0x0", "sleep 30000", "key 0 up flags 0x0",
+                   "key 51 down flags 0xc0000", "sleep 30000", "key 51 up flags 0xc0000",
+                   "key 126 down flags 0x20000", "sleep 30000", "key 126 up flags 0x20000"}));
 }
 
 TEST_F(InputOpsTest, KeyErrorsEchoTheChordAsSent) {

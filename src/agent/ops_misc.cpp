@@ -68,9 +68,8 @@ Reply ConnectionHandler::opLaunchApp(const Json& request) {
     // The completion may come after this request has given up waiting, so it holds its own
     // share of the box. A completion that never comes is taken as a launch in progress.
     auto outcome = std::make_shared<ResultBox<std::optional<std::string>>>();
-    desktop.openApplication(found, [outcome](std::optional<std::string> error) {
-      outcome->put(std::move(error));
-    });
+    desktop.openApplication(
+        found, [outcome](std::optional<std::string> error) { outcome->put(std::move(error)); });
     const std::optional<std::optional<std::string>> error = outcome->waitFor(context.launchTimeout);
     if (error && *error) return Reply::failure("could not launch " + *name + ": " + **error);
     return Reply::success();

@@ -1,8 +1,7 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <fstream>
@@ -51,8 +50,9 @@ class LaunchAppTest : public ::testing::Test {
 };
 
 TEST_F(LaunchAppTest, NameMustBeANonEmptyString) {
-  for (const char* line : {R"({"op":"launch_app"})", R"({"op":"launch_app","name":""})",
-                           R"({"op":"launch_app","name":7})", R"({"op":"launch_app","name":null})"}) {
+  for (const char* line :
+       {R"({"op":"launch_app"})", R"({"op":"launch_app","name":""})",
+        R"({"op":"launch_app","name":7})", R"({"op":"launch_app","name":null})"}) {
     EXPECT_EQ(run(line).error(), "launch_app requires a non-empty \"name\"") << line;
   }
   EXPECT_TRUE(desktop.existenceChecks.empty());
@@ -61,11 +61,12 @@ TEST_F(LaunchAppTest, NameMustBeANonEmptyString) {
 TEST_F(LaunchAppTest, FoldersAreTriedInOrderUntilOneHoldsTheBundle) {
   desktop.existingFiles = {"/System/Applications/Utilities/Terminal.app"};
   EXPECT_EQ(launch("Terminal").body, Json({{"ok", true}}));
-  EXPECT_EQ(desktop.existenceChecks,
-            (std::vector<std::string>{"/Applications/Terminal.app",
-                                      "/System/Applications/Terminal.app",
-                                      "/System/Applications/Utilities/Terminal.app"}));
-  EXPECT_EQ(desktop.opened, std::vector<std::string>{"/System/Applications/Utilities/Terminal.app"});
+  EXPECT_EQ(
+      desktop.existenceChecks,
+      (std::vector<std::string>{"/Applications/Terminal.app", "/System/Applications/Terminal.app",
+                                "/System/Applications/Utilities/Terminal.app"}));
+  EXPECT_EQ(desktop.opened,
+            std::vector<std::string>{"/System/Applications/Utilities/Terminal.app"});
 }
 
 TEST_F(LaunchAppTest, TheApplicationsFolderWinsOverTheSystemOnes) {

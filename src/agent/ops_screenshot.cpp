@@ -47,8 +47,8 @@ Reply ConnectionHandler::captureDisplay(Desktop& desktop, std::int64_t index) {
   const ContentFilterGeometry geometry = desktop.contentFilterGeometry(display);
   const std::int64_t width = pixelsOf(geometry.width, geometry.pointPixelScale);
   const std::int64_t height = pixelsOf(geometry.height, geometry.pointPixelScale);
-  CapturedImage image = desktop.captureImage(display, width, height, /*showsCursor=*/true,
-                                             kJpegQuality);
+  CapturedImage image =
+      desktop.captureImage(display, width, height, /*showsCursor=*/true, kJpegQuality);
   switch (image.status) {
     case CapturedImage::Status::captureFailed:
       return Reply::failure(kCaptureFailed + image.error);
@@ -60,7 +60,7 @@ Reply ConnectionHandler::captureDisplay(Desktop& desktop, std::int64_t index) {
 
   Reply reply = Reply::success();
   reply.body["format"] = "jpeg";
-  reply.body["width"] = image.width;    // the image's own size, not the one asked for
+  reply.body["width"] = image.width;  // the image's own size, not the one asked for
   reply.body["height"] = image.height;
   reply.body["scale"] = static_cast<double>(geometry.pointPixelScale);
   // Megabytes: written as base64 straight into the reply's bytes, never through the JSON model.

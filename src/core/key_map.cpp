@@ -45,16 +45,19 @@ std::string lowerForLookup(std::string_view chord) {
 
 const std::unordered_map<std::string, std::uint64_t>& modifierFlags() {
   // A function-local static: built exactly once, thread-safely, on first use.
+  // clang-format off
   static const std::unordered_map<std::string, std::uint64_t> table = {
       {"cmd", kCommand},      {"command", kCommand}, {"meta", kCommand},
       {"super", kCommand},    {"ctrl", kControl},    {"control", kControl},
       {"alt", kAlternate},    {"opt", kAlternate},   {"option", kAlternate},
       {"shift", kShift},      {"fn", kSecondaryFn},
   };
+  // clang-format on
   return table;
 }
 
 const std::unordered_map<std::string, std::uint16_t>& keyCodes() {
+  // clang-format off
   static const std::unordered_map<std::string, std::uint16_t> table = {
       {"a", 0},        {"s", 1},         {"d", 2},          {"f", 3},
       {"h", 4},        {"g", 5},         {"z", 6},          {"x", 7},
@@ -76,14 +79,14 @@ const std::unordered_map<std::string, std::uint16_t>& keyCodes() {
       {"f8", 100},     {"f9", 101},      {"f10", 109},      {"f11", 103},
       {"f12", 111},    {"f13", 105},     {"f14", 107},      {"f15", 113},
   };
+  // clang-format on
   return table;
 }
 
 std::string normalizeKeyName(std::string_view name) {
   static constexpr std::pair<std::string_view, std::string_view> kAliases[] = {
-      {"enter", "return"},   {"escape", "esc"},        {"backspace", "delete"},
-      {"arrowup", "up"},     {"arrowdown", "down"},    {"arrowleft", "left"},
-      {"arrowright", "right"}, {"spacebar", "space"},
+      {"enter", "return"},   {"escape", "esc"},     {"backspace", "delete"}, {"arrowup", "up"},
+      {"arrowdown", "down"}, {"arrowleft", "left"}, {"arrowright", "right"}, {"spacebar", "space"},
   };
   for (const auto& [alias, canonical] : kAliases) {
     if (name == alias) return std::string(canonical);

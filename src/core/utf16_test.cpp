@@ -18,10 +18,10 @@ TEST(Utf8ToUtf16Test, EncodesEachPlane) {
 
 TEST(Utf8ToUtf16Test, InvalidBytesBecomeReplacementCharacters) {
   EXPECT_EQ(utf8ToUtf16("\x80"), u"\uFFFD");
-  EXPECT_EQ(utf8ToUtf16("\xC0\xAF"), u"\uFFFD\uFFFD");              // overlong
-  EXPECT_EQ(utf8ToUtf16("\xED\xA0\x80"), u"\uFFFD\uFFFD\uFFFD");    // encoded surrogate
+  EXPECT_EQ(utf8ToUtf16("\xC0\xAF"), u"\uFFFD\uFFFD");                      // overlong
+  EXPECT_EQ(utf8ToUtf16("\xED\xA0\x80"), u"\uFFFD\uFFFD\uFFFD");            // encoded surrogate
   EXPECT_EQ(utf8ToUtf16("\xF4\x90\x80\x80"), u"\uFFFD\uFFFD\uFFFD\uFFFD");  // above U+10FFFF
-  EXPECT_EQ(utf8ToUtf16("a\xE2\x82"), u"a\uFFFD\uFFFD");            // truncated
+  EXPECT_EQ(utf8ToUtf16("a\xE2\x82"), u"a\uFFFD\uFFFD");                    // truncated
   EXPECT_EQ(utf8ToUtf16("\xE2\x82z"), u"\uFFFD\uFFFDz");
 }
 
