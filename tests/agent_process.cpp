@@ -168,7 +168,10 @@ AgentProcess::AgentProcess(Options options) {
     for (;;) {
       const ssize_t n = ::read(stderrFd, chunk, sizeof chunk);
       if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return;
+      if (n <= 0) {
+        logClosed = true;
+        return;
+      }
       std::lock_guard lock(logMutex);
       logText.append(chunk, static_cast<std::size_t>(n));
     }
@@ -230,8 +233,9 @@ bool AgentProcess::running() {
 std::optional<int> AgentProcess::waitForExit(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (running() && Clock::now() < deadline) std::this_thread::sleep_for(2ms);
-  // Once the agent is gone its output ends too: collect the rest of it before anyone reads the log.
-  if (exitStatus && reader.joinable()) reader.join();
+  // The agent's last lines may still sit in the pipe when it has been reaped: read them before
+  // the caller looks at the log.
+  while (exitStatus && !logClosed && Clock::now() < deadline) std::this_thread::sleep_for(2ms);
   return exitStatus;
 }
 

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <mutex>
@@ -97,6 +98,7 @@ class AgentProcess {
   pid_t child = -1;
   int stderrFd = -1;
   std::thread reader;
+  std::atomic<bool> logClosed{false};  // the reader saw the end of the agent's output
   mutable std::mutex logMutex;
   std::string logText;
   std::optional<int> exitStatus;

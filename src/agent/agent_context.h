@@ -1,7 +1,11 @@
 // What every connection of one agent process shares.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "platform/desktop.h"
 
@@ -13,6 +17,18 @@ struct AgentContext {
   explicit AgentContext(Desktop& d) : desktop(d) {}
 
   Desktop& desktop;
+
+  // How long "screenshot" waits for its capture before it answers "screenshot timed out".
+  std::chrono::milliseconds screenshotTimeout{15'000};
+  // How long "launch_app" waits for the workspace to acknowledge an open.
+  std::chrono::milliseconds launchTimeout{15'000};
+  // The program that resolves an application name when no bundle is found ("open -a NAME").
+  std::string openToolPath = "/usr/bin/open";
+  // Runs a job off the calling thread. The job owns everything it touches, since it may outlive
+  // the request that started it. By default each job gets a new detached thread.
+  std::function<void(std::function<void()>)> startWorker = [](std::function<void()> job) {
+    std::thread(std::move(job)).detach();
+  };
 };
 
 }  // namespace tervain

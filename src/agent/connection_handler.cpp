@@ -25,7 +25,15 @@ struct OpEntry {
 // run() routes them before dispatch.
 constexpr OpEntry kOperations[] = {
     {"ping", [](ConnectionHandler& h, const Json&) { return h.opPing(); }},
+    {"screenshot", [](ConnectionHandler& h, const Json& r) { return h.opScreenshot(r); }},
+    {"click", [](ConnectionHandler& h, const Json& r) { return h.opClick(r); }},
+    {"move", [](ConnectionHandler& h, const Json& r) { return h.opMove(r); }},
+    {"drag", [](ConnectionHandler& h, const Json& r) { return h.opDrag(r); }},
+    {"type", [](ConnectionHandler& h, const Json& r) { return h.opType(r); }},
+    {"key", [](ConnectionHandler& h, const Json& r) { return h.opKey(r); }},
+    {"scroll", [](ConnectionHandler& h, const Json& r) { return h.opScroll(r); }},
     {"cursor_position", [](ConnectionHandler& h, const Json&) { return h.opCursorPosition(); }},
+    {"launch_app", [](ConnectionHandler& h, const Json& r) { return h.opLaunchApp(r); }},
 };
 
 Reply malformedRequest() {

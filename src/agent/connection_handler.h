@@ -1,6 +1,7 @@
 // One host connection, from accept to close.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,7 +44,25 @@ class ConnectionHandler {
   Reply opPing();
   Reply opCursorPosition();
 
+  // Screen capture: one display as a JPEG, captured off this thread within a deadline.
+  Reply opScreenshot(const Json& request);
+
+  // Input synthesis. Each blocks this thread for its pacing and answers once the last event is
+  // posted.
+  Reply opClick(const Json& request);
+  Reply opMove(const Json& request);
+  Reply opDrag(const Json& request);
+  Reply opScroll(const Json& request);
+  Reply opType(const Json& request);
+  Reply opKey(const Json& request);
+
+  // Application launch through the workspace, or "open -a" when no bundle is found.
+  Reply opLaunchApp(const Json& request);
+
  private:
+  // The capture itself, run on a worker thread: success or error reply, never throws.
+  static Reply captureDisplay(Desktop& desktop, std::int64_t index);
+
   const int fd;
   LineSplitBuffer lines;
   AgentContext& context;

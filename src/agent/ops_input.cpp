@@ -1,0 +1,207 @@
+// Input synthesis: "click", "move", "drag", "scroll" (pointer) and "type", "key" (keyboard).
+//
+// Every operation checks the input-synthesis grant before it reads any member, then creates
+// events through the desktop and posts them with fixed pacing. Pacing goes through
+// Desktop::sleepMicros so the tests see every delay in order. Where two events form a pair (a
+// press and its release), both are created before either is posted, so a creation failure never
+// leaves a button or a key held down.
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "agent/connection_handler.h"
+#include "core/key_map.h"
+#include "core/request_members.h"
+#include "core/utf16.h"
+
+namespace tervain {
+namespace {
+
+constexpr const char* kPostEventNotGranted =
+    "input synthesis (kTCCServicePostEvent) is not granted to the agent \u2014 re-run provisioning";
+
+// Pacing, in microseconds. Applications drop presses that are too short and merge clicks or
+// drag steps that come too close together.
+constexpr std::uint32_t kPressHoldMicros = 40'000;
+constexpr std::uint32_t kBetweenClicksMicros = 90'000;
+constexpr std::uint32_t kDragSettleMicros = 60'000;
+constexpr std::uint32_t kDragStepMicros = 15'000;
+constexpr int kDragSteps = 12;
+constexpr std::uint32_t kKeyHoldMicros = 30'000;
+constexpr std::uint32_t kTypeChunkMicros = 12'000;
+
+// The platform takes at most this many UTF-16 units on one key event.
+constexpr std::size_t kTypeChunkUnits = 16;
+constexpr std::int64_t kMaxScrollLines = 40;
+
+// A numeric member as a signed 64-bit integer: integers as they are, reals truncated toward
+// zero. Anything else, and reals that are not finite or out of range, count as missing.
+std::optional<std::int64_t> intField(const Json& request, std::string_view key) {
+  return truncatedIntegerMember(request, key);
+}
+
+Point pointAt(std::int64_t x, std::int64_t y) {
+  return {static_cast<double>(x), static_cast<double>(y)};
+}
+
+struct ButtonEvents {
+  EventType down;
+  EventType up;
+  MouseButton button;
+};
+
+// Exact, case-sensitive names; every other value (and no value) is the left button.
+ButtonEvents selectButton(const Json& request) {
+  const std::string* name = stringMember(request, "button");
+  if (name != nullptr && *name == "right") {
+    return {EventType::rightMouseDown, EventType::rightMouseUp, MouseButton::right};
+  }
+  if (name != nullptr && *name == "middle") {
+    return {EventType::otherMouseDown, EventType::otherMouseUp, MouseButton::center};
+  }
+  return {EventType::leftMouseDown, EventType::leftMouseUp, MouseButton::left};
+}
+
+// Creates and posts one event, skipping it silently when it cannot be created.
+void postIfCreated(Desktop& desktop, InputEventPtr event) {
+  if (event) desktop.postEvent(*event);
+}
+
+}  // namespace
+
+Reply ConnectionHandler::opClick(const Json& request) {
+  if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
+  const std::optional<std::int64_t> x = intField(request, "x");
+  const std::optional<std::int64_t> y = intField(request, "y");
+  if (!x || !y) return Reply::failure("click requires x and y");
+  const std::int64_t count = std::clamp<std::int64_t>(intField(request, "count").value_or(1), 1, 3);
+  const ButtonEvents button = selectButton(request);
+  const Point at = pointAt(*x, *y);
+
+  postIfCreated(desktop, desktop.createMouseEvent(EventType::mouseMoved, at, MouseButton::left));
+  for (std::int64_t n = 1; n <= count; ++n) {
+    InputEventPtr down = desktop.createMouseEvent(button.down, at, button.button);
+    InputEventPtr up = desktop.createMouseEvent(button.up, at, button.button);
+    if (!down || !up) return Reply::failure("could not create the mouse event");
+    // The click state makes the second round a double-click and the third a triple-click.
+    desktop.setIntegerValueField(*down, EventField::mouseEventClickState, n);
+    desktop.setIntegerValueField(*up, EventField::mouseEventClickState, n);
+    desktop.postEvent(*down);
+    desktop.sleepMicros(kPressHoldMicros);
+    desktop.postEvent(*up);
+    if (n < count) desktop.sleepMicros(kBetweenClicksMicros);
+  }
+  return Reply::success();
+}
+
+Reply ConnectionHandler::opMove(const Json& request) {
+  if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
+  const std::optional<std::int64_t> x = intField(request, "x");
+  const std::optional<std::int64_t> y = intField(request, "y");
+  if (!x || !y) return Reply::failure("move requires x and y");
+  postIfCreated(
+      desktop, desktop.createMouseEvent(EventType::mouseMoved, pointAt(*x, *y), MouseButton::left));
+  return Reply::success();
+}
+
+Reply ConnectionHandler::opDrag(const Json& request) {
+  if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
+  const std::optional<std::int64_t> toX = intField(request, "toX");
+  const std::optional<std::int64_t> toY = intField(request, "toY");
+  if (!toX || !toY) return Reply::failure("drag requires toX and toY");
+
+  Point start = desktop.pointerLocation().value_or(Point{0, 0});
+  if (const auto fromX = intField(request, "fromX")) start.x = static_cast<double>(*fromX);
+  if (const auto fromY = intField(request, "fromY")) start.y = static_cast<double>(*fromY);
+  const Point to = pointAt(*toX, *toY);
+
+  // A drag is best effort throughout: an event that cannot be created is left out and the
+  // sequence goes on with its timing intact.
+  postIfCreated(desktop, desktop.createMouseEvent(EventType::mouseMoved, start, MouseButton::left));
+  desktop.sleepMicros(kDragSettleMicros);
+  postIfCreated(desktop,
+                desktop.createMouseEvent(EventType::leftMouseDown, start, MouseButton::left));
+  for (int i = 1; i <= kDragSteps; ++i) {
+    const double t = static_cast<double>(i) / kDragSteps;
+    // The last step is exactly the target: computed as start + (to - start) * 1.0 it could
+    // round away from it, so it is taken as it is.
+    const Point step = i == kDragSteps
+                           ? to
+                           : Point{start.x + (to.x - start.x) * t, start.y + (to.y - start.y) * t};
+    desktop.sleepMicros(kDragStepMicros);
+    postIfCreated(desktop,
+                  desktop.createMouseEvent(EventType::leftMouseDragged, step, MouseButton::left));
+  }
+  desktop.sleepMicros(kDragSettleMicros);
+  postIfCreated(desktop, desktop.createMouseEvent(EventType::leftMouseUp, to, MouseButton::left));
+  return Reply::success();
+}
+
+Reply ConnectionHandler::opScroll(const Json& request) {
+  if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
+  const auto clampLines = [](std::optional<std::int64_t> v) -> std::optional<std::int64_t> {
+    if (!v) return std::nullopt;
+    return std::clamp<std::int64_t>(*v, -kMaxScrollLines, kMaxScrollLines);
+  };
+  const std::optional<std::int64_t> dy = clampLines(intField(request, "dy"));
+  const std::optional<std::int64_t> dx = clampLines(intField(request, "dx"));
+  if (dy.value_or(0) == 0 && dx.value_or(0) == 0) {
+    return Reply::failure("scroll requires dx and/or dy");
+  }
+  // One event carries the whole amount: wheel 1 is vertical, wheel 2 horizontal.
+  InputEventPtr event =
+      desktop.createScrollWheelEvent(ScrollUnit::line, 2, static_cast<std::int32_t>(dy.value_or(0)),
+                                     static_cast<std::int32_t>(dx.value_or(0)), 0);
+  if (!event) return Reply::failure("could not create the scroll event");
+  desktop.postEvent(*event);
+  return Reply::success();
+}
+
+Reply ConnectionHandler::opType(const Json& request) {
+  if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
+  const std::string* text = stringMember(request, "text");
+  if (text == nullptr || text->empty()) return Reply::failure("type requires non-empty \"text\"");
+
+  // Chunks are cut by code unit count alone: a surrogate pair or a combining sequence that
+  // straddles a boundary is split between two events. Receivers put the halves back together.
+  const std::u16string units = utf8ToUtf16(*text);
+  for (std::size_t offset = 0; offset < units.size(); offset += kTypeChunkUnits) {
+    const std::u16string chunk = units.substr(offset, kTypeChunkUnits);
+    // Virtual key 0 with a Unicode string attached: the application takes the string as typed
+    // text, whatever the keyboard layout.
+    InputEventPtr down = desktop.createKeyboardEvent(0, true);
+    InputEventPtr up = desktop.createKeyboardEvent(0, false);
+    if (!down || !up) return Reply::failure("could not create the keyboard event");
+    desktop.keyboardSetUnicodeString(*down, chunk);
+    desktop.keyboardSetUnicodeString(*up, chunk);
+    desktop.postEvent(*down);
+    desktop.postEvent(*up);
+    desktop.sleepMicros(kTypeChunkMicros);
+  }
+  return Reply::success();
+}
+
+Reply ConnectionHandler::opKey(const Json& request) {
+  if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
+  const std::string* chord = stringMember(request, "chord");
+  if (chord == nullptr || chord->empty()) {
+    return Reply::failure("key requires a \"chord\" (e.g. \"cmd+s\")");
+  }
+  const std::optional<KeyStroke> stroke = KeyMap::stroke(*chord);
+  if (!stroke) return Reply::failure("unrecognized key in chord \"" + *chord + "\"");
+
+  InputEventPtr down = desktop.createKeyboardEvent(stroke->keyCode, true);
+  InputEventPtr up = desktop.createKeyboardEvent(stroke->keyCode, false);
+  if (!down || !up) return Reply::failure("could not create the keyboard event");
+  // Always set, also to 0: a new key event picks up the modifiers currently held on the
+  // keyboard, and the chord must mean the same whatever the guest's keyboard state.
+  desktop.setFlags(*down, stroke->flags);
+  desktop.setFlags(*up, stroke->flags);
+  desktop.postEvent(*down);
+  desktop.sleepMicros(kKeyHoldMicros);
+  desktop.postEvent(*up);
+  return Reply::success();
+}
+
+}  // namespace tervain

@@ -1,0 +1,116 @@
+#include "core/key_map.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace tervain {
+namespace {
+
+std::optional<KeyStroke> strokeOf(std::string_view chord) { return KeyMap::stroke(chord); }
+
+TEST(KeyMapTablesTest, HoldExactlyTheNamedEntries) {
+  EXPECT_EQ(KeyMap::modifierFlags().size(), 11u);
+  EXPECT_EQ(KeyMap::keyCodes().size(), 76u);
+
+  std::size_t singleCharacters = 0;
+  std::set<std::uint16_t> codes;
+  for (const auto& [name, code] : KeyMap::keyCodes()) {
+    if (name.size() == 1) ++singleCharacters;
+    codes.insert(code);
+  }
+  EXPECT_EQ(singleCharacters, 47u);
+  EXPECT_EQ(codes.size(), 76u) << "every key name has its own code";
+
+  EXPECT_EQ(KeyMap::keyCodes().at("\\"), 42);
+  EXPECT_EQ(KeyMap::keyCodes().at("`"), 50);
+  EXPECT_EQ(KeyMap::keyCodes().at("b"), 11);
+  EXPECT_EQ(KeyMap::keyCodes().at("l"), 37);
+  EXPECT_EQ(KeyMap::keyCodes().at("forwarddelete"), 117);
+  EXPECT_EQ(KeyMap::keyCodes().at("f15"), 113);
+  EXPECT_EQ(KeyMap::modifierFlags().at("fn"), 0x800000u);
+  EXPECT_EQ(KeyMap::modifierFlags().at("super"), 0x100000u);
+  EXPECT_EQ(KeyMap::modifierFlags().at("option"), 0x80000u);
+  EXPECT_EQ(KeyMap::keyCodes().count("A"), 0u);
+  EXPECT_EQ(KeyMap::keyCodes().count("f16"), 0u);
+  EXPECT_EQ(KeyMap::keyCodes().count("+"), 0u);
+}
+
+TEST(KeyMapTablesTest, FirstUseFromManyThreadsSeesOneTable) {
+  std::vector<const void*> seen(8);
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    threads.emplace_back([&seen, i] {
+      seen[i] = &KeyMap::keyCodes();
+      EXPECT_EQ(KeyMap::stroke("cmd+s"), (KeyStroke{1, 0x100000}));
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (const void* table : seen) EXPECT_EQ(table, seen[0]);
+}
+
+TEST(KeyMapNormalizeTest, AppliesTheEightAliasesOnly) {
+  EXPECT_EQ(KeyMap::normalizeKeyName("enter"), "return");
+  EXPECT_EQ(KeyMap::normalizeKeyName("escape"), "esc");
+  EXPECT_EQ(KeyMap::normalizeKeyName("backspace"), "delete");
+  EXPECT_EQ(KeyMap::normalizeKeyName("arrowup"), "up");
+  EXPECT_EQ(KeyMap::normalizeKeyName("arrowdown"), "down");
+  EXPECT_EQ(KeyMap::normalizeKeyName("arrowleft"), "left");
+  EXPECT_EQ(KeyMap::normalizeKeyName("arrowright"), "right");
+  EXPECT_EQ(KeyMap::normalizeKeyName("spacebar"), "space");
+  EXPECT_EQ(KeyMap::normalizeKeyName("Enter"), "Enter");
+  EXPECT_EQ(KeyMap::normalizeKeyName("return"), "return");
+  EXPECT_EQ(KeyMap::normalizeKeyName("del"), "del");
+  EXPECT_EQ(KeyMap::normalizeKeyName(""), "");
+}
+
+TEST(KeyMapChordTest, ModifiersCombineIntoFlags) {
+  EXPECT_EQ(strokeOf("Cmd+Shift+Z"), (KeyStroke{6, 0x120000}));
+  EXPECT_EQ(strokeOf("ctrl+alt+delete"), (KeyStroke{51, 0xC0000}));
+  EXPECT_EQ(strokeOf("ctrl+alt+backspace"), (KeyStroke{51, 0xC0000}));
+  EXPECT_EQ(strokeOf("command+enter"), (KeyStroke{36, 0x100000}));
+  EXPECT_EQ(strokeOf("enter"), (KeyStroke{36, 0}));
+  EXPECT_EQ(strokeOf("shift+arrowup"), (KeyStroke{126, 0x20000}));
+  EXPECT_EQ(strokeOf("shift+ArrowUp"), (KeyStroke{126, 0x20000}));
+  EXPECT_EQ(strokeOf("fn+f1"), (KeyStroke{122, 0x800000}));
+  EXPECT_EQ(strokeOf("meta+super+cmd+a"), (KeyStroke{0, 0x100000}));
+  EXPECT_EQ(strokeOf("cmd+="), (KeyStroke{24, 0x100000}));
+  EXPECT_EQ(strokeOf("A"), (KeyStroke{0, 0}));
+}
+
+TEST(KeyMapChordTest, UnknownModifiersAreSkipped) {
+  EXPECT_EQ(strokeOf("escape+a"), (KeyStroke{0, 0}));
+  EXPECT_EQ(strokeOf("hyper+s"), (KeyStroke{1, 0}));
+  // Modifiers get no aliases and no trimming.
+  EXPECT_EQ(strokeOf("cmd +s"), (KeyStroke{1, 0}));
+  EXPECT_EQ(strokeOf("enter+s"), (KeyStroke{1, 0}));
+}
+
+TEST(KeyMapChordTest, EmptyPartsAreDropped) {
+  const KeyStroke cmdS{1, 0x100000};
+  EXPECT_EQ(strokeOf("cmd++s"), cmdS);
+  EXPECT_EQ(strokeOf("+cmd+s+"), cmdS);
+  EXPECT_EQ(strokeOf("cmd+s"), cmdS);
+}
+
+TEST(KeyMapChordTest, UnrecognisedChords) {
+  EXPECT_EQ(strokeOf("cmd"), std::nullopt);
+  EXPECT_EQ(strokeOf("+"), std::nullopt);
+  EXPECT_EQ(strokeOf("++"), std::nullopt);
+  EXPECT_EQ(strokeOf("cmd+"), std::nullopt);
+  EXPECT_EQ(strokeOf(""), std::nullopt);
+  EXPECT_EQ(strokeOf("cmd + s"), std::nullopt);  // the key part is " s"
+  EXPECT_EQ(strokeOf("cmd+f16"), std::nullopt);
+  EXPECT_EQ(strokeOf("cmd+\xC3\xA9"), std::nullopt);  // "é"
+}
+
+TEST(KeyMapChordTest, NonAsciiThatLowerCasesOrCanonicalisesToATableName) {
+  EXPECT_EQ(strokeOf("cmd+\xE2\x84\xAA"), (KeyStroke{40, 0x100000}));  // KELVIN SIGN
+  EXPECT_EQ(strokeOf("\xCD\xBE"), (KeyStroke{41, 0}));                 // GREEK QUESTION MARK
+  EXPECT_EQ(strokeOf("\xE1\xBF\xAF"), (KeyStroke{50, 0}));             // GREEK VARIA
+}
+
+}  // namespace
+}  // namespace tervain

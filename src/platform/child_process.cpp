@@ -1,0 +1,70 @@
+#include "platform/child_process.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+
+extern char** environ;
+
+namespace tervain {
+namespace {
+
+// Descriptors the agent holds (sockets of other connections, pipes of exec sessions) must not
+// leak into a child that can outlive them. The two systems spell "close everything above the
+// standard streams" differently; this is the one place that knows both.
+int restrictToStandardStreams(posix_spawn_file_actions_t& actions, short& flags) {
+#if defined(__APPLE__)
+  flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (const int rc = posix_spawn_file_actions_addinherit_np(&actions, fd)) return rc;
+  }
+  return 0;
+#else
+  (void)flags;
+  return posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+#endif
+}
+
+}  // namespace
+
+int spawnWithStandardStreams(const std::string& path, const std::vector<std::string>& arguments,
+                             pid_t& pid) {
+  std::vector<char*> argv;
+  argv.push_back(const_cast<char*>(path.c_str()));
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  if (const int rc = posix_spawn_file_actions_init(&actions)) return rc;
+  if (const int rc = posix_spawnattr_init(&attributes)) {
+    posix_spawn_file_actions_destroy(&actions);
+    return rc;
+  }
+
+  short flags = POSIX_SPAWN_SETSIGDEF;
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  int rc = restrictToStandardStreams(actions, flags);
+  if (rc == 0) rc = posix_spawnattr_setsigdefault(&attributes, &defaults);
+  if (rc == 0) rc = posix_spawnattr_setflags(&attributes, flags);
+  if (rc == 0) rc = posix_spawn(&pid, path.c_str(), &actions, &attributes, argv.data(), environ);
+
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  return rc;
+}
+
+int waitForExit(pid_t pid, int& status) {
+  int raw = 0;
+  while (::waitpid(pid, &raw, 0) < 0) {
+    if (errno != EINTR) return errno;
+  }
+  status = WIFSIGNALED(raw) ? WTERMSIG(raw) : WEXITSTATUS(raw);
+  return 0;
+}
+
+}  // namespace tervain
