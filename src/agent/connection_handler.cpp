@@ -25,6 +25,11 @@ struct OpEntry {
 // run() routes them before dispatch.
 constexpr OpEntry kOperations[] = {
     {"ping", [](ConnectionHandler& h, const Json&) { return h.opPing(); }},
+    {"ax_dump", [](ConnectionHandler& h, const Json& r) { return h.opAXDump(r); }},
+    {"ax_element_at", [](ConnectionHandler& h, const Json& r) { return h.opAXElementAt(r); }},
+    {"ax_action", [](ConnectionHandler& h, const Json& r) { return h.opAXAction(r); }},
+    {"ax_set_value", [](ConnectionHandler& h, const Json& r) { return h.opAXSetValue(r); }},
+    {"ax_focus", [](ConnectionHandler& h, const Json& r) { return h.opAXFocus(r); }},
     {"cursor_position", [](ConnectionHandler& h, const Json&) { return h.opCursorPosition(); }},
 };
 
