@@ -145,7 +145,14 @@ std::optional<Json> ConnectionHandler::copyFrame(const Element& element) {
   const auto w = roundHalfAwayFromZero(extent->width);
   const auto h = roundHalfAwayFromZero(extent->height);
   if (!x || !y || !w || !h) return std::nullopt;
-  return Json{{"x", *x}, {"y", *y}, {"w", *w}, {"h", *h}};
+  // Inserted in key order at the end, where the map needs no comparisons.
+  Json frame = Json::object();
+  auto& members = frame.get_ref<Json::object_t&>();
+  members.emplace_hint(members.end(), "h", *h);
+  members.emplace_hint(members.end(), "w", *w);
+  members.emplace_hint(members.end(), "x", *x);
+  members.emplace_hint(members.end(), "y", *y);
+  return frame;
 }
 
 std::optional<std::string> ConnectionHandler::copyValueDescription(const Element& element) {
@@ -168,7 +175,7 @@ std::optional<std::string> ConnectionHandler::copyValueDescription(const Element
     return std::nullopt;  // points, sizes, elements, lists, other types: not reported
   }
   if (text.empty()) return std::nullopt;
-  return truncateGraphemes(text, kValueCharacters);
+  return truncateGraphemes(std::move(text), kValueCharacters);
 }
 
 // ---- Nodes -----------------------------------------------------------------------------------
@@ -176,48 +183,66 @@ std::optional<std::string> ConnectionHandler::copyValueDescription(const Element
 Json ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxDepth,
                                   std::int64_t& budget) {
   const std::int64_t remaining = --budget;
+  std::string ref = axRegistry.registerElement(element);
   Json node = Json::object();
-  node["ref"] = axRegistry.registerElement(element);
-  if (!element) return node;  // nothing to read; the ref resolves to nothing
+  // Members are read in a fixed order (the ref first, so numbering is pre-order) and inserted in
+  // key order at the end, where the map needs no key comparisons: a dump builds many nodes.
+  auto& members = node.get_ref<Json::object_t&>();
+  const auto put = [&members](const char* key, auto&& value) {
+    members.emplace_hint(members.end(), key, std::forward<decltype(value)>(value));
+  };
+  if (!element) {  // nothing to read; the ref resolves to nothing
+    put("ref", std::move(ref));
+    return node;
+  }
   const Element& e = *element;
 
-  if (auto role = copyString(e, kRole)) node["role"] = std::move(*role);
-  if (auto subrole = copyString(e, kSubrole)) node["subrole"] = std::move(*subrole);
-  if (auto title = copyString(e, kTitle); title && !title->empty()) {
-    node["title"] = std::move(*title);
-  }
-  if (auto value = copyValueDescription(e)) node["value"] = std::move(*value);
+  std::optional<std::string> role = copyString(e, kRole);
+  std::optional<std::string> subrole = copyString(e, kSubrole);
+  std::optional<std::string> title = copyString(e, kTitle);
+  std::optional<std::string> value = copyValueDescription(e);
   // Written only when they differ from what a host assumes: enabled, and not focused.
-  if (copyBool(e, kEnabled) == false) node["enabled"] = false;
-  if (copyBool(e, kFocused) == true) node["focused"] = true;
-  if (auto frame = copyFrame(e)) node["frame"] = std::move(*frame);
-
+  const bool disabled = copyBool(e, kEnabled) == false;
+  const bool focused = copyBool(e, kFocused) == true;
+  std::optional<Json> frame = copyFrame(e);
   AXValue actions;
+  std::vector<std::string>* actionNames = nullptr;
   if (desktop.copyActionNames(e, actions) == AXError::success) {
-    if (auto* names = std::get_if<std::vector<std::string>>(&actions); names && !names->empty()) {
-      node["actions"] = std::move(*names);
-    }
+    actionNames = std::get_if<std::vector<std::string>>(&actions);
+    if (actionNames != nullptr && actionNames->empty()) actionNames = nullptr;
   }
 
   // A node built with the last unit of budget does not look at its children at all.
-  if (depth >= maxDepth || remaining < 1) return node;
-
+  Json built;
+  std::int64_t omitted = 0;
   AXValue childrenValue;
-  if (desktop.copyAttributeValue(e, kChildren, childrenValue) != AXError::success) return node;
-  const std::vector<ElementRef>* children = elementList(childrenValue);
-  if (children == nullptr || children->empty()) return node;
+  if (depth < maxDepth && remaining >= 1 &&
+      desktop.copyAttributeValue(e, kChildren, childrenValue) == AXError::success) {
+    const std::vector<ElementRef>* children = elementList(childrenValue);
+    if (children != nullptr && !children->empty()) {
+      built = Json::array();
+      auto& list = built.get_ref<Json::array_t&>();
+      const std::size_t examined = std::min(children->size(), kChildrenPerNode);
+      list.reserve(examined);
+      for (std::size_t i = 0; i < examined; ++i) {
+        if (budget < 1) break;
+        list.push_back(buildNode((*children)[i], depth + 1, maxDepth, budget));
+      }
+      omitted = static_cast<std::int64_t>(children->size() - list.size());
+    }
+  }
 
-  Json built = Json::array();
-  const std::size_t examined = std::min(children->size(), kChildrenPerNode);
-  for (std::size_t i = 0; i < examined; ++i) {
-    if (budget < 1) break;
-    built.push_back(buildNode((*children)[i], depth + 1, maxDepth, budget));
-  }
-  const std::size_t builtCount = built.size();
-  if (builtCount != 0) node["children"] = std::move(built);
-  if (builtCount < children->size()) {
-    node["childrenOmitted"] = static_cast<std::int64_t>(children->size() - builtCount);
-  }
+  if (actionNames != nullptr) put("actions", std::move(*actionNames));
+  if (built.is_array() && !built.empty()) put("children", std::move(built));
+  if (omitted > 0) put("childrenOmitted", omitted);
+  if (disabled) put("enabled", false);
+  if (focused) put("focused", true);
+  if (frame) put("frame", std::move(*frame));
+  put("ref", std::move(ref));
+  if (role) put("role", std::move(*role));
+  if (subrole) put("subrole", std::move(*subrole));
+  if (title && !title->empty()) put("title", std::move(*title));
+  if (value) put("value", std::move(*value));
   return node;
 }
 

@@ -103,14 +103,14 @@ std::size_t countGraphemes(std::string_view text, std::size_t limit) {
   return scanGraphemes(text, limit).clusters;
 }
 
-std::string truncateGraphemes(std::string_view text, std::size_t maxCharacters) {
+std::string truncateGraphemes(std::string text, std::size_t maxCharacters) {
   // Every character takes at least one byte, so short texts need no scan.
-  if (text.size() <= maxCharacters) return std::string(text);
+  if (text.size() <= maxCharacters) return text;
   const GraphemeScan scan = scanGraphemes(text, maxCharacters);
-  if (scan.cut == std::string_view::npos) return std::string(text);
-  std::string out(text.substr(0, scan.cut));
-  out += "\u2026";
-  return out;
+  if (scan.cut == std::string_view::npos) return text;
+  text.resize(scan.cut);
+  text += "\u2026";
+  return text;
 }
 
 }  // namespace tervain

@@ -29,6 +29,6 @@ std::size_t countGraphemes(std::string_view text, std::size_t limit);
 
 // Text with more than maxCharacters extended grapheme clusters keeps its first maxCharacters and
 // gets "…" (U+2026) appended; shorter text is returned unchanged.
-std::string truncateGraphemes(std::string_view text, std::size_t maxCharacters);
+std::string truncateGraphemes(std::string text, std::size_t maxCharacters);
 
 }  // namespace tervain
