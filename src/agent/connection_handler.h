@@ -58,12 +58,18 @@ class ConnectionHandler {
   // Operator-facing text for a platform accessibility result code.
   static std::string describe(AXResult code);
 
-  // One node of a dump: registers the element, reads its attributes and, while depth and the
-  // shared budget allow, its children. The budget is shared by the whole walk.
-  Json buildNode(const ElementRef& element, int depth, int maxDepth, std::int64_t& budget);
+  // One node of a dump, appended to out as JSON text: registers the element, reads its
+  // attributes and, while depth and the shared budget allow, its children. The budget is shared
+  // by the whole walk.
+  void buildNode(const ElementRef& element, int depth, int maxDepth, std::int64_t& budget,
+                 std::string& out);
+  // Attribute readers; nothing when the read fails or the value is of another type.
+  struct Frame {
+    std::int64_t x, y, w, h;
+  };
   std::optional<std::string> copyString(const Element& element, const std::string& attribute);
   std::optional<bool> copyBool(const Element& element, const std::string& attribute);
-  std::optional<Json> copyFrame(const Element& element);
+  std::optional<Frame> copyFrame(const Element& element);
   std::optional<std::string> copyValueDescription(const Element& element);
 
  private:

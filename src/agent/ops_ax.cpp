@@ -8,6 +8,9 @@
 // by each dump (once the dump knows what to walk) so that refs name elements of the last dump,
 // plus whatever hit tests have added since.
 //
+// Nodes are written as JSON text while the tree is walked and spliced into the reply as they
+// stand: a dump of 800 nodes through a general object model would cost more than the walk.
+//
 // Reads that fail below the root only leave members out: a dump never fails because of what the
 // interface holds, and an application that does not answer yields a root with just its ref.
 #include <algorithm>
@@ -116,7 +119,8 @@ std::optional<std::string> ConnectionHandler::copyString(const Element& element,
     return std::nullopt;
   }
   auto* text = std::get_if<std::string>(&value);
-  if (text == nullptr) return std::nullopt;
+  // A text that is not UTF-8 cannot be reported; it counts as unreadable.
+  if (text == nullptr || !isValidUtf8(*text)) return std::nullopt;
   return std::move(*text);
 }
 
@@ -129,7 +133,7 @@ std::optional<bool> ConnectionHandler::copyBool(const Element& element,
   return numberTruth(value);
 }
 
-std::optional<Json> ConnectionHandler::copyFrame(const Element& element) {
+std::optional<ConnectionHandler::Frame> ConnectionHandler::copyFrame(const Element& element) {
   AXValue position;
   if (desktop.copyAttributeValue(element, kPosition, position) != AXError::success) {
     return std::nullopt;
@@ -145,14 +149,7 @@ std::optional<Json> ConnectionHandler::copyFrame(const Element& element) {
   const auto w = roundHalfAwayFromZero(extent->width);
   const auto h = roundHalfAwayFromZero(extent->height);
   if (!x || !y || !w || !h) return std::nullopt;
-  // Inserted in key order at the end, where the map needs no comparisons.
-  Json frame = Json::object();
-  auto& members = frame.get_ref<Json::object_t&>();
-  members.emplace_hint(members.end(), "h", *h);
-  members.emplace_hint(members.end(), "w", *w);
-  members.emplace_hint(members.end(), "x", *x);
-  members.emplace_hint(members.end(), "y", *y);
-  return frame;
+  return Frame{*x, *y, *w, *h};
 }
 
 std::optional<std::string> ConnectionHandler::copyValueDescription(const Element& element) {
@@ -174,76 +171,86 @@ std::optional<std::string> ConnectionHandler::copyValueDescription(const Element
   } else {
     return std::nullopt;  // points, sizes, elements, lists, other types: not reported
   }
-  if (text.empty()) return std::nullopt;
+  if (text.empty() || !isValidUtf8(text)) return std::nullopt;
   return truncateGraphemes(std::move(text), kValueCharacters);
 }
 
 // ---- Nodes -----------------------------------------------------------------------------------
 
-Json ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxDepth,
-                                  std::int64_t& budget) {
+void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxDepth,
+                                  std::int64_t& budget, std::string& out) {
   const std::int64_t remaining = --budget;
-  std::string ref = axRegistry.registerElement(element);
-  Json node = Json::object();
-  // Members are read in a fixed order (the ref first, so numbering is pre-order) and inserted in
-  // key order at the end, where the map needs no key comparisons: a dump builds many nodes.
-  auto& members = node.get_ref<Json::object_t&>();
-  const auto put = [&members](const char* key, auto&& value) {
-    members.emplace_hint(members.end(), key, std::forward<decltype(value)>(value));
-  };
+  out += R"({"ref":)";
+  appendJsonString(out, axRegistry.registerElement(element));
   if (!element) {  // nothing to read; the ref resolves to nothing
-    put("ref", std::move(ref));
-    return node;
+    out.push_back('}');
+    return;
   }
   const Element& e = *element;
 
-  std::optional<std::string> role = copyString(e, kRole);
-  std::optional<std::string> subrole = copyString(e, kSubrole);
-  std::optional<std::string> title = copyString(e, kTitle);
-  std::optional<std::string> value = copyValueDescription(e);
+  if (const auto role = copyString(e, kRole)) {
+    out += R"(,"role":)";
+    appendJsonString(out, *role);
+  }
+  if (const auto subrole = copyString(e, kSubrole)) {
+    out += R"(,"subrole":)";
+    appendJsonString(out, *subrole);
+  }
+  if (const auto title = copyString(e, kTitle); title && !title->empty()) {
+    out += R"(,"title":)";
+    appendJsonString(out, *title);
+  }
+  if (const auto value = copyValueDescription(e)) {
+    out += R"(,"value":)";
+    appendJsonString(out, *value);
+  }
   // Written only when they differ from what a host assumes: enabled, and not focused.
-  const bool disabled = copyBool(e, kEnabled) == false;
-  const bool focused = copyBool(e, kFocused) == true;
-  std::optional<Json> frame = copyFrame(e);
+  if (copyBool(e, kEnabled) == false) out += R"(,"enabled":false)";
+  if (copyBool(e, kFocused) == true) out += R"(,"focused":true)";
+  if (const auto frame = copyFrame(e)) {
+    out += R"(,"frame":{"x":)" + std::to_string(frame->x) + R"(,"y":)" +
+           std::to_string(frame->y) + R"(,"w":)" + std::to_string(frame->w) + R"(,"h":)" +
+           std::to_string(frame->h) + "}";
+  }
   AXValue actions;
-  std::vector<std::string>* actionNames = nullptr;
   if (desktop.copyActionNames(e, actions) == AXError::success) {
-    actionNames = std::get_if<std::vector<std::string>>(&actions);
-    if (actionNames != nullptr && actionNames->empty()) actionNames = nullptr;
+    const auto* names = std::get_if<std::vector<std::string>>(&actions);
+    if (names != nullptr && !names->empty() &&
+        std::all_of(names->begin(), names->end(), isValidUtf8)) {
+      out += R"(,"actions":[)";
+      for (std::size_t i = 0; i < names->size(); ++i) {
+        if (i != 0) out.push_back(',');
+        appendJsonString(out, (*names)[i]);
+      }
+      out.push_back(']');
+    }
   }
 
   // A node built with the last unit of budget does not look at its children at all.
-  Json built;
-  std::int64_t omitted = 0;
   AXValue childrenValue;
   if (depth < maxDepth && remaining >= 1 &&
       desktop.copyAttributeValue(e, kChildren, childrenValue) == AXError::success) {
     const std::vector<ElementRef>* children = elementList(childrenValue);
     if (children != nullptr && !children->empty()) {
-      built = Json::array();
-      auto& list = built.get_ref<Json::array_t&>();
       const std::size_t examined = std::min(children->size(), kChildrenPerNode);
-      list.reserve(examined);
-      for (std::size_t i = 0; i < examined; ++i) {
-        if (budget < 1) break;
-        list.push_back(buildNode((*children)[i], depth + 1, maxDepth, budget));
+      const std::size_t start = out.size();
+      out += R"(,"children":[)";
+      std::size_t built = 0;
+      for (std::size_t i = 0; i < examined && budget >= 1; ++i, ++built) {
+        if (i != 0) out.push_back(',');
+        buildNode((*children)[i], depth + 1, maxDepth, budget, out);
       }
-      omitted = static_cast<std::int64_t>(children->size() - list.size());
+      if (built == 0) {
+        out.resize(start);
+      } else {
+        out.push_back(']');
+      }
+      if (built < children->size()) {
+        out += R"(,"childrenOmitted":)" + std::to_string(children->size() - built);
+      }
     }
   }
-
-  if (actionNames != nullptr) put("actions", std::move(*actionNames));
-  if (built.is_array() && !built.empty()) put("children", std::move(built));
-  if (omitted > 0) put("childrenOmitted", omitted);
-  if (disabled) put("enabled", false);
-  if (focused) put("focused", true);
-  if (frame) put("frame", std::move(*frame));
-  put("ref", std::move(ref));
-  if (role) put("role", std::move(*role));
-  if (subrole) put("subrole", std::move(*subrole));
-  if (title && !title->empty()) put("title", std::move(*title));
-  if (value) put("value", std::move(*value));
-  return node;
+  out.push_back('}');
 }
 
 // ---- Operations ------------------------------------------------------------------------------
@@ -272,10 +279,11 @@ Reply ConnectionHandler::opAXDump(const Json& request) {
   if (application) desktop.setMessagingTimeout(*application, kMessagingTimeoutSeconds);
 
   std::int64_t budget = kNodeBudget;
-  Json tree = buildNode(application, 0, static_cast<int>(depthLimit), budget);
+  std::string tree;
+  buildNode(application, 0, static_cast<int>(depthLimit), budget, tree);
 
   Reply reply = Reply::success();
-  reply.body["tree"] = std::move(tree);
+  reply.jsonMembers.emplace_back("tree", std::move(tree));
   reply.body["app"] = desktop.runningApplicationName(pid).value_or("pid " + std::to_string(pid));
   if (budget <= 0) reply.body["truncated"] = true;
   return reply;
@@ -305,7 +313,9 @@ Reply ConnectionHandler::opAXElementAt(const Json& request) {
   // One node, no children; its ref joins those of the last dump.
   std::int64_t budget = 1;
   Reply reply = Reply::success();
-  reply.body["node"] = buildNode(found, 0, 0, budget);
+  std::string node;
+  buildNode(found, 0, 0, budget, node);
+  reply.jsonMembers.emplace_back("node", std::move(node));
   return reply;
 }
 

@@ -414,6 +414,30 @@ TEST_F(AXTest, TitleOnlyWhenNotEmptyButRoleEvenWhenEmpty) {
   EXPECT_EQ(nodeFor(node).size(), 1u);
 }
 
+TEST_F(AXTest, TextsAreEscapedOnTheWire) {
+  FakeNode node;
+  const std::string title("say \"hi\"\\\n\t\x01 \u00e9", 16);
+  node.attributes = {{"AXTitle", title}, {"AXValue", std::string("line 1\nline 2")}};
+  node.actionNames = std::vector<std::string>{"AX\"Odd\""};
+  frontmost(element({}, {element(std::move(node))}));
+  const std::string line = handler->handle(R"({"op":"ax_dump"})");
+  EXPECT_EQ(line.find('\n'), std::string::npos);
+  const Json child = Json::parse(line)["tree"]["children"][0];
+  EXPECT_EQ(child["title"], title);
+  EXPECT_EQ(child["value"], "line 1\nline 2");
+  EXPECT_EQ(child["actions"], Json::array({"AX\"Odd\""}));
+}
+
+TEST_F(AXTest, TextsThatAreNotUtf8AreLeftOut) {
+  FakeNode node;
+  node.attributes = {{"AXRole", std::string("AXButton")},
+                     {"AXTitle", std::string("bad \xff")},
+                     {"AXSubrole", std::string("\xc3")},
+                     {"AXValue", std::string("\xed\xa0\x80")}};
+  node.actionNames = std::vector<std::string>{"AXPress", "\xff"};
+  EXPECT_EQ(nodeFor(node), Json({{"ref", "e2"}, {"role", "AXButton"}}));
+}
+
 TEST_F(AXTest, FrameRoundsHalvesAwayFromZero) {
   FakeNode node;
   node.attributes = {{"AXPosition", Point{10.5, -0.5}}, {"AXSize", Size{99.5, 20.4}}};

@@ -99,6 +99,50 @@ std::string numberText(double value) {
   return sign + digits.substr(0, integerDigits) + "." + digits.substr(integerDigits);
 }
 
+bool isValidUtf8(std::string_view text) {
+  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+  const auto size = static_cast<utf8proc_ssize_t>(text.size());
+  utf8proc_ssize_t pos = 0;
+  while (pos < size) {
+    if (bytes[pos] < 0x80) {
+      ++pos;
+      continue;
+    }
+    utf8proc_int32_t codePoint = -1;
+    const utf8proc_ssize_t length = utf8proc_iterate(bytes + pos, size - pos, &codePoint);
+    if (length < 1) return false;
+    pos += length;
+  }
+  return true;
+}
+
+void appendJsonString(std::string& out, std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  out.push_back('"');
+  std::size_t plain = 0;  // start of the run not yet copied
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    out.append(text, plain, i - plain);
+    plain = i + 1;
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\b': out += "\\b"; break;
+      case '\f': out += "\\f"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        out += "\\u00";
+        out.push_back(kHex[c >> 4]);
+        out.push_back(kHex[c & 0xF]);
+    }
+  }
+  out.append(text, plain, text.size() - plain);
+  out.push_back('"');
+}
+
 std::size_t countGraphemes(std::string_view text, std::size_t limit) {
   return scanGraphemes(text, limit).clusters;
 }

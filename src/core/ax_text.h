@@ -31,4 +31,11 @@ std::size_t countGraphemes(std::string_view text, std::size_t limit);
 // gets "…" (U+2026) appended; shorter text is returned unchanged.
 std::string truncateGraphemes(std::string text, std::size_t maxCharacters);
 
+// True when text is well-formed UTF-8 (no stray bytes, overlong forms or surrogates).
+bool isValidUtf8(std::string_view text);
+
+// Appends text as a JSON string: quotes, backslashes and control characters escaped, everything
+// else (non-ASCII included) as it stands. The text must be valid UTF-8.
+void appendJsonString(std::string& out, std::string_view text);
+
 }  // namespace tervain

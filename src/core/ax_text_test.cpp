@@ -1,6 +1,7 @@
 #include "core/ax_text.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cstdlib>
 #include <limits>
@@ -108,6 +109,26 @@ TEST(GraphemeTest, FlagAtTheCutIsNeverSplit) {
   // Pairs of indicators pair up from the start of the run.
   const std::string flags = repeat(flag, 260);
   EXPECT_EQ(truncateGraphemes(flags, 250), repeat(flag, 250) + kEllipsis);
+}
+
+TEST(JsonTextTest, ValidUtf8) {
+  EXPECT_TRUE(isValidUtf8(""));
+  EXPECT_TRUE(isValidUtf8("plain \u00e9 \U0001F1EB\U0001F1F7"));
+  EXPECT_FALSE(isValidUtf8("a\xff"));
+  EXPECT_FALSE(isValidUtf8("\xc3"));              // cut short
+  EXPECT_FALSE(isValidUtf8("\xc0\xaf"));          // overlong "/"
+  EXPECT_FALSE(isValidUtf8("\xed\xa0\x80"));      // a surrogate
+}
+
+TEST(JsonTextTest, EscapesWhatJsonNeedsAndNothingElse) {
+  std::string out;
+  appendJsonString(out, "q\"b\\s/\b\f\n\r\t\x01\x1f\x7f \u00e9\u2026");
+  EXPECT_EQ(out, "\"q\\\"b\\\\s/\\b\\f\\n\\r\\t\\u0001\\u001f\x7f \u00e9\u2026\"");
+  // Whatever goes in reads back the same through a JSON parser.
+  const std::string text = std::string("a\0b\"\\\u00e9\n", 8);
+  std::string quoted;
+  appendJsonString(quoted, text);
+  EXPECT_EQ(nlohmann::json::parse(quoted).get<std::string>(), text);
 }
 
 }  // namespace

@@ -55,15 +55,23 @@ std::string serializeReply(const Reply& reply) {
       return std::string(kReplySerializationFailed);
     }
     out = reply.body.dump();
-    if (reply.base64Members.empty()) return out;
+    if (reply.base64Members.empty() && reply.jsonMembers.empty()) return out;
 
     std::size_t extra = 0;
     for (const auto& [key, bytes] : reply.base64Members) {
       extra += key.size() + base64::encodedSize(bytes.size()) + 8;
     }
+    for (const auto& [key, text] : reply.jsonMembers) extra += key.size() + text.size() + 8;
     out.pop_back();  // the closing brace
     out.reserve(out.size() + extra + 1);
     bool first = out.size() == 1;
+    for (const auto& [key, text] : reply.jsonMembers) {
+      if (!first) out.push_back(',');
+      first = false;
+      out += Json(key).dump();
+      out.push_back(':');
+      out += text;
+    }
     for (const auto& [key, bytes] : reply.base64Members) {
       if (!first) out.push_back(',');
       first = false;
