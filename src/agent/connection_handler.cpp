@@ -26,6 +26,11 @@ struct OpEntry {
 constexpr OpEntry kOperations[] = {
     {"ping", [](ConnectionHandler& h, const Json&) { return h.opPing(); }},
     {"screenshot", [](ConnectionHandler& h, const Json& r) { return h.opScreenshot(r); }},
+    {"ax_dump", [](ConnectionHandler& h, const Json& r) { return h.opAXDump(r); }},
+    {"ax_element_at", [](ConnectionHandler& h, const Json& r) { return h.opAXElementAt(r); }},
+    {"ax_action", [](ConnectionHandler& h, const Json& r) { return h.opAXAction(r); }},
+    {"ax_set_value", [](ConnectionHandler& h, const Json& r) { return h.opAXSetValue(r); }},
+    {"ax_focus", [](ConnectionHandler& h, const Json& r) { return h.opAXFocus(r); }},
     {"click", [](ConnectionHandler& h, const Json& r) { return h.opClick(r); }},
     {"move", [](ConnectionHandler& h, const Json& r) { return h.opMove(r); }},
     {"drag", [](ConnectionHandler& h, const Json& r) { return h.opDrag(r); }},

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "agent/agent_context.h"
+#include "agent/ax_registry.h"
 #include "core/json.h"
 #include "core/line_split_buffer.h"
 #include "core/reply.h"
@@ -59,12 +60,41 @@ class ConnectionHandler {
   // Application launch through the workspace, or "open -a" when no bundle is found.
   Reply opLaunchApp(const Json& request);
 
+  // Accessibility operations (ops_ax.cpp).
+  Reply opAXDump(const Json& request);
+  Reply opAXElementAt(const Json& request);
+  Reply opAXAction(const Json& request);
+  Reply opAXSetValue(const Json& request);
+  Reply opAXFocus(const Json& request);
+
+  // The element that the request's "ref" names on this connection, or null.
+  ElementRef resolveRef(const Json& request) const;
+  // The failure reply for a ref that names nothing (or an element that has gone away).
+  static Reply staleRefReply(const Json& request);
+  // Operator-facing text for a platform accessibility result code.
+  static std::string describe(AXResult code);
+
+  // One node of a dump, appended to out as JSON text: registers the element, reads its
+  // attributes and, while depth and the shared budget allow, its children. The budget is shared
+  // by the whole walk.
+  void buildNode(const ElementRef& element, int depth, int maxDepth, std::int64_t& budget,
+                 std::string& out);
+  // Attribute readers; nothing when the read fails or the value is of another type.
+  struct Frame {
+    std::int64_t x, y, w, h;
+  };
+  std::optional<std::string> copyString(const Element& element, const std::string& attribute);
+  std::optional<bool> copyBool(const Element& element, const std::string& attribute);
+  std::optional<Frame> copyFrame(const Element& element);
+  std::optional<std::string> copyValueDescription(const Element& element);
+
  private:
   // The capture itself, run on a worker thread: success or error reply, never throws.
   static Reply captureDisplay(Desktop& desktop, std::int64_t index);
 
   const int fd;
   LineSplitBuffer lines;
+  AXRegistry axRegistry;  // refs of this connection, released with the handler
   AgentContext& context;
   Desktop& desktop;
 };

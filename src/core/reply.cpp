@@ -34,13 +34,21 @@ std::string serializeReply(const Reply& reply) {
   for (const auto& [key, bytes] : reply.base64Members) {
     extra += key.size() + base64::encodedSize(bytes.size()) + 8;
   }
+  for (const auto& [key, text] : reply.jsonMembers) extra += key.size() + text.size() + 8;
   std::string out;
   out.reserve(128 + extra);
   if (!appendCompactJson(out, reply.body)) return std::string(kReplySerializationFailed);
-  if (reply.base64Members.empty()) return out;
+  if (reply.base64Members.empty() && reply.jsonMembers.empty()) return out;
 
   out.pop_back();  // the closing brace
   bool first = out.size() == 1;
+  for (const auto& [key, text] : reply.jsonMembers) {
+    if (!first) out.push_back(',');
+    first = false;
+    if (!appendJsonString(out, key)) return std::string(kReplySerializationFailed);
+    out.push_back(':');
+    out += text;
+  }
   for (const auto& [key, bytes] : reply.base64Members) {
     if (!first) out.push_back(',');
     first = false;

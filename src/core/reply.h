@@ -15,6 +15,9 @@ namespace tervain {
 struct Reply {
   Json body = Json::object();
   std::vector<std::pair<std::string, std::string>> base64Members;  // key, raw bytes
+  // Members whose value is already JSON text (an accessibility tree, written as it was walked),
+  // spliced into the reply's bytes as they stand. The producer guarantees valid JSON.
+  std::vector<std::pair<std::string, std::string>> jsonMembers;  // key, JSON text
 
   static Reply success();
   static Reply failure(std::string error);

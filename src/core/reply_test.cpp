@@ -41,5 +41,17 @@ TEST(ReplyTest, Base64MembersAreWrittenIntoTheSameObject) {
   EXPECT_EQ(serializeReply(onlyPayload), R"({"events":""})");
 }
 
+TEST(ReplyTest, JsonMembersAreSplicedAsTheyStand) {
+  Reply reply = Reply::success();
+  reply.jsonMembers.emplace_back("tree", R"({"ref":"e1","children":[{"ref":"e2"}]})");
+  reply.base64Members.emplace_back("raw", "ab");
+  EXPECT_EQ(Json::parse(serializeReply(reply)),
+            Json::parse(R"({"ok":true,"tree":{"ref":"e1","children":[{"ref":"e2"}]},"raw":"YWI="})"));
+
+  Reply onlyTree;
+  onlyTree.jsonMembers.emplace_back("node", "{}");
+  EXPECT_EQ(serializeReply(onlyTree), R"({"node":{}})");
+}
+
 }  // namespace
 }  // namespace tervain

@@ -1,0 +1,24 @@
+#include "agent/ax_registry.h"
+
+#include <cstdlib>
+#include <limits>
+
+namespace tervain {
+
+std::string AXRegistry::registerElement(ElementRef element) {
+  // Unreachable in practice (one ref per emitted node); a wrapped counter would reuse refs.
+  if (counter == std::numeric_limits<std::int64_t>::max()) std::abort();
+  ++counter;
+  std::string ref = "e" + std::to_string(counter);
+  refs.emplace(ref, std::move(element));
+  return ref;
+}
+
+ElementRef AXRegistry::operator[](std::string_view ref) const {
+  const auto it = refs.find(ref);
+  return it == refs.end() ? nullptr : it->second;
+}
+
+void AXRegistry::reset() { refs.clear(); }
+
+}  // namespace tervain

@@ -1,0 +1,381 @@
+// Accessibility operations: "ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus".
+//
+// A dump walks one application's element tree depth-first, pre-order, within three bounds: a
+// depth limit, the first 48 children of each element, and a budget of 800 nodes shared by the
+// whole walk. Pre-order with a shared budget means that a cut tree is complete on the left and
+// cut on the right, and every element whose child loop was cut says how many children it left
+// out. Every emitted node gets a fresh ref in the connection's registry; the registry is emptied
+// by each dump (once the dump knows what to walk) so that refs name elements of the last dump,
+// plus whatever hit tests have added since.
+//
+// Nodes are written as JSON text while the tree is walked and spliced into the reply as they
+// stand: a dump of 800 nodes through a general object model would cost more than the walk.
+//
+// Reads that fail below the root only leave members out: a dump never fails because of what the
+// interface holds, and an application that does not answer yields a root with just its ref.
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "agent/connection_handler.h"
+#include "core/ax_text.h"
+#include "core/json_writer.h"
+#include "core/request_members.h"
+
+namespace tervain {
+namespace {
+
+constexpr const char* kNotTrusted =
+    "Accessibility (kTCCServiceAccessibility) is not granted to the agent \u2014 re-run "
+    "provisioning";
+
+constexpr std::int64_t kNodeBudget = 800;
+constexpr std::size_t kChildrenPerNode = 48;
+constexpr std::int64_t kDefaultDepth = 12;
+constexpr std::int64_t kMinDepth = 1;
+constexpr std::int64_t kMaxDepth = 25;
+constexpr float kMessagingTimeoutSeconds = 1.5f;
+constexpr std::size_t kValueCharacters = 250;
+
+// Attribute and action names, built once: every element of a dump reads most of them.
+const std::string kRole = "AXRole";
+const std::string kSubrole = "AXSubrole";
+const std::string kTitle = "AXTitle";
+const std::string kValue = "AXValue";
+const std::string kEnabled = "AXEnabled";
+const std::string kFocused = "AXFocused";
+const std::string kPosition = "AXPosition";
+const std::string kSize = "AXSize";
+const std::string kChildren = "AXChildren";
+const std::string kPress = "AXPress";
+
+// The platform's number objects: integers, reals and booleans alike.
+std::optional<bool> numberTruth(const AXValue& value) {
+  if (const auto* b = std::get_if<bool>(&value)) return *b;
+  if (const auto* i = std::get_if<std::int64_t>(&value)) return *i != 0;
+  if (const auto* d = std::get_if<double>(&value)) return *d != 0.0;
+  return std::nullopt;
+}
+
+// The children as a list of live handles; nothing when the value is anything else.
+std::vector<ElementRef>* elementList(AXValue& value) {
+  auto* list = std::get_if<std::vector<ElementRef>>(&value);
+  if (list == nullptr) return nullptr;
+  for (const ElementRef& child : *list) {
+    if (!child) return nullptr;
+  }
+  return list;
+}
+
+}  // namespace
+
+// ---- Refs ------------------------------------------------------------------------------------
+
+ElementRef ConnectionHandler::resolveRef(const Json& request) const {
+  const std::string* ref = stringMember(request, "ref");
+  if (ref == nullptr) return nullptr;
+  return axRegistry[*ref];
+}
+
+Reply ConnectionHandler::staleRefReply(const Json& request) {
+  const std::string* ref = stringMember(request, "ref");
+  return Reply::failure("element ref \"" + (ref != nullptr ? *ref : std::string("?")) +
+                        "\" is unknown or stale \u2014 refs are only valid until the next "
+                        "ax_dump; re-dump and retry");
+}
+
+std::string ConnectionHandler::describe(AXResult code) {
+  switch (code) {
+    case AXError::success:
+      return "success";
+    case AXError::invalidUIElement:
+      return "kAXErrorInvalidUIElement \u2014 stale element";
+    case AXError::cannotComplete:
+      return "kAXErrorCannotComplete \u2014 the app did not respond in time";
+    case AXError::attributeUnsupported:
+      return "attribute unsupported";
+    case AXError::actionUnsupported:
+      return "action unsupported";
+    case AXError::notImplemented:
+      return "the app does not implement this AX request";
+    case AXError::apiDisabled:
+      return "kAXErrorAPIDisabled \u2014 accessibility is disabled for this app";
+    case AXError::noValue:
+      return "no value";
+    default:
+      return "AXError " + std::to_string(code);
+  }
+}
+
+// ---- Attribute readers -----------------------------------------------------------------------
+
+std::optional<std::string> ConnectionHandler::copyString(const Element& element,
+                                                         const std::string& attribute) {
+  AXValue value;
+  if (desktop.copyAttributeValue(element, attribute, value) != AXError::success) {
+    return std::nullopt;
+  }
+  auto* text = std::get_if<std::string>(&value);
+  // A text that is not UTF-8 cannot be reported; it counts as unreadable.
+  if (text == nullptr || !isValidUtf8(*text)) return std::nullopt;
+  return std::move(*text);
+}
+
+std::optional<bool> ConnectionHandler::copyBool(const Element& element,
+                                                const std::string& attribute) {
+  AXValue value;
+  if (desktop.copyAttributeValue(element, attribute, value) != AXError::success) {
+    return std::nullopt;
+  }
+  return numberTruth(value);
+}
+
+std::optional<ConnectionHandler::Frame> ConnectionHandler::copyFrame(const Element& element) {
+  AXValue position;
+  if (desktop.copyAttributeValue(element, kPosition, position) != AXError::success) {
+    return std::nullopt;
+  }
+  AXValue size;
+  if (desktop.copyAttributeValue(element, kSize, size) != AXError::success) return std::nullopt;
+  const auto* point = std::get_if<Point>(&position);
+  const auto* extent = std::get_if<Size>(&size);
+  if (point == nullptr || extent == nullptr) return std::nullopt;
+  // A coordinate that is not a finite number (or beyond any screen) drops the whole frame.
+  const auto x = roundHalfAwayFromZero(point->x);
+  const auto y = roundHalfAwayFromZero(point->y);
+  const auto w = roundHalfAwayFromZero(extent->width);
+  const auto h = roundHalfAwayFromZero(extent->height);
+  if (!x || !y || !w || !h) return std::nullopt;
+  return Frame{*x, *y, *w, *h};
+}
+
+std::optional<std::string> ConnectionHandler::copyValueDescription(const Element& element) {
+  AXValue value;
+  if (desktop.copyAttributeValue(element, kValue, value) != AXError::success) {
+    return std::nullopt;
+  }
+  std::string text;
+  if (auto* s = std::get_if<std::string>(&value)) {
+    text = std::move(*s);
+  } else if (const auto* i = std::get_if<std::int64_t>(&value)) {
+    text = numberText(*i);
+  } else if (const auto* d = std::get_if<double>(&value)) {
+    text = numberText(*d);
+  } else if (const auto* b = std::get_if<bool>(&value)) {
+    text = numberText(*b);
+  } else if (auto* url = std::get_if<AXUrl>(&value)) {
+    text = std::move(url->absoluteString);
+  } else {
+    return std::nullopt;  // points, sizes, elements, lists, other types: not reported
+  }
+  if (text.empty() || !isValidUtf8(text)) return std::nullopt;
+  return truncateGraphemes(std::move(text), kValueCharacters);
+}
+
+// ---- Nodes -----------------------------------------------------------------------------------
+
+void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxDepth,
+                                  std::int64_t& budget, std::string& out) {
+  const std::int64_t remaining = --budget;
+  out += R"({"ref":)";
+  appendJsonString(out, axRegistry.registerElement(element));
+  if (!element) {  // nothing to read; the ref resolves to nothing
+    out.push_back('}');
+    return;
+  }
+  const Element& e = *element;
+
+  if (const auto role = copyString(e, kRole)) {
+    out += R"(,"role":)";
+    appendJsonString(out, *role);
+  }
+  if (const auto subrole = copyString(e, kSubrole)) {
+    out += R"(,"subrole":)";
+    appendJsonString(out, *subrole);
+  }
+  if (const auto title = copyString(e, kTitle); title && !title->empty()) {
+    out += R"(,"title":)";
+    appendJsonString(out, *title);
+  }
+  if (const auto value = copyValueDescription(e)) {
+    out += R"(,"value":)";
+    appendJsonString(out, *value);
+  }
+  // Written only when they differ from what a host assumes: enabled, and not focused.
+  if (copyBool(e, kEnabled) == false) out += R"(,"enabled":false)";
+  if (copyBool(e, kFocused) == true) out += R"(,"focused":true)";
+  if (const auto frame = copyFrame(e)) {
+    out += R"(,"frame":{"x":)" + std::to_string(frame->x) + R"(,"y":)" +
+           std::to_string(frame->y) + R"(,"w":)" + std::to_string(frame->w) + R"(,"h":)" +
+           std::to_string(frame->h) + "}";
+  }
+  AXValue actions;
+  if (desktop.copyActionNames(e, actions) == AXError::success) {
+    const auto* names = std::get_if<std::vector<std::string>>(&actions);
+    if (names != nullptr && !names->empty() &&
+        std::all_of(names->begin(), names->end(), isValidUtf8)) {
+      out += R"(,"actions":[)";
+      for (std::size_t i = 0; i < names->size(); ++i) {
+        if (i != 0) out.push_back(',');
+        appendJsonString(out, (*names)[i]);
+      }
+      out.push_back(']');
+    }
+  }
+
+  // A node built with the last unit of budget does not look at its children at all.
+  AXValue childrenValue;
+  if (depth < maxDepth && remaining >= 1 &&
+      desktop.copyAttributeValue(e, kChildren, childrenValue) == AXError::success) {
+    const std::vector<ElementRef>* children = elementList(childrenValue);
+    if (children != nullptr && !children->empty()) {
+      const std::size_t examined = std::min(children->size(), kChildrenPerNode);
+      const std::size_t start = out.size();
+      out += R"(,"children":[)";
+      std::size_t built = 0;
+      for (std::size_t i = 0; i < examined && budget >= 1; ++i, ++built) {
+        if (i != 0) out.push_back(',');
+        buildNode((*children)[i], depth + 1, maxDepth, budget, out);
+      }
+      if (built == 0) {
+        out.resize(start);
+      } else {
+        out.push_back(']');
+      }
+      if (built < children->size()) {
+        out += R"(,"childrenOmitted":)" + std::to_string(children->size() - built);
+      }
+    }
+  }
+  out.push_back('}');
+}
+
+// ---- Operations ------------------------------------------------------------------------------
+
+Reply ConnectionHandler::opAXDump(const Json& request) {
+  if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
+
+  std::int32_t pid = 0;
+  if (const std::optional<std::int64_t> asked = integerMember(request, "pid")) {
+    const std::optional<std::int32_t> narrowed = narrowToInt32(*asked);
+    if (!narrowed) return Reply::failure("ax_dump \"pid\" is out of range");
+    pid = *narrowed;
+  } else {
+    const std::optional<std::int32_t> frontmost = desktop.frontmostApplicationPid();
+    if (!frontmost) return Reply::failure("no frontmost application to dump");
+    pid = *frontmost;
+  }
+
+  const std::int64_t depthLimit =
+      std::clamp(integerMember(request, "maxDepth").value_or(kDefaultDepth), kMinDepth, kMaxDepth);
+
+  // Only now, with a target chosen, do the previous dump's refs go.
+  axRegistry.reset();
+
+  const ElementRef application = desktop.createApplicationElement(pid);
+  if (application) desktop.setMessagingTimeout(*application, kMessagingTimeoutSeconds);
+
+  std::int64_t budget = kNodeBudget;
+  std::string tree;
+  buildNode(application, 0, static_cast<int>(depthLimit), budget, tree);
+
+  Reply reply = Reply::success();
+  reply.jsonMembers.emplace_back("tree", std::move(tree));
+  reply.body["app"] = desktop.runningApplicationName(pid).value_or("pid " + std::to_string(pid));
+  if (budget <= 0) reply.body["truncated"] = true;
+  return reply;
+}
+
+Reply ConnectionHandler::opAXElementAt(const Json& request) {
+  if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
+
+  // Integers only: unlike the pointer operations, a fractional point is refused.
+  const std::optional<std::int64_t> x = integerMember(request, "x");
+  const std::optional<std::int64_t> y = integerMember(request, "y");
+  if (!x || !y) return Reply::failure("ax_element_at requires x and y");
+
+  const ElementRef systemWide = desktop.createSystemWideElement();
+  ElementRef found;
+  AXResult code = AXError::failure;
+  if (systemWide) {
+    desktop.setMessagingTimeout(*systemWide, kMessagingTimeoutSeconds);
+    code = desktop.copyElementAtPosition(*systemWide, static_cast<float>(*x),
+                                         static_cast<float>(*y), found);
+  }
+  if (code != AXError::success || !found) {
+    return Reply::failure("no accessible element at (" + std::to_string(*x) + ", " +
+                          std::to_string(*y) + ") (" + describe(code) + ")");
+  }
+
+  // One node, no children; its ref joins those of the last dump.
+  std::int64_t budget = 1;
+  Reply reply = Reply::success();
+  std::string node;
+  buildNode(found, 0, 0, budget, node);
+  reply.jsonMembers.emplace_back("node", std::move(node));
+  return reply;
+}
+
+Reply ConnectionHandler::opAXAction(const Json& request) {
+  if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
+  const ElementRef element = resolveRef(request);
+  if (!element) return staleRefReply(request);
+
+  const std::string* asked = stringMember(request, "action");
+  const std::string& action = asked != nullptr && !asked->empty() ? *asked : kPress;
+  const AXResult code = desktop.performAction(*element, action);
+  switch (code) {
+    case AXError::success:
+      return Reply::success();
+    case AXError::cannotComplete: {
+      // The action may well have happened: the host should look, not press again.
+      Reply reply = Reply::success();
+      reply.body["note"] =
+          "the app did not confirm within the AX timeout \u2014 the action possibly succeeded; "
+          "re-dump to verify";
+      return reply;
+    }
+    case AXError::invalidUIElement:
+      return staleRefReply(request);
+    default:
+      return Reply::failure(action + " failed (" + describe(code) + ")");
+  }
+}
+
+Reply ConnectionHandler::opAXSetValue(const Json& request) {
+  if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
+  const ElementRef element = resolveRef(request);
+  if (!element) return staleRefReply(request);
+
+  const std::string* value = stringMember(request, "value");
+  if (value == nullptr) return Reply::failure("ax_set_value requires a string \"value\"");
+
+  // A failed query (a vanished element included) counts as "not settable".
+  bool settable = false;
+  desktop.isAttributeSettable(*element, kValue, settable);
+  if (!settable) {
+    return Reply::failure(
+        "this element's AXValue is not settable \u2014 focus it (ax_focus) and type instead");
+  }
+  const AXResult code = desktop.setAttributeValue(*element, kValue, AXWritableValue(*value));
+  if (code == AXError::success) return Reply::success();
+  if (code == AXError::invalidUIElement) return staleRefReply(request);
+  return Reply::failure("setting AXValue failed (" + describe(code) + ")");
+}
+
+Reply ConnectionHandler::opAXFocus(const Json& request) {
+  if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
+  const ElementRef element = resolveRef(request);
+  if (!element) return staleRefReply(request);
+
+  const AXResult code = desktop.setAttributeValue(*element, kFocused, AXWritableValue(true));
+  if (code == AXError::success) return Reply::success();
+  if (code == AXError::invalidUIElement) return staleRefReply(request);
+  return Reply::failure("focusing failed (" + describe(code) + ")");
+}
+
+}  // namespace tervain

@@ -1,0 +1,136 @@
+#include "core/ax_text.h"
+#include "core/json_writer.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdlib>
+#include <limits>
+#include <string>
+
+namespace tervain {
+namespace {
+
+std::string repeat(std::string_view piece, int times) {
+  std::string out;
+  for (int i = 0; i < times; ++i) out += piece;
+  return out;
+}
+
+constexpr const char* kEllipsis = "\u2026";
+
+TEST(NumberTextTest, IntegersAndBooleans) {
+  EXPECT_EQ(numberText(std::int64_t{42}), "42");
+  EXPECT_EQ(numberText(std::int64_t{-7}), "-7");
+  EXPECT_EQ(numberText(std::int64_t{0}), "0");
+  EXPECT_EQ(numberText(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808");
+  EXPECT_EQ(numberText(true), "1");
+  EXPECT_EQ(numberText(false), "0");
+}
+
+TEST(NumberTextTest, RealsTakeTheShortestFormThatReadsBack) {
+  EXPECT_EQ(numberText(0.5), "0.5");
+  EXPECT_EQ(numberText(0.1), "0.1");
+  EXPECT_EQ(numberText(0.1 + 0.2), "0.30000000000000004");
+  EXPECT_EQ(numberText(1.0 / 3.0), "0.3333333333333333");
+  EXPECT_EQ(numberText(-2.25), "-2.25");
+  EXPECT_EQ(numberText(123.456), "123.456");
+  for (const double value : {0.5, 0.1 + 0.2, 1.0 / 3.0, 123.456, 6.02214076e23, 5e-324}) {
+    EXPECT_EQ(std::strtod(numberText(value).c_str(), nullptr), value) << numberText(value);
+  }
+}
+
+TEST(NumberTextTest, WholeRealsHaveNoFraction) {
+  EXPECT_EQ(numberText(3.0), "3");
+  EXPECT_EQ(numberText(0.0), "0");
+  EXPECT_EQ(numberText(-0.0), "-0");
+  EXPECT_EQ(numberText(100.0), "100");
+  EXPECT_EQ(numberText(1e16), "10000000000000000");
+}
+
+TEST(NumberTextTest, ExponentialFormAtTheExtremes) {
+  EXPECT_EQ(numberText(0.0001), "0.0001");
+  EXPECT_EQ(numberText(0.00001), "1e-05");
+  EXPECT_EQ(numberText(1e17), "1e+17");
+  EXPECT_EQ(numberText(1.5e20), "1.5e+20");
+  EXPECT_EQ(numberText(-2.5e-300), "-2.5e-300");
+}
+
+TEST(NumberTextTest, NonFiniteReals) {
+  EXPECT_EQ(numberText(std::numeric_limits<double>::quiet_NaN()), "nan");
+  EXPECT_EQ(numberText(std::numeric_limits<double>::infinity()), "inf");
+  EXPECT_EQ(numberText(-std::numeric_limits<double>::infinity()), "-inf");
+}
+
+TEST(GraphemeTest, CountsUserPerceivedCharacters) {
+  EXPECT_EQ(countGraphemes("", 10), 0u);
+  EXPECT_EQ(countGraphemes("abc", 10), 3u);
+  EXPECT_EQ(countGraphemes("e\u0301", 10), 1u);                     // e + combining acute
+  EXPECT_EQ(countGraphemes("\U0001F1EB\U0001F1F7", 10), 1u);        // a flag: two indicators
+  EXPECT_EQ(countGraphemes(repeat("\U0001F1EB\U0001F1F7", 3), 10), 3u);
+  EXPECT_EQ(countGraphemes("\U0001F469\u200D\U0001F4BB", 10), 1u);  // ZWJ sequence
+  EXPECT_EQ(countGraphemes("\r\n", 10), 1u);
+  EXPECT_EQ(countGraphemes("abcdef", 4), 4u);
+  EXPECT_EQ(countGraphemes("a\xff" "b", 10), 3u);  // a stray byte stands alone
+}
+
+TEST(GraphemeTest, TextOf250CharactersIsKeptWhole) {
+  const std::string text(250, 'x');
+  EXPECT_EQ(truncateGraphemes(text, 250), text);
+  // Many bytes, still 250 characters.
+  const std::string accented = repeat("e\u0301", 250);
+  EXPECT_EQ(truncateGraphemes(accented, 250), accented);
+}
+
+TEST(GraphemeTest, LongerTextKeeps250AndGetsAnEllipsis) {
+  const std::string text(300, 'x');
+  const std::string cut = truncateGraphemes(text, 250);
+  EXPECT_EQ(cut, std::string(250, 'x') + kEllipsis);
+  EXPECT_EQ(countGraphemes(cut, 1000), 251u);
+  EXPECT_EQ(truncateGraphemes(std::string(251, 'x'), 250), std::string(250, 'x') + kEllipsis);
+}
+
+TEST(GraphemeTest, CombiningSequenceAtTheCutStaysWhole) {
+  // Character 250 is "e" with two combining marks; character 251 follows it.
+  const std::string text = std::string(249, 'a') + "e\u0301\u0323" + std::string(50, 'b');
+  EXPECT_EQ(truncateGraphemes(text, 250), std::string(249, 'a') + "e\u0301\u0323" + kEllipsis);
+  // Character 251 is the combining sequence: all of it goes.
+  const std::string later = std::string(250, 'a') + "e\u0301\u0323" + "b";
+  EXPECT_EQ(truncateGraphemes(later, 250), std::string(250, 'a') + kEllipsis);
+}
+
+TEST(GraphemeTest, FlagAtTheCutIsNeverSplit) {
+  const std::string flag = "\U0001F1EB\U0001F1F7";
+  // The flag is character 250: kept whole.
+  const std::string text = std::string(249, 'a') + flag + flag + "z";
+  EXPECT_EQ(truncateGraphemes(text, 250), std::string(249, 'a') + flag + kEllipsis);
+  // The flag is character 251: dropped whole, not cut between its two indicators.
+  const std::string later = std::string(250, 'a') + flag;
+  EXPECT_EQ(truncateGraphemes(later, 250), std::string(250, 'a') + kEllipsis);
+  // Pairs of indicators pair up from the start of the run.
+  const std::string flags = repeat(flag, 260);
+  EXPECT_EQ(truncateGraphemes(flags, 250), repeat(flag, 250) + kEllipsis);
+}
+
+TEST(JsonTextTest, ValidUtf8) {
+  EXPECT_TRUE(isValidUtf8(""));
+  EXPECT_TRUE(isValidUtf8("plain \u00e9 \U0001F1EB\U0001F1F7"));
+  EXPECT_FALSE(isValidUtf8("a\xff"));
+  EXPECT_FALSE(isValidUtf8("\xc3"));              // cut short
+  EXPECT_FALSE(isValidUtf8("\xc0\xaf"));          // overlong "/"
+  EXPECT_FALSE(isValidUtf8("\xed\xa0\x80"));      // a surrogate
+}
+
+TEST(JsonTextTest, EscapesWhatJsonNeedsAndNothingElse) {
+  std::string out;
+  appendJsonString(out, "q\"b\\s/\b\f\n\r\t\x01\x1f\x7f \u00e9\u2026");
+  EXPECT_EQ(out, "\"q\\\"b\\\\s/\\b\\f\\n\\r\\t\\u0001\\u001f\x7f \u00e9\u2026\"");
+  // Whatever goes in reads back the same through a JSON parser.
+  const std::string text = std::string("a\0b\"\\\u00e9\n", 8);
+  std::string quoted;
+  appendJsonString(quoted, text);
+  EXPECT_EQ(nlohmann::json::parse(quoted).get<std::string>(), text);
+}
+
+}  // namespace
+}  // namespace tervain
