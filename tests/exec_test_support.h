@@ -3,7 +3,10 @@
 #pragma once
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -75,6 +78,14 @@ inline ExecTranscript readExecFrames(LineClient& client,
 // An "i" frame line carrying bytes.
 inline std::string stdinFrame(std::string_view bytes) {
   return "{\"t\":\"i\",\"d\":\"" + base64::encode(bytes) + "\"}\n";
+}
+
+// A connected pair of Unix stream sockets, both close-on-exec; false on failure.
+inline bool closeOnExecSocketPair(int pair[2]) {
+  if (::socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) return false;
+  ::fcntl(pair[0], F_SETFD, FD_CLOEXEC);
+  ::fcntl(pair[1], F_SETFD, FD_CLOEXEC);
+  return true;
 }
 
 struct ProcInfo {

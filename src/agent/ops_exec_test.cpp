@@ -23,7 +23,7 @@ class RunExecTest : public ::testing::Test {
     ::signal(SIGPIPE, SIG_IGN);
     ::setenv("TERVAIN_DULK_DISABLE", "1", 1);
     int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    ASSERT_TRUE(testing::closeOnExecSocketPair(pair));
     handler.emplace(pair[0], context);
     handlerFD = pair[0];
     host.emplace(pair[1]);

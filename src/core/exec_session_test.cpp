@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/posix/spawn_platform.h"
 #include "core/shell_spool.h"
 #include "exec_test_support.h"
 
@@ -158,9 +159,9 @@ class SpawnTest : public ::testing::Test {
   // Spawns /bin/sh -c script with fresh pipes; the test gets the other ends.
   pid_t spawnSh(const std::string& script) {
     int in[2], out[2], err[2];
-    EXPECT_EQ(::pipe2(in, O_CLOEXEC), 0);
-    EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
-    EXPECT_EQ(::pipe2(err, O_CLOEXEC), 0);
+    EXPECT_EQ(posix::makeCloexecPipe(in), 0);
+    EXPECT_EQ(posix::makeCloexecPipe(out), 0);
+    EXPECT_EQ(posix::makeCloexecPipe(err), 0);
     const auto pid = ExecSession::spawnGroupLeader("/bin/sh", {"-c", script},
                                                    {{"PATH", "/usr/bin:/bin"}}, in[0], out[1],
                                                    err[1]);
@@ -183,6 +184,7 @@ class SpawnTest : public ::testing::Test {
 };
 
 TEST_F(SpawnTest, OnlyStandardDescriptorsReachTheChild) {
+  if (!testing::procAvailable()) GTEST_SKIP() << "needs /proc";
   // A descriptor that any plain fork would hand down.
   const int leaky = ::dup(STDERR_FILENO);
   ASSERT_GE(leaky, 3);
@@ -227,7 +229,10 @@ TEST_F(SpawnTest, AFailedSpawnReportsItsErrno) {
 class WriteBoundedTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { ignoreSigpipe(); }
-  void SetUp() override { ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0); }
+  void SetUp() override {
+    ASSERT_EQ(posix::makeCloexecPipe(ends), 0);
+    ASSERT_EQ(::fcntl(ends[1], F_SETFL, ::fcntl(ends[1], F_GETFL) | O_NONBLOCK), 0);
+  }
   void TearDown() override {
     for (int fd : ends) {
       if (fd >= 0) ::close(fd);
@@ -275,7 +280,7 @@ class ExecSessionTest : public ::testing::Test {
 
   void SetUp() override {
     int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    ASSERT_TRUE(testing::closeOnExecSocketPair(pair));
     sessionFD = pair[0];
     host.emplace(pair[1]);
   }
@@ -463,6 +468,7 @@ TEST_F(ExecSessionTest, StdinForACommandThatNeverReadsStallsOnlyBriefly) {
 }
 
 TEST_F(ExecSessionTest, OnlyStandardDescriptorsReachTheCommand) {
+  if (!testing::procAvailable()) GTEST_SKIP() << "needs /proc";
   const int leaky = ::dup(STDERR_FILENO);
   ASSERT_GE(leaky, 3);
   startCommand("for n in 0 1 2 " + std::to_string(leaky) + " " + std::to_string(sessionFD) + " " +
