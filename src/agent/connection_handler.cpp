@@ -60,6 +60,16 @@ void ConnectionHandler::run() {
       if (!line) break;
       if (line->empty()) continue;
       const std::optional<Json> request = parseRequestObject(*line);
+      const std::optional<std::string> op = request ? requestOp(*request) : std::nullopt;
+      if (op == AgentWire::Exec::op) {
+        runExec(*line);  // takes over the rest of the connection
+        keepGoing = false;
+        break;
+      }
+      if (op == AgentWire::ShellEvents::op) {
+        runShellEvents(*line);
+        continue;
+      }
       std::string reply = handleRequest(request);
       reply.push_back('\n');
       keepGoing = writeAll(reply);

@@ -39,6 +39,12 @@ class ConnectionHandler {
   // Writes every byte to the socket; false when the connection failed.
   bool writeAll(std::string_view bytes);
 
+  // Streaming operations: each gets the raw request line and writes to the socket itself.
+  // runExec() hands the socket and the unread buffered bytes to an exec session; the connection
+  // ends when it returns. runShellEvents() writes one reply line and the connection goes on.
+  void runExec(std::string_view requestLine);
+  void runShellEvents(std::string_view requestLine);
+
   // Status operations.
   Reply opPing();
   Reply opCursorPosition();

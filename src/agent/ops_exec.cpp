@@ -1,0 +1,32 @@
+// "exec": hands the connection to an ExecSession for the rest of its life.
+#include <string>
+
+#include "agent/connection_handler.h"
+#include "core/agent_wire.h"
+#include "core/exec_session.h"
+#include "core/request_members.h"
+
+namespace tervain {
+
+void ConnectionHandler::runExec(std::string_view requestLine) {
+  // Parsed before the pending bytes are taken: the line is a view into the line buffer.
+  const std::optional<Json> request = parseRequestObject(requestLine);
+  if (!request) {
+    // Assembled by hand so that its bytes, key order included, never change.
+    namespace Wire = AgentWire::Exec;
+    std::string line = "{\"";
+    line += Wire::tagKey;
+    line += "\":\"";
+    line += Wire::spawnError;
+    line += "\",\"";
+    line += Wire::messageKey;
+    line += "\":\"exec request did not parse\"}\n";
+    writeAll(line);
+    return;
+  }
+  ExecSession session(fd, lines.takePending(), std::string(ExecSession::defaultDulkPath),
+                      ExecSession::defaultPipeGraceMillis);
+  session.run(*request);
+}
+
+}  // namespace tervain

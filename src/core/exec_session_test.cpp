@@ -1,0 +1,526 @@
+#include "core/exec_session.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "core/shell_spool.h"
+#include "exec_test_support.h"
+
+namespace tervain {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ExecTranscript;
+using testing::LineClient;
+using testing::readExecFrames;
+using testing::stdinFrame;
+
+// The agent ignores SIGPIPE from start-up; sessions rely on it, and so do these tests.
+void ignoreSigpipe() { ::signal(SIGPIPE, SIG_IGN); }
+
+// Sets or clears one environment variable for the life of a test.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name(name) {
+    if (const char* old = std::getenv(name)) saved = old;
+    if (value != nullptr) {
+      ::setenv(name, value, 1);
+    } else {
+      ::unsetenv(name);
+    }
+  }
+  ~ScopedEnv() {
+    if (saved) {
+      ::setenv(name, saved->c_str(), 1);
+    } else {
+      ::unsetenv(name);
+    }
+  }
+
+ private:
+  const char* name;
+  std::optional<std::string> saved;
+};
+
+// Reads everything from a descriptor until end of file, bounded in time.
+std::string readAll(int fd, std::chrono::milliseconds limit = 10s) {
+  std::string out;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  char chunk[4096];
+  while (std::chrono::steady_clock::now() < deadline) {
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, 100) <= 0) continue;
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n <= 0) break;
+    out.append(chunk, static_cast<std::size_t>(n));
+  }
+  return out;
+}
+
+// Waits, bounded, for a child; its raw status, or nothing.
+std::optional<int> reap(pid_t pid, std::chrono::milliseconds limit = 10s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < deadline) {
+    int status = 0;
+    if (::waitpid(pid, &status, WNOHANG) == pid) return status;
+    std::this_thread::sleep_for(5ms);
+  }
+  return std::nullopt;
+}
+
+// ---- How a command becomes a program, arguments and environment ------------------------------
+
+class ShellInvocationTest : public ::testing::Test {
+ protected:
+  std::vector<std::string> probed;
+  std::function<bool(const std::string&)> present = [this](const std::string& p) {
+    probed.push_back(p);
+    return true;
+  };
+  std::function<bool(const std::string&)> missing = [this](const std::string& p) {
+    probed.push_back(p);
+    return false;
+  };
+};
+
+TEST_F(ShellInvocationTest, DisableSetToOneRunsZshWithTheEnvironmentUnchanged) {
+  const ExecSession::Environment env = {{"TERVAIN_DULK_DISABLE", "1"},
+                                        {"TERVAIN_SHELL_SPOOL", "/elsewhere"},
+                                        {"PATH", "/bin"}};
+  const auto invocation = ExecSession::shellInvocation("echo hi", "/opt/dulk", env, missing);
+  ASSERT_TRUE(invocation);
+  EXPECT_EQ(invocation->path, "/bin/zsh");
+  EXPECT_EQ(invocation->args, (std::vector<std::string>{"-c", "echo hi"}));
+  EXPECT_EQ(invocation->env, env);
+  EXPECT_TRUE(probed.empty()) << "the agent shell is not even looked for";
+}
+
+TEST_F(ShellInvocationTest, AnyOtherDisableValueStillNeedsTheAgentShell) {
+  for (const char* value : {"0", "true", "", "1 ", " 1", "11", "yes"}) {
+    probed.clear();
+    EXPECT_FALSE(ExecSession::shellInvocation("true", "/opt/dulk",
+                                              {{"TERVAIN_DULK_DISABLE", value}}, missing))
+        << "'" << value << "'";
+    EXPECT_EQ(probed, std::vector<std::string>{"/opt/dulk"});
+  }
+}
+
+TEST_F(ShellInvocationTest, AgentShellRunsTheCommandAsALoginShellWithTheSpool) {
+  const std::string command = "  echo \"a b\"\n'c' $HOME\\";
+  const auto invocation = ExecSession::shellInvocation(
+      command, "/opt/dulk", {{"TERVAIN_SHELL_SPOOL", "/elsewhere"}, {"PATH", "/bin"}}, present);
+  ASSERT_TRUE(invocation);
+  EXPECT_EQ(invocation->path, "/opt/dulk");
+  EXPECT_EQ(invocation->args, (std::vector<std::string>{"-lc", command}));
+  EXPECT_EQ(invocation->env, (ExecSession::Environment{
+                                 {"TERVAIN_SHELL_SPOOL", ShellSpool::defaultDir()},
+                                 {"TERVAIN_SHELL_CAPTURE", "tap"},
+                                 {"PATH", "/bin"}}));
+}
+
+TEST_F(ShellInvocationTest, AnExistingCaptureValueIsKeptEvenWhenEmpty) {
+  for (const char* value : {"", "full"}) {
+    const auto invocation = ExecSession::shellInvocation(
+        "true", "/opt/dulk", {{"TERVAIN_SHELL_CAPTURE", value}}, present);
+    ASSERT_TRUE(invocation);
+    EXPECT_EQ(invocation->env.at("TERVAIN_SHELL_CAPTURE"), value);
+  }
+}
+
+TEST(DulkMissingMessageTest, NamesTheDefaultPathAndTheFix) {
+  EXPECT_EQ(ExecSession::dulkMissingMessage(),
+            "dulk is not installed in this guest (/usr/local/bin/dulk) \u2014 dulk is the required "
+            "agent shell in every virtualized environment (docs/DULK.md \u00a77.5), so the exec "
+            "surface refuses to run without it. Rebuild the macOS VM base image so provisioning "
+            "installs it.");
+}
+
+// ---- Spawning a group leader ----------------------------------------------------------------
+
+class SpawnTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { ignoreSigpipe(); }
+
+  // Spawns /bin/sh -c script with fresh pipes; the test gets the other ends.
+  pid_t spawnSh(const std::string& script) {
+    int in[2], out[2], err[2];
+    EXPECT_EQ(::pipe2(in, O_CLOEXEC), 0);
+    EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
+    EXPECT_EQ(::pipe2(err, O_CLOEXEC), 0);
+    const auto pid = ExecSession::spawnGroupLeader("/bin/sh", {"-c", script},
+                                                   {{"PATH", "/usr/bin:/bin"}}, in[0], out[1],
+                                                   err[1]);
+    ::close(in[0]);
+    ::close(out[1]);
+    ::close(err[1]);
+    stdinFD = in[1];
+    stdoutFD = out[0];
+    stderrFD = err[0];
+    return pid.value_or(-1);
+  }
+
+  void TearDown() override {
+    for (int fd : {stdinFD, stdoutFD, stderrFD}) {
+      if (fd >= 0) ::close(fd);
+    }
+  }
+
+  int stdinFD = -1, stdoutFD = -1, stderrFD = -1;
+};
+
+TEST_F(SpawnTest, OnlyStandardDescriptorsReachTheChild) {
+  // A descriptor that any plain fork would hand down.
+  const int leaky = ::dup(STDERR_FILENO);
+  ASSERT_GE(leaky, 3);
+  const pid_t pid = spawnSh("ls /proc/$$/fd; :");
+  ::close(leaky);
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(readAll(stdoutFD), "0\n1\n2\n");
+  ASSERT_TRUE(reap(pid));
+}
+
+TEST_F(SpawnTest, TheChildLeadsANewProcessGroup) {
+  const pid_t pid = spawnSh("read line; echo \"$line\"");
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(::getpgid(pid), pid);
+  EXPECT_NE(::getpgid(pid), ::getpgrp());
+  ASSERT_EQ(::write(stdinFD, "go\n", 3), 3);
+  EXPECT_EQ(readAll(stdoutFD), "go\n");
+  const auto status = reap(pid);
+  ASSERT_TRUE(status);
+  EXPECT_EQ(*status, 0);
+}
+
+TEST_F(SpawnTest, SigpipeIsAtItsDefaultInTheChild) {
+  // This process ignores SIGPIPE; if the child inherited that, "yes" would report the broken
+  // pipe on standard error instead of ending quietly.
+  const pid_t pid = spawnSh("yes | head -n 1");
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(readAll(stdoutFD), "y\n");
+  EXPECT_EQ(readAll(stderrFD), "");
+  ASSERT_TRUE(reap(pid));
+}
+
+TEST_F(SpawnTest, AFailedSpawnReportsItsErrno) {
+  errno = 0;
+  EXPECT_FALSE(ExecSession::spawnGroupLeader("/nonexistent/shell", {"-c", "true"}, {},
+                                             STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO));
+  EXPECT_EQ(errno, ENOENT);
+}
+
+// ---- Bounded stdin writes ---------------------------------------------------------------------
+
+class WriteBoundedTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { ignoreSigpipe(); }
+  void SetUp() override { ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0); }
+  void TearDown() override {
+    for (int fd : ends) {
+      if (fd >= 0) ::close(fd);
+    }
+  }
+  int ends[2] = {-1, -1};
+};
+
+TEST_F(WriteBoundedTest, GivesUpWhenNobodyReads) {
+  const std::string data(4 << 20, 'x');
+  const std::size_t written = ExecSession::writeBounded(ends[1], data, 3);
+  EXPECT_GT(written, 0u);
+  EXPECT_LT(written, data.size());
+}
+
+TEST_F(WriteBoundedTest, StopsAtOnceWhenTheReaderIsGone) {
+  ::close(ends[0]);
+  ends[0] = -1;
+  EXPECT_EQ(ExecSession::writeBounded(ends[1], "abc", 500), 0u);
+}
+
+TEST_F(WriteBoundedTest, DeliversEverythingToAReaderThatKeepsUp) {
+  const std::string data(1 << 20, 'y');
+  std::string received;
+  std::thread reader([&] {
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    char chunk[65536];
+    while (received.size() < data.size() && std::chrono::steady_clock::now() < deadline) {
+      pollfd p{ends[0], POLLIN, 0};
+      if (::poll(&p, 1, 50) <= 0) continue;
+      const ssize_t n = ::read(ends[0], chunk, sizeof chunk);
+      if (n > 0) received.append(chunk, static_cast<std::size_t>(n));
+    }
+  });
+  EXPECT_EQ(ExecSession::writeBounded(ends[1], data, 5000), data.size());
+  reader.join();
+  EXPECT_EQ(received, data);
+}
+
+// ---- Whole sessions over a socket pair ---------------------------------------------------------
+
+class ExecSessionTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { ignoreSigpipe(); }
+
+  void SetUp() override {
+    int pair[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    sessionFD = pair[0];
+    host.emplace(pair[1]);
+  }
+
+  void TearDown() override {
+    host->close();  // a session still running sees its host go and ends
+    if (worker.joinable()) worker.join();
+    ::close(sessionFD);
+  }
+
+  // Runs a session on its own thread, as a connection would.
+  void startSession(Json request, std::string buffered = {},
+                    std::int32_t grace = ExecSession::defaultPipeGraceMillis,
+                    std::string dulkPath = std::string(ExecSession::defaultDulkPath)) {
+    worker = std::thread([this, request = std::move(request), buffered = std::move(buffered),
+                          grace, dulkPath = std::move(dulkPath)] {
+      ExecSession session(sessionFD, buffered, dulkPath, grace);
+      session.run(request);
+      finished = true;
+    });
+  }
+
+  void startCommand(const std::string& command, std::string buffered = {},
+                    std::int32_t grace = ExecSession::defaultPipeGraceMillis) {
+    startSession(Json{{"op", "exec"}, {"command", command}}, std::move(buffered), grace);
+  }
+
+  // Waits, bounded, for run() to return.
+  bool sessionEnded(std::chrono::milliseconds limit = 10s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!finished) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(5ms);
+    }
+    return true;
+  }
+
+  ScopedEnv fallbackShell{"TERVAIN_DULK_DISABLE", "1"};
+  int sessionFD = -1;
+  std::optional<LineClient> host;
+  std::thread worker;
+  std::atomic<bool> finished{false};
+};
+
+TEST_F(ExecSessionTest, OutputStreamsAsFramesAndEndsWithTheExitCode) {
+  startCommand("echo hello; echo oops >&2");
+  const ExecTranscript t = readExecFrames(*host);
+  EXPECT_EQ(t.out, "hello\n");
+  EXPECT_EQ(t.err, "oops\n");
+  EXPECT_EQ(t.code, 0);
+  EXPECT_EQ(t.tags.back(), "x");
+  EXPECT_TRUE(t.badFrames.empty());
+  EXPECT_TRUE(sessionEnded());
+}
+
+TEST_F(ExecSessionTest, OutputFramesHaveTheirFixedByteForm) {
+  startCommand("printf 'hi'");
+  EXPECT_EQ(host->readLine(), R"({"t":"o","d":"aGk="})");
+  EXPECT_EQ(Json::parse(host->readLine().value_or("null")), Json::parse(R"({"t":"x","code":0})"));
+}
+
+TEST_F(ExecSessionTest, AnEmptyCommandIsACommand) {
+  startCommand("");
+  EXPECT_EQ(readExecFrames(*host).code, 0);
+}
+
+TEST_F(ExecSessionTest, FramesSentWithTheRequestAreHonoured) {
+  startCommand("cat", "{\"t\":\"i\",\"d\":\"aGkK\"}\n{\"t\":\"eof\"}\n");
+  const ExecTranscript t = readExecFrames(*host);
+  EXPECT_EQ(t.out, "hi\n");
+  EXPECT_EQ(t.code, 0);
+}
+
+TEST_F(ExecSessionTest, StdinFramesAfterTheStartReachTheCommand) {
+  startCommand("tr a-z A-Z");
+  ASSERT_TRUE(host->send(stdinFrame("abc\n") + stdinFrame("def\n")));
+  ASSERT_TRUE(host->send("{\"t\":\"eof\"}\n"));
+  const ExecTranscript t = readExecFrames(*host);
+  EXPECT_EQ(t.out, "ABC\nDEF\n");
+  EXPECT_EQ(t.code, 0);
+}
+
+TEST_F(ExecSessionTest, ACommandThatIsNotAStringIsRefused) {
+  for (const Json& request : {Json{{"op", "exec"}, {"command", 42}}, Json{{"op", "exec"}},
+                              Json{{"op", "exec"}, {"command", nullptr}}}) {
+    ExecSession session(sessionFD, "", std::string(ExecSession::defaultDulkPath), 2000);
+    EXPECT_FALSE(session.start(request));
+    EXPECT_EQ(Json::parse(host->readLine(1s).value_or("null")),
+              Json::parse(R"({"t":"err","m":"exec requires a \"command\" string"})"));
+  }
+  EXPECT_FALSE(host->readLine(100ms)) << "no exit frame follows";
+}
+
+TEST_F(ExecSessionTest, LargeOutputIsChunkedAndReassembled) {
+  std::string expected;
+  for (int i = 1; i <= 100000; ++i) expected += std::to_string(i) + "\n";
+  startCommand("seq 1 100000");
+  const ExecTranscript t = readExecFrames(*host);
+  EXPECT_EQ(t.code, 0);
+  EXPECT_EQ(t.out, expected);
+  EXPECT_LE(t.largestChunk, 65536u);
+  EXPECT_GT(t.tags.size(), 3u);
+}
+
+TEST_F(ExecSessionTest, AFinalBurstBeforeTheExitArrivesWholeBeforeTheExitFrame) {
+  testing::TempDir dir;
+  std::string payload(256 * 1024, '\0');
+  std::mt19937 random(7);
+  for (char& c : payload) c = static_cast<char>(random());
+  std::ofstream(dir.file("burst"), std::ios::binary) << payload;
+  startCommand("cat " + dir.file("burst"));
+  const ExecTranscript t = readExecFrames(*host);
+  EXPECT_EQ(t.code, 0);
+  EXPECT_EQ(t.out.size(), payload.size());
+  EXPECT_TRUE(t.out == payload);
+}
+
+TEST_F(ExecSessionTest, ExitStatusIsTheCode) {
+  startCommand("exit 3");
+  EXPECT_EQ(readExecFrames(*host).code, 3);
+}
+
+TEST_F(ExecSessionTest, DeathBySignalIsOneHundredTwentyEightPlusTheSignal) {
+  startCommand("kill -9 $$");
+  EXPECT_EQ(readExecFrames(*host).code, 137);
+}
+
+TEST_F(ExecSessionTest, ASignalFrameReachesTheCommand) {
+  startCommand("echo ready; sleep 30");
+  ASSERT_EQ(host->readLine(), R"({"t":"o","d":"cmVhZHkK"})");
+  ASSERT_TRUE(host->send("{\"t\":\"sig\",\"n\":15}\n"));
+  EXPECT_EQ(readExecFrames(*host).code, 143);
+}
+
+TEST_F(ExecSessionTest, ABackgroundJobHoldingStdoutCannotHoldTheSession) {
+  startCommand("echo $$; sleep 30 & exit 4", {}, 300);
+  const ExecTranscript t = readExecFrames(*host);
+  EXPECT_EQ(t.code, 4);
+  const int group = std::atoi(t.out.c_str());
+  ASSERT_GT(group, 1);
+  EXPECT_FALSE(testing::liveMembersOfGroup(group).empty()) << "the job was left to run";
+  testing::killGroup(group);
+}
+
+TEST_F(ExecSessionTest, AHostThatGoesAwayTakesTheGroupDownAndTheChildIsReaped) {
+  if (!testing::procAvailable()) GTEST_SKIP() << "needs /proc";
+  startCommand("echo $$; sleep 30; :");
+  const std::optional<std::string> first = host->readLine();
+  ASSERT_TRUE(first);
+  const int group = std::atoi(base64::decode(Json::parse(*first)["d"].get<std::string>())
+                                  .value_or("0")
+                                  .c_str());
+  ASSERT_GT(group, 1);
+  host->close();
+  ASSERT_TRUE(sessionEnded());
+  EXPECT_TRUE(testing::groupGone(group));
+  EXPECT_TRUE(testing::zombieChildrenOf(::getpid()).empty());
+  errno = 0;
+  EXPECT_EQ(::waitpid(group, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD) << "the session reaped its child";
+}
+
+TEST_F(ExecSessionTest, MalformedAndUnknownHostFramesAreIgnored) {
+  const std::string junk =
+      "not json\n[1,2]\n\"i\"\n{}\n{\"t\":5}\n{\"t\":\"resize\",\"cols\":80}\n"
+      "{\"t\":\"i\"}\n{\"t\":\"i\",\"d\":5}\n{\"t\":\"i\",\"d\":\"!!\"}\n{\"t\":\"i\",\"d\":\"aGk\"}\n"
+      "{\"t\":\"i\",\"d\":\"aG k=\"}\n{\"t\":\"sig\"}\n{\"t\":\"sig\",\"n\":\"15\"}\n"
+      "{\"t\":\"sig\",\"n\":1.5}\n{\"t\":\"sig\",\"n\":4294967311}\n"
+      "{\"t\":\"sig\",\"n\":-4294967281}\n{\"t\":\"I\",\"d\":\"aGkK\"}\n\n\r\n";
+  startCommand("cat", junk + "{\"t\":\"i\",\"d\":\"aGkK\"}\r\n");
+  ASSERT_TRUE(host->send(junk));
+  ASSERT_TRUE(host->send("{\"t\":\"eof\"}\n" + stdinFrame("late") + "{\"t\":\"eof\"}\n"));
+  const ExecTranscript t = readExecFrames(*host);
+  EXPECT_EQ(t.out, "hi\n");
+  EXPECT_EQ(t.code, 0) << "no signal reached cat";
+}
+
+TEST_F(ExecSessionTest, StdinForACommandThatNeverReadsStallsOnlyBriefly) {
+  // Far more than a pipe holds; the rest is dropped after the retry budget and the signal frame
+  // behind it is still served.
+  const std::string big(2 << 20, 'z');
+  startCommand("sleep 30", stdinFrame(big) + "{\"t\":\"sig\",\"n\":15}\n");
+  const ExecTranscript t = readExecFrames(*host, 20s);
+  EXPECT_EQ(t.code, 143);
+}
+
+TEST_F(ExecSessionTest, OnlyStandardDescriptorsReachTheCommand) {
+  const int leaky = ::dup(STDERR_FILENO);
+  ASSERT_GE(leaky, 3);
+  startCommand("for n in 0 1 2 " + std::to_string(leaky) + " " + std::to_string(sessionFD) + " " +
+               std::to_string(host->descriptor()) +
+               "; do [[ -e /proc/$$/fd/$n ]] && print -n \"$n \"; done; print");
+  const ExecTranscript t = readExecFrames(*host);
+  ::close(leaky);
+  EXPECT_EQ(t.out, "0 1 2 \n");
+  EXPECT_EQ(t.code, 0);
+}
+
+TEST_F(ExecSessionTest, AMissingAgentShellIsRefusedWithTheFixedMessage) {
+  for (const char* disable : {static_cast<const char*>(nullptr), "true", "0", ""}) {
+    ScopedEnv env("TERVAIN_DULK_DISABLE", disable);
+    ExecSession session(sessionFD, "", "/nonexistent/dulk", 2000);
+    EXPECT_FALSE(session.start(Json{{"command", "echo hi"}}));
+    const ExecTranscript t = readExecFrames(*host, 2s);
+    EXPECT_EQ(t.error, ExecSession::dulkMissingMessage());
+    EXPECT_EQ(t.tags, std::vector<std::string>{"err"});
+  }
+}
+
+TEST_F(ExecSessionTest, TheAgentShellGetsTheCommandAndTheSpoolVariables) {
+  testing::TempDir dir;
+  const std::string shell = dir.file("dulk");
+  std::ofstream(shell) << "#!/bin/sh\n"
+                          "printf '%s|%s|%s|%s\\n' \"$0\" \"$#\" \"$1\" \"$2\"\n"
+                          "printf 'spool=%s\\n' \"$TERVAIN_SHELL_SPOOL\"\n"
+                          "printf 'capture=%s\\n' \"${TERVAIN_SHELL_CAPTURE-<unset>}\"\n";
+  ASSERT_EQ(::chmod(shell.c_str(), 0755), 0);
+  ScopedEnv noFallback("TERVAIN_DULK_DISABLE", "0");
+  ScopedEnv spool("TERVAIN_SHELL_SPOOL", "/somewhere/else");
+  const std::string command = "  echo \"a b\"\n'c' $HOME";
+  const std::string head = shell + "|2|-lc|" + command + "\nspool=" + ShellSpool::defaultDir();
+
+  for (const char* capture : {static_cast<const char*>(nullptr), "", "full"}) {
+    ScopedEnv env("TERVAIN_SHELL_CAPTURE", capture);
+    ExecSession session(sessionFD, "", shell, 2000);
+    session.run(Json{{"command", command}});
+    const ExecTranscript t = readExecFrames(*host, 10s);
+    EXPECT_EQ(t.out, head + "\ncapture=" + (capture ? capture : "tap") + "\n");
+    EXPECT_EQ(t.code, 0);
+  }
+}
+
+TEST_F(ExecSessionTest, TheLoopCanBeDrivenOneRoundAtATime) {
+  ExecSession session(sessionFD, "", std::string(ExecSession::defaultDulkPath), 2000);
+  ASSERT_TRUE(session.start(Json{{"command", "echo stepped"}}));
+  ExecSession::Round round = ExecSession::Round::keepGoing;
+  for (int i = 0; i < 200 && round == ExecSession::Round::keepGoing; ++i) {
+    round = session.pumpOnce(50);
+  }
+  ASSERT_EQ(round, ExecSession::Round::finished);
+  session.finish(false);
+  const ExecTranscript t = readExecFrames(*host, 2s);
+  EXPECT_EQ(t.out, "stepped\n");
+  EXPECT_EQ(t.code, 0);
+}
+
+}  // namespace
+}  // namespace tervain

@@ -1,0 +1,142 @@
+#include "core/shell_spool.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+namespace tervain {
+namespace {
+
+std::string passwordDatabaseHome() {
+  long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+  if (size <= 0) size = 16384;
+  std::vector<char> buffer(static_cast<std::size_t>(size));
+  struct passwd entry {};
+  struct passwd* found = nullptr;
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    const int rc = ::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found);
+    if (rc == ERANGE) {
+      buffer.resize(buffer.size() * 4);
+      continue;
+    }
+    if (rc == 0 && found != nullptr && found->pw_dir != nullptr) return found->pw_dir;
+    break;
+  }
+  return {};
+}
+
+// Reads the rest of an open file onto the end of out; false on a read error.
+bool appendWholeFile(int fd, std::string& out, std::size_t sizeHint) {
+  std::size_t chunk = std::max<std::size_t>(sizeHint + 1, 4096);
+  for (;;) {
+    const std::size_t at = out.size();
+    out.resize(at + chunk);
+    const ssize_t n = ::read(fd, out.data() + at, chunk);
+    if (n < 0 && errno == EINTR) {
+      out.resize(at);
+      continue;
+    }
+    if (n <= 0) {
+      out.resize(at);
+      return n == 0;
+    }
+    out.resize(at + static_cast<std::size_t>(n));
+    chunk = 65536;
+  }
+}
+
+// Names of the entries of dir ("." and ".." excluded); false when it cannot be listed.
+bool listNames(const std::string& dir, std::vector<std::string>& names) {
+  DIR* handle = ::opendir(dir.c_str());
+  if (handle == nullptr) return false;
+  bool ok = true;
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(handle);
+    if (entry == nullptr) {
+      ok = errno == 0;
+      break;
+    }
+    const std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    names.emplace_back(name);
+  }
+  ::closedir(handle);
+  return ok;
+}
+
+}  // namespace
+
+std::string ShellSpool::homeDirectory() {
+  if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') return home;
+  if (std::string home = passwordDatabaseHome(); !home.empty()) return home;
+  if (const char* tmp = std::getenv("TMPDIR"); tmp != nullptr && *tmp != '\0') return tmp;
+  return "/tmp";
+}
+
+std::string ShellSpool::joinPath(std::string_view dir, std::string_view name) {
+  std::string path(dir);
+  if (!path.empty() && path.back() != '/') path.push_back('/');
+  path.append(name);
+  return path;
+}
+
+std::string ShellSpool::defaultDir() {
+  return joinPath(homeDirectory(), "Library/Caches/tervain-dulk");
+}
+
+ShellSpool::DrainResult ShellSpool::drain(const std::string& dir, std::int64_t maxBytes) {
+  std::vector<std::string> names;
+  if (!listNames(dir, names)) return {};
+  std::stable_sort(names.begin(), names.end());
+
+  DrainResult result;
+  for (const std::string& name : names) {
+    if (!name.ends_with(".jsonl")) continue;
+    const auto gathered = static_cast<std::int64_t>(result.data.size());
+    if (gathered >= maxBytes) {
+      result.truncated = true;
+      break;
+    }
+    std::string path = joinPath(dir, name);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) continue;
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
+      ::close(fd);
+      continue;
+    }
+    const std::int64_t room = maxBytes - gathered;
+    // A regular file already known to be too large is not read at all.
+    if (S_ISREG(info.st_mode) && info.st_size > room) {
+      ::close(fd);
+      result.truncated = true;
+      continue;
+    }
+    const std::size_t before = result.data.size();
+    const bool read = appendWholeFile(
+        fd, result.data, S_ISREG(info.st_mode) ? static_cast<std::size_t>(info.st_size) : 0);
+    ::close(fd);
+    if (!read) {
+      result.data.resize(before);
+      continue;
+    }
+    // The file may have grown since fstat(): the bytes actually read decide.
+    if (static_cast<std::int64_t>(result.data.size() - before) > room) {
+      result.data.resize(before);
+      result.truncated = true;
+      continue;
+    }
+    ++result.files;
+    result.drainedPaths.push_back(std::move(path));
+  }
+  return result;
+}
+
+}  // namespace tervain

@@ -1,0 +1,48 @@
+// The spool where the agent shell leaves its event files, and the drain that collects them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tervain {
+
+class ShellSpool {
+ public:
+  // Tells the agent shell where to spool its event files.
+  static constexpr std::string_view spoolEnvKey = "TERVAIN_SHELL_SPOOL";
+  // Selects the agent shell's capture mode ("tap" unless the agent's environment says otherwise).
+  static constexpr std::string_view captureEnvKey = "TERVAIN_SHELL_CAPTURE";
+  // Default byte budget of one drain.
+  static constexpr std::int64_t defaultCap = 4 * 1024 * 1024;
+
+  // The home directory joined with "Library/Caches/tervain-dulk", computed on every call: the
+  // path exec hands the agent shell and the one "shell-events" drains by default.
+  static std::string defaultDir();
+
+  // The user's home directory: $HOME when set and not empty, else the password database's entry
+  // for the real user id. A process with neither still works: it gets $TMPDIR (per user on macOS),
+  // else "/tmp", so the spool lands somewhere harmless instead of the agent failing.
+  static std::string homeDirectory();
+
+  // Joins two path components with exactly one "/" between them.
+  static std::string joinPath(std::string_view dir, std::string_view name);
+
+  struct DrainResult {
+    std::string data;  // the taken files' bytes, concatenated in drain order
+    std::int64_t files = 0;
+    bool truncated = false;  // some event file was left behind for the budget
+    std::vector<std::string> drainedPaths;
+
+    bool operator==(const DrainResult&) const = default;
+  };
+
+  // Reads the ".jsonl" files of dir in name order, within maxBytes. A file that does not fit the
+  // remaining budget is skipped (and reported through `truncated`) but later, smaller files may
+  // still be taken; the walk stops once the budget is used up. Unreadable files are skipped and
+  // an unlistable directory gives the empty result. Deletes nothing; never fails.
+  static DrainResult drain(const std::string& dir, std::int64_t maxBytes);
+};
+
+}  // namespace tervain

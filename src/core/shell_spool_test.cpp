@@ -1,0 +1,138 @@
+#include "core/shell_spool.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "agent_process.h"
+
+namespace tervain {
+namespace {
+
+class ShellSpoolDrainTest : public ::testing::Test {
+ protected:
+  void write(const std::string& name, std::size_t bytes, char fill = 'x') {
+    std::ofstream(dir.file(name), std::ios::binary) << std::string(bytes, fill);
+  }
+  std::string path(const std::string& name) const { return dir.file(name); }
+
+  testing::TempDir dir;
+};
+
+TEST_F(ShellSpoolDrainTest, TakesEventFilesInNameOrderAndNothingElse) {
+  write("b.jsonl", 10, 'b');
+  write("a.jsonl", 10, 'a');
+  write("notes.txt", 10, 'n');
+  write("x.JSONL", 10, 'X');
+  write("c.jsonl.tmp", 10, 't');
+  EXPECT_EQ(ShellSpool::drain(dir.path(), 100),
+            (ShellSpool::DrainResult{std::string(10, 'a') + std::string(10, 'b'), 2, false,
+                                     {path("a.jsonl"), path("b.jsonl")}}));
+}
+
+TEST_F(ShellSpoolDrainTest, AFileThatDoesNotFitIsSkippedButSmallerOnesAfterItAreTaken) {
+  write("1.jsonl", 10, '1');
+  write("2.jsonl", 10, '2');
+  write("3.jsonl", 5, '3');
+  EXPECT_EQ(ShellSpool::drain(dir.path(), 15),
+            (ShellSpool::DrainResult{std::string(10, '1') + std::string(5, '3'), 2, true,
+                                     {path("1.jsonl"), path("3.jsonl")}}));
+}
+
+TEST_F(ShellSpoolDrainTest, TheWalkStopsOnceTheBudgetIsUsed) {
+  write("1.jsonl", 10);
+  write("2.jsonl", 1);
+  write("3.jsonl", 0);
+  const auto result = ShellSpool::drain(dir.path(), 10);
+  EXPECT_EQ(result.drainedPaths, std::vector<std::string>{path("1.jsonl")});
+  EXPECT_TRUE(result.truncated);
+  EXPECT_EQ(result.files, 1);
+}
+
+TEST_F(ShellSpoolDrainTest, EmptyEventFilesAreTakenUntilTheBudgetIsUsed) {
+  write("1.jsonl", 0);
+  write("2.jsonl", 4);
+  write("3.jsonl", 0);
+  const auto roomy = ShellSpool::drain(dir.path(), 5);
+  EXPECT_EQ(roomy.files, 3);
+  EXPECT_FALSE(roomy.truncated);
+  EXPECT_EQ(roomy.data, "xxxx");
+  // Once the budget is used up the walk stops, even before an empty file.
+  const auto tight = ShellSpool::drain(dir.path(), 4);
+  EXPECT_EQ(tight.files, 2);
+  EXPECT_TRUE(tight.truncated);
+}
+
+TEST_F(ShellSpoolDrainTest, ABudgetOfZeroOrLessTakesNothing) {
+  write("a.jsonl", 0);
+  for (std::int64_t budget : {std::int64_t{0}, std::int64_t{-1}, INT64_MIN}) {
+    EXPECT_EQ(ShellSpool::drain(dir.path(), budget), (ShellSpool::DrainResult{"", 0, true, {}}));
+  }
+}
+
+TEST_F(ShellSpoolDrainTest, AFileLargerThanTheBudgetStaysForALargerOne) {
+  write("big.jsonl", 100);
+  EXPECT_EQ(ShellSpool::drain(dir.path(), 99), (ShellSpool::DrainResult{"", 0, true, {}}));
+  EXPECT_EQ(ShellSpool::drain(dir.path(), 100).files, 1);
+}
+
+TEST_F(ShellSpoolDrainTest, UnreadableEntriesAreSkippedWithoutTruncation) {
+  ASSERT_EQ(::mkdir(path("a.jsonl").c_str(), 0755), 0);
+  ASSERT_EQ(::symlink(path("missing").c_str(), path("b.jsonl").c_str()), 0);
+  write("c.jsonl", 3);
+  EXPECT_EQ(ShellSpool::drain(dir.path(), 100),
+            (ShellSpool::DrainResult{"xxx", 1, false, {path("c.jsonl")}}));
+}
+
+TEST_F(ShellSpoolDrainTest, ADirectoryThatCannotBeListedGivesTheEmptyResult) {
+  write("plain.jsonl", 3);
+  EXPECT_EQ(ShellSpool::drain(path("missing"), 100), ShellSpool::DrainResult{});
+  EXPECT_EQ(ShellSpool::drain(path("plain.jsonl"), 100), ShellSpool::DrainResult{});
+}
+
+TEST_F(ShellSpoolDrainTest, ADirectoryGivenWithATrailingSlashGivesCleanPaths) {
+  write("a.jsonl", 1);
+  EXPECT_EQ(ShellSpool::drain(dir.path() + "/", 10).drainedPaths,
+            std::vector<std::string>{path("a.jsonl")});
+}
+
+// ---- Where the spool is ----------------------------------------------------------------------
+
+class HomeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (const char* home = std::getenv("HOME")) saved = home;
+  }
+  void TearDown() override {
+    if (saved) {
+      ::setenv("HOME", saved->c_str(), 1);
+    } else {
+      ::unsetenv("HOME");
+    }
+  }
+  std::optional<std::string> saved;
+};
+
+TEST_F(HomeTest, TheSpoolLivesUnderTheHomeDirectory) {
+  ::setenv("HOME", "/Users/tester", 1);
+  EXPECT_EQ(ShellSpool::defaultDir(), "/Users/tester/Library/Caches/tervain-dulk");
+  ::setenv("HOME", "/Users/tester/", 1);
+  EXPECT_EQ(ShellSpool::defaultDir(), "/Users/tester/Library/Caches/tervain-dulk");
+  ::setenv("HOME", "/", 1);
+  EXPECT_EQ(ShellSpool::defaultDir(), "/Library/Caches/tervain-dulk");
+}
+
+TEST_F(HomeTest, WithoutHomeThePasswordDatabaseAnswers) {
+  ::unsetenv("HOME");
+  const std::string home = ShellSpool::homeDirectory();
+  EXPECT_FALSE(home.empty());
+  EXPECT_EQ(home.front(), '/');
+  ::setenv("HOME", "", 1);
+  EXPECT_EQ(ShellSpool::homeDirectory(), home);
+}
+
+}  // namespace
+}  // namespace tervain
