@@ -42,6 +42,9 @@ ReadResult readSome(int fd, char* buffer, std::size_t size, std::chrono::millise
     if (n > 0) return {ReadStatus::data, static_cast<std::size_t>(n)};
     if (n == 0) return {ReadStatus::closed};
     if (errno == EINTR || errno == EAGAIN) continue;
+    // A peer that closes with our bytes still unread resets the connection: it went away all
+    // the same.
+    if (errno == ECONNRESET) return {ReadStatus::closed};
     return {ReadStatus::failed, 0, errno};
   }
 }
