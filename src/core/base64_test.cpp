@@ -40,5 +40,31 @@ TEST(Base64Test, DecodeRejectsAnythingNotStrict) {
   EXPECT_EQ(base64::decode("aGkK"), "hi\n");
 }
 
+TEST(Base64Test, LongInputsRoundTripAndAnyBadCharacterIsCaught) {
+  std::mt19937 rng(11);
+  for (std::size_t len : {13u, 14u, 15u, 26u, 27u, 28u, 1000u, 4099u, 65536u}) {
+    std::string raw(len, '\0');
+    for (auto& c : raw) c = static_cast<char>(rng());
+    const std::string text = base64::encode(raw);
+    std::string slow;
+    for (std::size_t i = 0; i < len; i += 3) {
+      // Three bytes at a time through the short path of the encoder.
+      slow += base64::encode(raw.substr(i, 3));
+    }
+    ASSERT_EQ(text, slow) << len;
+    ASSERT_EQ(base64::decode(text), raw) << len;
+    if (len > 1000) continue;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+      for (const char bad : {'!', '=', '-', '_', '\0', '\n', ' ', '\x80', '\xff', '.', ':', '@',
+                             '[', '`', '{'}) {
+        if (bad == '=' && at + 2 >= text.size()) continue;  // may be legitimate padding there
+        std::string broken = text;
+        broken[at] = bad;
+        ASSERT_FALSE(base64::decode(broken)) << len << " " << at << " " << int(bad);
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tervain

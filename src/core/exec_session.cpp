@@ -263,6 +263,8 @@ bool ExecSession::start(const Json& request) {
   const int flags = ::fcntl(stdinFD, F_GETFL);
   if (flags >= 0) ::fcntl(stdinFD, F_SETFL, flags | O_NONBLOCK);
   tervain_set_nosigpipe(stdinFD);
+  posix::enlargeOutputPipe(stdoutFD);
+  posix::enlargeOutputPipe(stderrFD);
 
   readBuffer.assign(AgentWire::readChunkBytes, 0);
   frameBuffer.assign(kFrameHead.size() + kMaxTag + kFrameMiddle.size() +

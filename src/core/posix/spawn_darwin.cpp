@@ -36,4 +36,7 @@ int closeOtherDescriptorsInChild(posix_spawn_file_actions_t* actions, short* fla
   return 0;
 }
 
+// Darwin pipes grow on their own (up to 64 KiB) and offer no call to grow them further.
+void enlargeOutputPipe(int fd) { (void)fd; }
+
 }  // namespace tervain::posix

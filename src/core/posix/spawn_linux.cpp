@@ -16,4 +16,8 @@ int closeOtherDescriptorsInChild(posix_spawn_file_actions_t* actions, short* fla
   return ::posix_spawn_file_actions_addclosefrom_np(actions, 3);
 }
 
+// 1 MiB is the largest size an unprivileged process may ask for by default (fs.pipe-max-size).
+// The kernel allocates the buffer's pages only as data arrives.
+void enlargeOutputPipe(int fd) { (void)::fcntl(fd, F_SETPIPE_SZ, 1 << 20); }
+
 }  // namespace tervain::posix
