@@ -209,6 +209,11 @@ TEST_F(TervainctlTest, ARefusalExitsOneWithTheAgentsError) {
   EXPECT_TRUE(type.out.empty());
   EXPECT_TRUE(type.err.starts_with("tervainctl: ")) << type.err;
   EXPECT_GT(type.err.size(), std::string("tervainctl: \n").size());
+
+  // --at looks the element up first; without the accessibility grant that lookup is refused.
+  const CtlResult at = run({"press", "--at", "10", "20", "AXShowMenu"});
+  EXPECT_EQ(at.status, 1);
+  EXPECT_TRUE(at.err.starts_with("tervainctl: ")) << at.err;
 }
 
 TEST_F(TervainctlTest, UsageErrorsExitTwo) {
@@ -219,6 +224,9 @@ TEST_F(TervainctlTest, UsageErrorsExitTwo) {
                                              {"cp", "a", "b"},
                                              {"cp", "guest:a", "guest:b"},
                                              {"scroll"},
+                                             {"press"},
+                                             {"set", "e1"},
+                                             {"press", "e1", "AXPress", "--at", "1", "2"},
                                              {"exec"},
                                              {"call", "not json"},
                                              {"bogus"},

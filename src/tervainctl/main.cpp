@@ -245,30 +245,66 @@ int run(int argc, char** argv) {
   at->footer("A ref is only valid on the connection that made it: use it within one session "
              "of a program built on the client library, or act by position instead.");
 
-  // press / set / focus
-  std::string ref;
-  std::string pressAction;
-  CLI::App* press = command("press", "Perform an action on an element (default AXPress)", [&] {
-    client::Connection c = agent();
-    return finish<client::ActionOutcome>(c.axAction(ref, pressAction), [](const auto& o) {
-      if (o.note) complain("note: " + *o.note);
-    });
-  });
-  press->add_option("REF", ref, "Element ref from tree or at, e.g. e7")->required();
-  press->add_option("ACTION", pressAction, "Action name, e.g. AXShowMenu");
+  // press / set / focus. A ref lives only as long as the connection that minted it, and each
+  // tervainctl run is a connection of its own, so --at X Y finds the element at a point and
+  // acts on it within one connection. The argument the ref would have taken then moves on to
+  // the next slot (press --at 640 400 AXShowMenu, set --at 300 200 "text").
+  std::optional<std::string> ref;
+  std::optional<std::string> second;
+  std::vector<std::int64_t> atPoint;
+  // The element to act on and the argument after it; nothing when the agent found no element.
+  using Target = std::pair<std::string, std::optional<std::string>>;
+  auto target = [&](client::Connection& c) -> std::optional<Target> {
+    if (atPoint.size() != 2) {
+      if (!ref) throw UsageError{"give an element ref (from tree or at) or --at X Y"};
+      return Target{*ref, second};
+    }
+    if (ref && second) throw UsageError{"give either a ref or --at X Y, not both"};
+    const auto found = c.axElementAt(atPoint[0], atPoint[1]);
+    if (!found.ok) {
+      complain(found.error);
+      return std::nullopt;
+    }
+    return Target{found.value.ref, ref};
+  };
+  auto addTarget = [&](CLI::App* sub, const char* secondName, const char* secondHelp) {
+    sub->add_option("REF", ref, "Element ref from tree or at, e.g. e7");
+    if (secondName != nullptr) sub->add_option(secondName, second, secondHelp);
+    sub->add_option("--at", atPoint, "Act on the element at screen point X Y instead of a ref")
+        ->expected(2)
+      ->allow_extra_args(false);
+  };
 
-  std::string newValue;
-  CLI::App* set = command("set", "Set an element's value", [&] {
-    client::Connection c = agent();
-    return finish(c.axSetValue(ref, newValue));
-  });
-  set->add_option("REF", ref, "Element ref")->required();
-  set->add_option("VALUE", newValue, "New value (may be empty)")->required();
+  addTarget(command("press", "Perform an action on an element (default AXPress)",
+                    [&] {
+                      client::Connection c = agent();
+                      const auto t = target(c);
+                      if (!t) return kExitRefused;
+                      return finish<client::ActionOutcome>(
+                          c.axAction(t->first, t->second.value_or("")), [](const auto& o) {
+                            if (o.note) complain("note: " + *o.note);
+                          });
+                    }),
+            "ACTION", "Action name, e.g. AXShowMenu");
 
-  command("focus", "Focus an element", [&] {
-    client::Connection c = agent();
-    return finish(c.axFocus(ref));
-  })->add_option("REF", ref, "Element ref")->required();
+  addTarget(command("set", "Set an element's value",
+                    [&] {
+                      client::Connection c = agent();
+                      const auto t = target(c);
+                      if (!t) return kExitRefused;
+                      if (!t->second) throw UsageError{"set needs a VALUE (it may be \"\")"};
+                      return finish(c.axSetValue(t->first, *t->second));
+                    }),
+            "VALUE", "New value (may be empty)");
+
+  addTarget(command("focus", "Focus an element",
+                    [&] {
+                      client::Connection c = agent();
+                      const auto t = target(c);
+                      if (!t) return kExitRefused;
+                      return finish(c.axFocus(t->first));
+                    }),
+            nullptr, nullptr);
 
   // pointer
   std::int64_t x = 0;
@@ -303,7 +339,8 @@ int run(int argc, char** argv) {
     return finish(c.drag(x, y, from));
   });
   drag->add_option("--from", dragFrom, "Start point X Y (default: where the pointer is)")
-      ->expected(2);
+      ->expected(2)
+      ->allow_extra_args(false);
   drag->add_option("X", x, "Target horizontal position")->required();
   drag->add_option("Y", y, "Target vertical position")->required();
 
