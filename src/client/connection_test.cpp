@@ -1,0 +1,225 @@
+// The client library against the real agent (over its --unix socket) and against a scripted
+// peer on a socketpair where the agent's behaviour cannot be provoked.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "agent_process.h"
+#include "client/tervain_client.h"
+#include "core/exec_session.h"
+
+namespace tervain::client {
+namespace {
+
+using testing::AgentProcess;
+using testing::TempDir;
+using namespace std::chrono_literals;
+
+AgentProcess::Options zshAgent() {
+  AgentProcess::Options options;
+  options.env["TERVAIN_DULK_DISABLE"] = "1";
+  return options;
+}
+
+Address addressOf(const AgentProcess& agent) {
+  return Address{.kind = Address::Kind::unixSocket, .path = agent.socketPath()};
+}
+
+// A peer on a socketpair that the test scripts by hand.
+struct ScriptedPeer {
+  int client = -1;
+  int peer = -1;
+  ScriptedPeer() {
+    int pair[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    client = pair[0];
+    peer = pair[1];
+  }
+  ~ScriptedPeer() {
+    if (peer >= 0) ::close(peer);
+  }
+  void say(std::string_view bytes) const {
+    EXPECT_EQ(::write(peer, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+};
+
+TEST(ConnectionTest, TypedPingFromTheHeadlessAgent) {
+  AgentProcess agent;
+  Connection connection = Connection::open(addressOf(agent));
+  const Result<PingInfo> ping = connection.ping();
+  ASSERT_TRUE(ping.ok);
+  EXPECT_EQ(ping.value.version, 2);
+  EXPECT_TRUE(ping.value.displays.empty());
+  EXPECT_FALSE(ping.value.readiness.accessibility);
+  EXPECT_EQ(ping.reply["version"], 2);
+}
+
+TEST(ConnectionTest, PipelinedRepliesComeBackInOrder) {
+  AgentProcess agent;
+  Connection connection = Connection::open(addressOf(agent));
+  connection.send({{"op", "first"}});
+  connection.send({{"op", "ping"}});
+  connection.send({{"op", "third"}});
+  EXPECT_EQ(parseReply(connection.receive()).error, "unknown op 'first' (agent protocol v2)");
+  EXPECT_TRUE(parsePing(connection.receive()).ok);
+  EXPECT_EQ(parseReply(connection.receive()).error, "unknown op 'third' (agent protocol v2)");
+}
+
+TEST(ConnectionTest, TheAgentsErrorTextIsPassedOnVerbatim) {
+  AgentProcess agent;
+  Connection connection = Connection::open(addressOf(agent));
+  const Result<Json> malformed = parseReply(connection.call({{"op", 5}}));
+  EXPECT_FALSE(malformed.ok);
+  EXPECT_EQ(malformed.error, "malformed request (want one JSON object per line with an \"op\")");
+  // Whatever the agent answers to an operation it refuses, the typed helper carries it.
+  const Result<Done> typed = connection.type("hello");
+  EXPECT_FALSE(typed.ok);
+  EXPECT_EQ(typed.error, typed.reply["error"].get<std::string>());
+}
+
+TEST(ConnectionTest, ShellEventsAreDecodedAndTruncatedOnRequest) {
+  AgentProcess agent;
+  TempDir spool;
+  std::ofstream(spool.file("1.jsonl")) << "{\"a\":1}\n";
+  std::ofstream(spool.file("2.jsonl")) << "{\"b\":/}\n";
+  Connection connection = Connection::open(addressOf(agent));
+  const auto kept = connection.shellEvents({.dir = spool.path()});
+  ASSERT_TRUE(kept.ok);
+  EXPECT_EQ(kept.value.events, "{\"a\":1}\n{\"b\":/}\n");
+  EXPECT_EQ(kept.value.files, 2);
+  EXPECT_EQ(kept.value.bytes, 16);
+  EXPECT_FALSE(kept.value.truncated);
+  const auto taken = connection.shellEvents({.dir = spool.path(), .truncate = true});
+  EXPECT_EQ(taken.value.files, 2);
+  EXPECT_EQ(connection.shellEvents({.dir = spool.path()}).value.files, 0);
+}
+
+TEST(ConnectionTest, AClosedConnectionOrANonObjectReplyThrows) {
+  {
+    ScriptedPeer peer;
+    Connection connection(peer.client);
+    peer.say("[1,2]\n");
+    EXPECT_THROW(connection.receive(), ProtocolError);
+    peer.say("{\"no\":\"ok member\"}\n");
+    EXPECT_THROW(parseReply(connection.receive()), ProtocolError);
+    ::close(peer.peer);
+    peer.peer = -1;
+    try {
+      connection.receive();
+      FAIL() << "read past the end";
+    } catch (const ConnectionError& e) {
+      EXPECT_STREQ(e.what(), "the agent closed the connection before replying");
+    }
+  }
+}
+
+TEST(ConnectionTest, TheReplyTimeoutBoundsTheWait) {
+  ScriptedPeer peer;
+  Connection connection(peer.client);
+  connection.setReplyTimeout(50ms);
+  try {
+    connection.receive();
+    FAIL() << "a reply appeared from nowhere";
+  } catch (const ConnectionError& e) {
+    EXPECT_STREQ(e.what(), "no reply from the agent within 50 ms");
+  }
+}
+
+TEST(ExecStreamTest, OutputStreamsToTheReceiversAndTheCodeComesBack) {
+  AgentProcess agent(zshAgent());
+  ExecStream stream = ExecStream::start(addressOf(agent), "echo out; echo err >&2; exit 7");
+  stream.closeStdin();
+  std::string out;
+  std::string err;
+  const ExecOutcome end = stream.wait({.stdoutData = [&](std::string_view b) { out.append(b); },
+                                       .stderrData = [&](std::string_view b) { err.append(b); }});
+  EXPECT_EQ(end.code, 7);
+  EXPECT_EQ(out, "out\n");
+  EXPECT_EQ(err, "err\n");
+}
+
+TEST(ExecStreamTest, StdinFromAnotherThreadWhileOutputIsRead) {
+  AgentProcess agent(zshAgent());
+  std::string input;
+  for (unsigned i = 0; i < 300000; ++i) input += static_cast<char>((i * 7919u) % 256u);
+  const CapturedExec run = runCaptured(addressOf(agent), "cat", input);
+  EXPECT_EQ(run.outcome.code, 0);
+  EXPECT_EQ(run.out.size(), input.size());
+  EXPECT_TRUE(run.out == input);
+}
+
+TEST(ExecStreamTest, SignalsReachTheCommand) {
+  AgentProcess agent(zshAgent());
+  ExecStream stream = ExecStream::start(addressOf(agent), "echo ready; exec sleep 30");
+  bool signalled = false;
+  const ExecOutcome end = stream.wait({.stdoutData = [&](std::string_view) {
+    if (!signalled) signalled = stream.sendSignal(15);
+  }});
+  EXPECT_TRUE(signalled);
+  EXPECT_EQ(end.code, 143);
+}
+
+TEST(ExecStreamTest, AbortEndsTheWaitAndTheCommand) {
+  AgentProcess agent(zshAgent());
+  ExecStream stream = ExecStream::start(addressOf(agent), "exec sleep 30");
+  std::thread aborter([&] {
+    std::this_thread::sleep_for(100ms);
+    stream.abort();
+  });
+  EXPECT_THROW(stream.wait({}), ConnectionError);
+  aborter.join();
+  EXPECT_FALSE(stream.writeStdin("late"));
+}
+
+TEST(ExecStreamTest, TheAgentsErrFrameIsTheOutcome) {
+  if (::access(std::string(ExecSession::defaultDulkPath).c_str(), X_OK) == 0) {
+    GTEST_SKIP() << "an agent shell is installed here";
+  }
+  AgentProcess::Options options;
+  options.unsetEnv.push_back("TERVAIN_DULK_DISABLE");
+  AgentProcess agent(options);
+  ExecStream stream = ExecStream::start(addressOf(agent), "echo hi");
+  const ExecOutcome end = stream.wait({});
+  EXPECT_EQ(end.code, std::nullopt);
+  EXPECT_EQ(end.error, ExecSession::dulkMissingMessage());
+}
+
+TEST(ExecStreamTest, AStreamThatEndsWithoutAnExitFrameThrows) {
+  ScriptedPeer peer;
+  ExecStream stream = ExecStream::start(Connection(peer.client), "true");
+  peer.say("{\"t\":\"o\",\"d\":\"aGk=\"}\n");
+  ::close(peer.peer);
+  peer.peer = -1;
+  std::string out;
+  try {
+    stream.wait({.stdoutData = [&](std::string_view b) { out.append(b); }});
+    FAIL() << "no exit frame was sent";
+  } catch (const ConnectionError& e) {
+    EXPECT_STREQ(e.what(), "the agent closed the exec stream before the command ended");
+  }
+  EXPECT_EQ(out, "hi");
+}
+
+TEST(ExecStreamTest, ErrFramesAndRefusalsAreOutcomesNotExceptions) {
+  {
+    ScriptedPeer peer;
+    ExecStream stream = ExecStream::start(Connection(peer.client), "true");
+    peer.say("{\"t\":\"err\",\"m\":\"could not launch the command (posix_spawn errno 2)\"}\n");
+    const ExecOutcome end = stream.wait({});
+    EXPECT_EQ(end.code, std::nullopt);
+    EXPECT_EQ(end.error, "could not launch the command (posix_spawn errno 2)");
+  }
+  {
+    ScriptedPeer peer;
+    ExecStream stream = ExecStream::start(Connection(peer.client), "true");
+    peer.say("{\"ok\":false,\"error\":\"unknown op 'exec' (agent protocol v2)\"}\n");
+    EXPECT_EQ(stream.wait({}).error, "unknown op 'exec' (agent protocol v2)");
+  }
+}
+
+}  // namespace
+}  // namespace tervain::client

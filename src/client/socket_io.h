@@ -1,0 +1,24 @@
+// Blocking socket reads and writes shared by the client's connections.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string_view>
+
+namespace tervain::client {
+
+// Writes every byte (never raising SIGPIPE); false when the peer is gone or the write fails.
+bool writeAll(int fd, std::string_view bytes);
+
+enum class ReadStatus { data, closed, timedOut, failed };
+
+struct ReadResult {
+  ReadStatus status;
+  std::size_t count = 0;  // bytes read when status is data
+  int error = 0;          // errno when status is failed
+};
+
+// One read of at most size bytes, retried on EINTR. A zero timeout waits for ever.
+ReadResult readSome(int fd, char* buffer, std::size_t size, std::chrono::milliseconds timeout);
+
+}  // namespace tervain::client

@@ -1,0 +1,317 @@
+// Host-side client for TervainVMAgent.
+//
+// A Connection carries ordinary requests: each request is one JSON line, each reply one JSON
+// line, answered strictly in order, so a caller may send several requests before reading their
+// replies. Typed helpers wrap every operation and hand back the parsed reply; the agent's own
+// refusals ("ok": false) come back as values carrying the agent's error text unchanged, while a
+// connection that cannot be made or breaks throws ConnectionError.
+//
+// An ExecStream runs one guest command on a connection of its own (the agent closes a
+// connection after its command ends). Its writing side (stdin, end of input, signals) may be
+// used from any thread while one thread reads the output with wait().
+//
+//   auto address = tervain::client::parseAddress("unix:/tmp/tervain.sock", error);
+//   tervain::client::Connection agent = tervain::client::Connection::open(*address);
+//   auto ping = agent.ping();                    // ping.ok, ping.value.displays, ...
+//   auto exec = tervain::client::ExecStream::start(*address, "uname -a");
+//   exec.closeStdin();
+//   auto end = exec.wait({.stdoutData = [](std::string_view b) { fwrite(b.data(), 1, b.size(), stdout); }});
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/json.h"
+#include "core/line_split_buffer.h"
+
+namespace tervain::client {
+
+// Any failure of the client itself (as opposed to a refusal by the agent).
+class ClientError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The agent could not be reached, the connection broke, or no reply came in time.
+class ConnectionError : public ClientError {
+ public:
+  using ClientError::ClientError;
+};
+
+// The agent sent something this protocol does not allow (a line that is not a JSON object,
+// a reply without "ok"). The connection is out of step afterwards and should be dropped.
+class ProtocolError : public ClientError {
+ public:
+  using ClientError::ClientError;
+};
+
+// ---- Addresses -----------------------------------------------------------------------------
+
+// Where the agent listens: "vsock:CID:PORT", "unix:PATH" or "fd:N" (a connected descriptor
+// handed over by a VM manager).
+struct Address {
+  enum class Kind { vsock, unixSocket, descriptor };
+  Kind kind = Kind::unixSocket;
+  std::uint32_t cid = 0;   // vsock
+  std::uint32_t port = 0;  // vsock
+  std::string path;        // unixSocket
+  int fd = -1;             // descriptor
+};
+
+// Parses an address; on failure returns nothing and puts a sentence saying what is wrong into
+// error.
+std::optional<Address> parseAddress(std::string_view text, std::string& error);
+
+// The address in the form parseAddress() reads.
+std::string formatAddress(const Address& address);
+
+// Opens a new connected descriptor (close-on-exec) for the address. For "fd:N" that is a
+// duplicate of N, so the caller keeps its own descriptor. Throws ConnectionError.
+int connectTo(const Address& address);
+
+// ---- Replies -------------------------------------------------------------------------------
+
+// One reply: ok with the operation's value, or the agent's error text exactly as it sent it.
+template <typename T>
+struct Result {
+  bool ok = false;
+  std::string error;  // set when ok is false
+  T value{};          // meaningful when ok is true
+  Json reply;         // the whole reply as received
+};
+
+struct Done {};
+
+struct Display {
+  std::uint32_t id = 0;
+  std::int64_t width = 0;
+  std::int64_t height = 0;
+  bool main = false;
+};
+
+struct Readiness {
+  bool accessibility = false;
+  bool screenRecording = false;
+  bool postEvent = false;
+};
+
+struct PingInfo {
+  std::int64_t version = 0;
+  std::vector<Display> displays;
+  Readiness readiness;
+};
+
+struct Point {
+  std::int64_t x = 0;
+  std::int64_t y = 0;
+};
+
+struct Rect {
+  std::int64_t x = 0;
+  std::int64_t y = 0;
+  std::int64_t w = 0;
+  std::int64_t h = 0;
+};
+
+// One element of an accessibility tree. Members the agent left out stay empty; "enabled" is
+// only ever sent as false and "focused" only as true, hence the two flags.
+struct AXNode {
+  std::string ref;
+  std::optional<std::string> role;
+  std::optional<std::string> subrole;
+  std::optional<std::string> title;
+  std::optional<std::string> value;
+  bool disabled = false;
+  bool focused = false;
+  std::optional<Rect> frame;
+  std::vector<std::string> actions;
+  std::vector<AXNode> children;
+  std::int64_t childrenOmitted = 0;
+};
+
+struct AXTree {
+  AXNode root;
+  std::string app;
+  bool truncated = false;  // the dump used its whole node budget
+};
+
+struct ActionOutcome {
+  // Set when the application did not confirm in time: the action possibly took effect.
+  std::optional<std::string> note;
+};
+
+struct Screenshot {
+  std::string jpeg;  // decoded image bytes
+  std::int64_t width = 0;
+  std::int64_t height = 0;
+  double scale = 0;
+};
+
+enum class MouseButton { left, right, middle };
+
+struct ShellEventsRequest {
+  std::optional<std::string> dir;        // the agent's spool directory when absent
+  std::optional<std::int64_t> maxBytes;  // the agent's 4 MiB budget when absent
+  bool truncate = false;                 // delete the delivered files after the reply
+};
+
+struct ShellEvents {
+  std::string events;  // decoded: the event files' bytes, concatenated
+  std::int64_t files = 0;
+  std::int64_t bytes = 0;
+  bool truncated = false;  // some event files were left for a later drain
+};
+
+// Parsers of the typed replies, exposed for callers that pipeline requests with send() and
+// receive(). Each throws ProtocolError for a reply that is not a JSON object with a boolean "ok".
+Result<Json> parseReply(const Json& reply);
+Result<PingInfo> parsePing(const Json& reply);
+Result<AXTree> parseAXDump(const Json& reply);
+Result<AXNode> parseAXElementAt(const Json& reply);
+Result<Screenshot> parseScreenshot(const Json& reply);
+Result<ShellEvents> parseShellEvents(const Json& reply);
+AXNode parseAXNode(const Json& node);
+
+// ---- Ordinary requests ---------------------------------------------------------------------
+
+// One connection for ordinary requests. Not thread-safe: one thread at a time.
+class Connection {
+ public:
+  // Connects (see connectTo). Throws ConnectionError.
+  static Connection open(const Address& address);
+  // Adopts a connected descriptor; closed with the connection.
+  explicit Connection(int fd);
+  ~Connection();
+  Connection(Connection&& other) noexcept;
+  Connection& operator=(Connection&& other) noexcept;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  int descriptor() const { return fd; }
+
+  // Gives up waiting for a reply after this long (ConnectionError); zero waits for ever, which
+  // is the default: the agent itself bounds its slow operations (screenshot, launch) at 15 s,
+  // except an application launched through open -a.
+  void setReplyTimeout(std::chrono::milliseconds timeout) { replyTimeout = timeout; }
+
+  // Writes one request line. Throws ConnectionError.
+  void send(const Json& request);
+  void sendLine(std::string_view line);
+  // The next reply line as received (without its line feed). Throws ConnectionError when the
+  // agent closes first or the reply timeout passes.
+  std::string receiveLine();
+  // The next reply, parsed. Throws as receiveLine, and ProtocolError when it is not an object.
+  Json receive();
+  // send() then receive().
+  Json call(const Json& request);
+
+  Result<PingInfo> ping();
+  Result<Point> cursorPosition();
+  Result<AXTree> axDump(std::optional<std::int64_t> pid = {},
+                        std::optional<std::int64_t> maxDepth = {});
+  Result<AXNode> axElementAt(std::int64_t x, std::int64_t y);
+  Result<ActionOutcome> axAction(const std::string& ref, const std::string& action = "");
+  Result<Done> axSetValue(const std::string& ref, const std::string& value);
+  Result<Done> axFocus(const std::string& ref);
+  Result<Done> click(std::int64_t x, std::int64_t y, MouseButton button = MouseButton::left,
+                     std::int64_t count = 1);
+  Result<Done> move(std::int64_t x, std::int64_t y);
+  // Drags with the left button to (toX, toY); from the pointer's position unless from is given.
+  Result<Done> drag(std::int64_t toX, std::int64_t toY, std::optional<Point> from = {});
+  Result<Done> scroll(std::optional<std::int64_t> dx, std::optional<std::int64_t> dy);
+  Result<Done> type(const std::string& text);
+  Result<Done> key(const std::string& chord);
+  Result<Screenshot> screenshot(std::optional<std::int64_t> display = {});
+  Result<Done> launchApp(const std::string& name);
+  Result<ShellEvents> shellEvents(const ShellEventsRequest& request = {});
+
+  // Hands the descriptor and any bytes already read behind the last reply to the caller;
+  // the connection is empty afterwards.
+  int release(std::string& pending);
+
+ private:
+  Result<Done> simple(const Json& request);
+
+  int fd = -1;
+  LineSplitBuffer lines;
+  std::chrono::milliseconds replyTimeout{0};
+};
+
+// ---- Exec ----------------------------------------------------------------------------------
+
+// Receivers of a command's output, called on the thread that runs wait(), in arrival order,
+// with each chunk as soon as its frame is decoded. Chunk boundaries mean nothing.
+struct ExecOutput {
+  std::function<void(std::string_view)> stdoutData;
+  std::function<void(std::string_view)> stderrData;
+};
+
+// How a command ended: an exit code, or the agent's message when it could not run it.
+struct ExecOutcome {
+  // Exit status 0 to 255, 128 + N when signal N ended the command, -1 when the agent could
+  // not reap it. Empty when the command did not run.
+  std::optional<int> code;
+  std::string error;  // the agent's "err" message, verbatim
+};
+
+// One guest command on its own connection. The writing side (writeStdin, closeStdin,
+// sendSignal, abort) is thread-safe and may run while another thread is inside wait().
+class ExecStream {
+ public:
+  // Connects and sends the request. Throws ConnectionError.
+  static ExecStream start(const Address& address, std::string_view command);
+  // As above on a fresh connection (one that has not run exec before).
+  static ExecStream start(Connection connection, std::string_view command);
+
+  ExecStream(ExecStream&&) noexcept;
+  ExecStream& operator=(ExecStream&&) noexcept;
+  ~ExecStream();
+
+  // Feeds the command's standard input; large inputs go out in several frames. False once the
+  // stream has ended or broken (the bytes are then lost).
+  bool writeStdin(std::string_view bytes);
+  // Closes the command's standard input. False when the stream has ended.
+  bool closeStdin();
+  // Sends signal to the command's process group. False when the stream has ended.
+  bool sendSignal(int signal);
+  // Ends the stream at once from any thread: the agent kills the command's process group, and
+  // wait() and the writers return.
+  void abort();
+
+  // Reads frames until the command ends, handing output to the receivers. Call it once, from
+  // one thread. Throws ConnectionError when the stream ends without an exit or error frame.
+  ExecOutcome wait(const ExecOutput& output);
+
+ private:
+  struct State;
+  explicit ExecStream(std::unique_ptr<State> state);
+  std::unique_ptr<State> state;
+};
+
+// Runs a command with the given standard input (then end of input) and collects its output.
+struct CapturedExec {
+  ExecOutcome outcome;
+  std::string out;
+  std::string err;
+};
+CapturedExec runCaptured(const Address& address, std::string_view command,
+                         std::string_view input = {});
+
+// ---- Guest shell words ---------------------------------------------------------------------
+
+// Quotes text as one word for a POSIX shell: inside single quotes, each single quote written
+// as '\''. The empty text becomes ''.
+std::string shellQuote(std::string_view text);
+
+// A guest path as one shell word. A leading "~/" stays expandable ("$HOME"/'rest'); everything
+// else is quoted literally.
+std::string guestPathWord(std::string_view path);
+
+}  // namespace tervain::client
