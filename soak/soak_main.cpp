@@ -287,7 +287,7 @@ int main(int argc, char** argv) {
 
   // Memory a busy process keeps in its allocator's free lists is not a leak; growth beyond the
   // live working set of the scenarios is.
-  const long rssLimit = rssBefore + 64 * 1024;
+  const long rssLimit = rssBefore + 32 * 1024;
   const bool ok = alive && errors == 0 && fdsAfter <= fdsBefore + 1 && rssAfter <= rssLimit &&
                   children == 0;
   std::printf("soak: %ld requests, %ld errors, fds %d->%d, rss %ld->%ld KiB, children %d\n",

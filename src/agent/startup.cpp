@@ -9,6 +9,7 @@
 #include "agent/agent_listener.h"
 #include "agent/agent_log.h"
 #include "core/agent_wire.h"
+#include "core/posix/spawn_platform.h"
 
 namespace tervain {
 
@@ -97,6 +98,7 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
 
   // Writing to a host that has gone must fail with EPIPE, not end the agent.
   std::signal(SIGPIPE, SIG_IGN);
+  posix::tuneAllocator();
 
   const std::string protocol = "TervainVMAgent protocol v" + std::to_string(AgentWire::version);
   std::optional<AgentListener> listener;

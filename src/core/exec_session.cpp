@@ -181,7 +181,10 @@ std::size_t ExecSession::writeBounded(int fd, std::string_view data, int retries
     if (n == 0) break;
     if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) break;
     if (++failures > retries) break;
-    ::usleep(2000);
+    // Wait up to 2 ms for room: a reader that keeps up ends the wait at once, one that does not
+    // costs the same 2 ms per attempt as a plain sleep, so the bound on the whole call holds.
+    pollfd room{fd, POLLOUT, 0};
+    (void)::poll(&room, 1, 2);
   }
   return written;
 }
@@ -263,8 +266,9 @@ bool ExecSession::start(const Json& request) {
   const int flags = ::fcntl(stdinFD, F_GETFL);
   if (flags >= 0) ::fcntl(stdinFD, F_SETFL, flags | O_NONBLOCK);
   tervain_set_nosigpipe(stdinFD);
-  posix::enlargeOutputPipe(stdoutFD);
-  posix::enlargeOutputPipe(stderrFD);
+  posix::enlargePipe(stdinFD);
+  posix::enlargePipe(stdoutFD);
+  posix::enlargePipe(stderrFD);
 
   readBuffer.assign(AgentWire::readChunkBytes, 0);
   frameBuffer.assign(kFrameHead.size() + kMaxTag + kFrameMiddle.size() +

@@ -3,10 +3,18 @@
 #include <cstring>
 
 namespace tervain {
+namespace {
+constexpr std::size_t kKeptCapacity = 256 * 1024;
+}  // namespace
 
 void LineSplitBuffer::append(std::string_view bytes) {
   if (start > 0 && start == data.size()) {
-    data.clear();
+    // After a huge line, give its memory back rather than keep it for the connection's life.
+    if (data.capacity() > kKeptCapacity) {
+      std::string().swap(data);
+    } else {
+      data.clear();
+    }
     start = 0;
     scanned = 0;
   } else if (start > 0 && start >= data.size() / 2) {

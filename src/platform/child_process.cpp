@@ -6,29 +6,11 @@
 
 #include <cerrno>
 
+#include "core/posix/spawn_platform.h"
+
 extern char** environ;
 
 namespace tervain {
-namespace {
-
-// Descriptors the agent holds (sockets of other connections, pipes of exec sessions) must not
-// leak into a child that can outlive them. The two systems spell "close everything above the
-// standard streams" differently; this is the one place that knows both.
-int restrictToStandardStreams(posix_spawn_file_actions_t& actions, short& flags) {
-#if defined(__APPLE__)
-  flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
-  for (int fd = 0; fd <= 2; ++fd) {
-    if (const int rc = posix_spawn_file_actions_addinherit_np(&actions, fd)) return rc;
-  }
-  return 0;
-#else
-  (void)flags;
-  return posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-#endif
-}
-
-}  // namespace
-
 int spawnWithStandardStreams(const std::string& path, const std::vector<std::string>& arguments,
                              pid_t& pid) {
   std::vector<char*> argv;
@@ -48,7 +30,9 @@ int spawnWithStandardStreams(const std::string& path, const std::vector<std::str
   sigset_t defaults;
   sigemptyset(&defaults);
   sigaddset(&defaults, SIGPIPE);
-  int rc = restrictToStandardStreams(actions, flags);
+  // Descriptors the agent holds (other connections, exec pipes) must not leak into a child that
+  // can outlive them.
+  int rc = posix::keepOnlyStandardStreamsInChild(&actions, &flags);
   if (rc == 0) rc = posix_spawnattr_setsigdefault(&attributes, &defaults);
   if (rc == 0) rc = posix_spawnattr_setflags(&attributes, flags);
   if (rc == 0) rc = posix_spawn(&pid, path.c_str(), &actions, &attributes, argv.data(), environ);

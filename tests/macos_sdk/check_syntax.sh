@@ -22,12 +22,13 @@ objcxx=(-x objective-c++ -std=c++20 -fobjc-arc -fblocks -fobjc-runtime=macosx-14
 # Objective-C has crept in.
 cxx=(-x c++ -std=c++20)
 # Darwin-only constants that glibc's headers lack, with their Darwin values.
+# The Darwin-only spawn call is declared by include/spawn.h over the system's own.
 darwin_defines=(-DF_SETNOSIGPIPE=73 -DPOSIX_SPAWN_CLOEXEC_DEFAULT=0x4000)
 
 shopt -s nullglob
 adapter=("$root"/src/platform/macos/*.cpp "$root"/src/platform/macos/*.mm)
-darwin_c=("$root"/src/*/*_darwin.c)
-darwin_cxx=("$root"/src/*/*_darwin.cpp)
+darwin_c=("$root"/src/*/*_darwin.c "$root"/src/*/*/*_darwin.c)
+darwin_cxx=("$root"/src/*/*_darwin.cpp "$root"/src/*/*/*_darwin.cpp)
 
 if ((${#adapter[@]} == 0)); then
   echo "no adapter sources under $root/src/platform/macos" >&2

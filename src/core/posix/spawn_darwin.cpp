@@ -36,7 +36,18 @@ int closeOtherDescriptorsInChild(posix_spawn_file_actions_t* actions, short* fla
   return 0;
 }
 
+int keepOnlyStandardStreamsInChild(posix_spawn_file_actions_t* actions, short* flags) {
+  // With CLOEXEC_DEFAULT even 0, 1 and 2 close unless the file actions name them.
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (const int rc = posix_spawn_file_actions_addinherit_np(actions, fd)) return rc;
+  }
+  return closeOtherDescriptorsInChild(actions, flags);
+}
+
+// The system allocator already hands large blocks back to the system.
+void tuneAllocator() {}
+
 // Darwin pipes grow on their own (up to 64 KiB) and offer no call to grow them further.
-void enlargeOutputPipe(int fd) { (void)fd; }
+void enlargePipe(int fd) { (void)fd; }
 
 }  // namespace tervain::posix

@@ -17,9 +17,18 @@ int makeCloexecPipe(int fds[2]);
 // an errno.
 int closeOtherDescriptorsInChild(posix_spawn_file_actions_t* actions, short* flags);
 
-// Lets a command's output pipe hold more before its writer blocks, where the platform allows it:
-// a busy command and the session then trade the processor far less often. Best effort; the pipe
-// works the same either way.
-void enlargeOutputPipe(int fd);
+// For a child that inherits the agent's own standard streams (no dup2 actions): keeps 0, 1 and 2
+// and nothing else. Same contract as closeOtherDescriptorsInChild() otherwise.
+int keepOnlyStandardStreamsInChild(posix_spawn_file_actions_t* actions, short* flags);
+
+// Sets the allocator up for a long-running server with bursts of large buffers (4 MiB request
+// lines, 64 KiB read buffers per connection): large blocks go back to the system when freed, so
+// the process returns to its resting size after a burst. Call once at start-up.
+void tuneAllocator();
+
+// Lets a command's pipe hold more before its writer blocks, where the platform allows it: a busy
+// command and the session then trade the processor far less often, for output and for input
+// alike. Best effort; the pipe works the same either way.
+void enlargePipe(int fd);
 
 }  // namespace tervain::posix
