@@ -14,6 +14,7 @@
 
 #include "agent/connection_handler.h"
 #include "bench.h"
+#include "platform/headless_desktop.h"
 #include "fake_desktop.h"
 
 namespace tervain {
@@ -41,32 +42,14 @@ class BenchElement final : public Element {
   const Attributes attributes;
 };
 
-// Only the accessibility side answers; nothing else is used by a dump.
-class BenchDesktop final : public Desktop {
+// A headless desktop whose accessibility side answers from prepared attributes: only what a
+// dump reads, with no bookkeeping of its own.
+class BenchDesktop final : public HeadlessDesktop {
  public:
   ElementRef application;
 
   bool accessibilityTrusted() override { return true; }
-  bool screenCaptureAccess() override { return false; }
-  bool postEventAccess() override { return false; }
-  std::vector<std::uint32_t> activeDisplayList(std::uint32_t) override { return {}; }
-  std::int64_t displayPixelsWide(std::uint32_t) override { return 0; }
-  std::int64_t displayPixelsHigh(std::uint32_t) override { return 0; }
-  bool displayIsMain(std::uint32_t) override { return false; }
-  std::optional<Point> pointerLocation() override { return std::nullopt; }
-  InputEventPtr createMouseEvent(EventType, Point, MouseButton) override { return nullptr; }
-  InputEventPtr createKeyboardEvent(std::uint16_t, bool) override { return nullptr; }
-  InputEventPtr createScrollWheelEvent(ScrollUnit, std::uint32_t, std::int32_t, std::int32_t,
-                                       std::int32_t) override {
-    return nullptr;
-  }
-  void setIntegerValueField(InputEvent&, EventField, std::int64_t) override {}
-  void setFlags(InputEvent&, EventFlags) override {}
-  void keyboardSetUnicodeString(InputEvent&, const std::u16string&) override {}
-  void postEvent(InputEvent&) override {}
-  void sleepMicros(std::uint32_t) override {}
   ElementRef createApplicationElement(std::int32_t) override { return application; }
-  ElementRef createSystemWideElement() override { return application; }
   AXResult setMessagingTimeout(const Element&, float) override { return AXError::success; }
   AXResult copyAttributeValue(const Element& element, const std::string& attribute,
                               AXValue& out) override {
@@ -83,30 +66,8 @@ class BenchDesktop final : public Desktop {
     out = static_cast<const BenchElement&>(element).attributes.actionNames;
     return AXError::success;
   }
-  AXResult performAction(const Element&, const std::string&) override { return AXError::success; }
-  AXResult isAttributeSettable(const Element&, const std::string&, bool&) override {
-    return AXError::success;
-  }
-  AXResult setAttributeValue(const Element&, const std::string&, const AXWritableValue&) override {
-    return AXError::success;
-  }
-  AXResult copyElementAtPosition(const Element&, float, float, ElementRef&) override {
-    return AXError::noValue;
-  }
   std::optional<std::int32_t> frontmostApplicationPid() override { return 500; }
   std::optional<std::string> runningApplicationName(std::int32_t) override { return "Bench"; }
-  bool fileExists(const std::string&) override { return false; }
-  void openApplication(const std::string&,
-                       std::function<void(std::optional<std::string>)> completion) override {
-    completion(std::string("not here"));
-  }
-  ShareableContent copyShareableContent() override { return {}; }
-  ContentFilterGeometry contentFilterGeometry(const ShareableDisplay&) override { return {}; }
-  CapturedImage captureImage(const ShareableDisplay&, std::int64_t, std::int64_t, bool,
-                             double) override {
-    return {};
-  }
-  [[noreturn]] void runMainLoop() override { std::abort(); }
 };
 
 // What a typical control carries: role, subrole, title, a value, state, frame and actions.

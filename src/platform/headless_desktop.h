@@ -8,7 +8,7 @@ namespace tervain {
 // No grants, no displays, no pointer, no frontmost application; events cannot be created and
 // capture lists no displays. Accessibility calls answer kAXErrorAPIDisabled. Sleeping and file
 // existence are real.
-class HeadlessDesktop final : public Desktop {
+class HeadlessDesktop : public Desktop {
  public:
   bool accessibilityTrusted() override { return false; }
   bool screenCaptureAccess() override { return false; }
