@@ -4,12 +4,14 @@
 // client code, so ping_p50_vs_echo_floor shows what the agent adds on top of the kernel's round
 // trip however busy the machine is.
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,6 +43,30 @@ std::vector<double> roundTrips(LineClient& client, const std::string& line, int 
   return samples;
 }
 
+// Pins every thread of a process (threads it starts later inherit it) to one processor. On a
+// small shared machine a round trip costs very different amounts depending on whether the two
+// ends meet on one processor or wake each other across two; pinning the client and both servers
+// alike makes the floor and the agent pay the same.
+void pinProcess(pid_t pid, int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (cpu >= 0) {
+    CPU_SET(cpu, &set);
+  } else {
+    for (int c = 0; c < CPU_SETSIZE; ++c) CPU_SET(c, &set);  // every processor again
+  }
+  std::error_code ignored;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ignored)) {
+    (void)sched_setaffinity(std::stoi(task.path().filename()), sizeof set, &set);
+  }
+}
+
+int benchProcessor() {
+  const long count = sysconf(_SC_NPROCESSORS_ONLN);
+  return count > 1 ? static_cast<int>(count - 1) : 0;
+}
+
 // A child process that answers every line with a reply of the size of a headless ping's.
 pid_t startEchoServer(const std::string& path, const std::string& reply) {
   const int listener = tervain_unix_listen(path.c_str(), 8);
@@ -50,6 +76,7 @@ pid_t startEchoServer(const std::string& path, const std::string& reply) {
     close(listener);
     return child;
   }
+  pinProcess(getpid(), benchProcessor());
   const int c = accept(listener, nullptr, nullptr);
   std::string pending;
   char buffer[65536];
@@ -85,6 +112,11 @@ TERVAIN_BENCH_SECTION(spineBench, "spine") {
   {
     // Interleaved rounds, so that whatever else the machine does weighs on both alike.
     constexpr int kRounds = 20;
+    pinProcess(agent.pid(), benchProcessor());
+    cpu_set_t here;
+    CPU_ZERO(&here);
+    CPU_SET(benchProcessor(), &here);
+    (void)sched_setaffinity(0, sizeof here, &here);  // this thread only
     LineClient client = agent.connect();
     roundTrips(client, ping, kWarmup);
     roundTrips(floorClient, ping, kWarmup);
@@ -101,6 +133,11 @@ TERVAIN_BENCH_SECTION(spineBench, "spine") {
     report("ping_p99_us", percentile(agentSamples, 99));
     report("echo_floor_p50_us", floorP50);
     report("ping_p50_vs_echo_floor", p50 / floorP50);
+    pinProcess(agent.pid(), -1);
+    cpu_set_t all;
+    CPU_ZERO(&all);
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) CPU_SET(cpu, &all);
+    (void)sched_setaffinity(0, sizeof all, &all);
   }
   floorClient.close();
   if (echo > 0) waitpid(echo, nullptr, 0);
