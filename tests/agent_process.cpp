@@ -14,6 +14,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
+
 #include "vsock/tervain_vsock.h"
 
 extern char** environ;
@@ -180,7 +182,7 @@ AgentProcess::AgentProcess(Options options) {
     throw std::runtime_error("the agent did not start: " + log());
   }
   if (options.waitForReady && options.unixSocket) {
-    // The readiness line comes before the socket is bound; wait for the socket itself.
+    // The readiness line comes before the socket listens; its path appears once it does.
     const auto deadline = Clock::now() + 10s;
     while (!std::filesystem::exists(socket) && Clock::now() < deadline && running()) {
       std::this_thread::sleep_for(2ms);
@@ -195,6 +197,16 @@ AgentProcess::~AgentProcess() {
   }
   if (reader.joinable()) reader.join();
   if (stderrFd >= 0) ::close(stderrFd);
+  // In a sanitized build the agent is sanitized too; a report in its output fails the test that
+  // ran it, whether or not the report ended the agent.
+  const std::string text = log();
+  for (const char* marker : {"ERROR: AddressSanitizer", "WARNING: ThreadSanitizer",
+                             "ERROR: LeakSanitizer", ": runtime error: "}) {
+    if (text.find(marker) != std::string::npos) {
+      ADD_FAILURE() << "the agent reported \"" << marker << "\":\n" << text;
+      break;
+    }
+  }
 }
 
 LineClient AgentProcess::connect() const { return LineClient::connectUnix(socket); }

@@ -93,6 +93,10 @@ class ExecSession {
   pid_t childPid() const { return pid; }
 
  private:
+  // Attaches a session to a child that a test or fuzz target started itself, and feeds it host
+  // frames without a socket read or a spawn per case (fuzz/exec_host_frame_fuzz.cpp).
+  friend struct ExecSessionProbe;
+
   void handleHostFrame(std::string_view line);
   void applyBufferedLines();
   void sendOutputFrame(std::string_view tag, const char* bytes, std::size_t size);

@@ -31,13 +31,18 @@ std::string passwordDatabaseHome() {
   return {};
 }
 
-// Reads the rest of an open file onto the end of out; false on a read error.
-bool appendWholeFile(int fd, std::string& out, std::size_t sizeHint) {
+// Reads the rest of an open file onto the end of out, but no more than limit bytes; false on a
+// read error. The limit keeps a file that never ends (one that grows as fast as it is read)
+// from taking the drain with it.
+bool appendWholeFile(int fd, std::string& out, std::size_t sizeHint, std::size_t limit) {
+  const std::size_t start = out.size();
   std::size_t chunk = std::max<std::size_t>(sizeHint + 1, 4096);
   for (;;) {
     const std::size_t at = out.size();
-    out.resize(at + chunk);
-    const ssize_t n = ::read(fd, out.data() + at, chunk);
+    const std::size_t want = std::min(chunk, limit - (at - start));
+    if (want == 0) return true;
+    out.resize(at + want);
+    const ssize_t n = ::read(fd, out.data() + at, want);
     if (n < 0 && errno == EINTR) {
       out.resize(at);
       continue;
@@ -105,23 +110,29 @@ ShellSpool::DrainResult ShellSpool::drain(const std::string& dir, std::int64_t m
       break;
     }
     std::string path = joinPath(dir, name);
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Anything but a regular file (a FIFO, a device, a socket with an event file's name) is not
+    // an event file and is skipped like an unreadable one, without being opened. The open is
+    // non-blocking all the same, and checked again, for an entry replaced in between.
+    struct stat entry {};
+    if (::stat(path.c_str(), &entry) != 0 || !S_ISREG(entry.st_mode)) continue;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) continue;
     struct stat info {};
-    if (::fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
       ::close(fd);
       continue;
     }
     const std::int64_t room = maxBytes - gathered;
-    // A regular file already known to be too large is not read at all.
-    if (S_ISREG(info.st_mode) && info.st_size > room) {
+    // A file already known to be too large is not read at all.
+    if (info.st_size > room) {
       ::close(fd);
       result.truncated = true;
       continue;
     }
     const std::size_t before = result.data.size();
-    const bool read = appendWholeFile(
-        fd, result.data, S_ISREG(info.st_mode) ? static_cast<std::size_t>(info.st_size) : 0);
+    // One byte past the room is enough to tell a file that grew too large since fstat().
+    const bool read = appendWholeFile(fd, result.data, static_cast<std::size_t>(info.st_size),
+                                      static_cast<std::size_t>(room) + 1);
     ::close(fd);
     if (!read) {
       result.data.resize(before);

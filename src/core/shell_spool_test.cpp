@@ -1,6 +1,7 @@
 #include "core/shell_spool.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -85,6 +86,30 @@ TEST_F(ShellSpoolDrainTest, UnreadableEntriesAreSkippedWithoutTruncation) {
   write("c.jsonl", 3);
   EXPECT_EQ(ShellSpool::drain(dir.path(), 100),
             (ShellSpool::DrainResult{"xxx", 1, false, {path("c.jsonl")}}));
+}
+
+TEST_F(ShellSpoolDrainTest, OnlyRegularFilesAreEventFilesAndNoneCanHoldTheDrain) {
+  // A FIFO nobody writes to would block an ordinary open for good; a device never ends.
+  ASSERT_EQ(::mkfifo(path("a.jsonl").c_str(), 0600), 0);
+  ASSERT_EQ(::symlink("/dev/zero", path("b.jsonl").c_str()), 0);
+  write("c.jsonl", 3);
+  EXPECT_EQ(ShellSpool::drain(dir.path(), 100),
+            (ShellSpool::DrainResult{"xxx", 1, false, {path("c.jsonl")}}));
+}
+
+TEST_F(ShellSpoolDrainTest, AFileLongerThanItsStatedSizeIsReadOnlyPastTheBudget) {
+  // Files of the proc file system state a size of 0 whatever they hold.
+  struct stat info {};
+  if (::stat("/proc/self/status", &info) != 0 || info.st_size != 0) {
+    GTEST_SKIP() << "needs a /proc whose files state no size";
+  }
+  ASSERT_EQ(::symlink("/proc/self/status", path("a.jsonl").c_str()), 0);
+  write("b.jsonl", 3);
+  EXPECT_EQ(ShellSpool::drain(dir.path(), 10),
+            (ShellSpool::DrainResult{"xxx", 1, true, {path("b.jsonl")}}));
+  const auto roomy = ShellSpool::drain(dir.path(), 1 << 20);
+  EXPECT_EQ(roomy.files, 2);
+  EXPECT_NE(roomy.data.find("Name:"), std::string::npos);
 }
 
 TEST_F(ShellSpoolDrainTest, ADirectoryThatCannotBeListedGivesTheEmptyResult) {

@@ -4,7 +4,11 @@
 // A second thread waits on three descriptors at once: the local standard input (forwarded as
 // it arrives, then end of input), a self-pipe filled by the handlers of SIGINT, SIGTERM and
 // SIGHUP (each forwarded as a signal frame), and a stop pipe that ends the thread when the
-// command has ended.
+// command has ended. Those signals are blocked everywhere but on that thread, so each is taken
+// by the thread that polls the self-pipe: a handler is never left waiting on the thread parked in
+// a read of the connection (some runtimes, the thread sanitizer's among them, run handlers only
+// once the interrupted call returns, and a restarted read may never return).
+#include <pthread.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -83,6 +87,30 @@ class SignalForwarding {
   std::array<struct sigaction, kForwardedSignals.size()> previous{};
 };
 
+sigset_t forwardedSet() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : kForwardedSignals) sigaddset(&set, signal);
+  return set;
+}
+
+// Blocks the forwarded signals on the calling thread for its lifetime; threads started meanwhile
+// inherit the mask. Whatever arrived in between is delivered when the mask is restored, while the
+// handlers are still installed.
+class ForwardedSignalsBlocked {
+ public:
+  ForwardedSignalsBlocked() {
+    const sigset_t set = forwardedSet();
+    ::pthread_sigmask(SIG_BLOCK, &set, &previous);
+  }
+  ~ForwardedSignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &previous, nullptr); }
+  ForwardedSignalsBlocked(const ForwardedSignalsBlocked&) = delete;
+  ForwardedSignalsBlocked& operator=(const ForwardedSignalsBlocked&) = delete;
+
+ private:
+  sigset_t previous{};
+};
+
 // The input thread's loop: returns when the stop pipe becomes readable or the user gave up.
 void pumpInput(client::ExecStream& stream, int signalFd, int stopFd) {
   std::string buffer(64 * 1024, '\0');
@@ -146,7 +174,12 @@ int runExecCommand(const client::Address& address, const std::vector<std::string
   Pipe signalPipe;
   Pipe stopPipe;
   SignalForwarding forwarding(signalPipe);
-  std::thread input([&] { pumpInput(stream, signalPipe.readEnd(), stopPipe.readEnd()); });
+  ForwardedSignalsBlocked blocked;
+  std::thread input([&] {
+    const sigset_t set = forwardedSet();
+    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    pumpInput(stream, signalPipe.readEnd(), stopPipe.readEnd());
+  });
 
   client::ExecOutcome outcome;
   std::string failure;

@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -43,6 +45,8 @@ TEST(UnixListenTest, PrivateSocketThatReplacesOnlyStaleSockets) {
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+  // The path appears only once the socket listens, and under its own name alone.
+  EXPECT_FALSE(std::filesystem::exists(path + ".new"));
 
   // Live: someone accepts there.
   EXPECT_EQ(tervain_unix_listen(path.c_str(), 8), -EADDRINUSE);
@@ -63,6 +67,14 @@ TEST(UnixListenTest, PrivateSocketThatReplacesOnlyStaleSockets) {
   EXPECT_EQ(tervain_unix_listen((dir.path() + "/" + std::string(200, 'x')).c_str(), 8),
             -ENAMETOOLONG);
   EXPECT_EQ(tervain_unix_listen(dir.file("missing/a.sock").c_str(), 8), -ENOENT);
+  // A path with no room for the side name is bound directly.
+  const std::size_t room = sizeof(sockaddr_un{}.sun_path);
+  const std::string longest = dir.path() + "/" + std::string(room - 3 - dir.path().size(), 'y');
+  ASSERT_EQ(longest.size(), room - 2);
+  fd = tervain_unix_listen(longest.c_str(), 8);
+  EXPECT_GE(fd, 0);
+  EXPECT_TRUE(std::filesystem::exists(longest));
+  close(fd);
 }
 
 }  // namespace
