@@ -6,10 +6,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -73,6 +75,10 @@ class AgentProcess {
   };
 
   AgentProcess() : AgentProcess(Options{}) {}
+
+  // Called when the agent's output holds a sanitizer report (a sanitized build runs a sanitized
+  // agent). By default it prints; the test suite makes it fail the running test.
+  static std::function<void(std::string_view marker, const std::string& log)>& onSanitizerReport();
   explicit AgentProcess(Options options);
   ~AgentProcess();  // kills the agent (SIGKILL) if it still runs, and reaps it
 
