@@ -1,5 +1,8 @@
 #include "agent/startup.h"
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -79,6 +82,11 @@ std::string readinessLine(Desktop& desktop) {
 }
 
 int runAgent(int argc, const char* const* argv, Desktop& desktop) {
+  // A launcher may start us with a standard descriptor closed. The next socket or pipe would then
+  // take its number, and an exec child's dup2 onto 0-2 could clobber it: fill the gap first.
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF) (void)::open("/dev/null", O_RDWR);
+  }
   const CommandLine commandLine = parseCommandLine(argc, argv);
   switch (commandLine.action) {
     case CommandLine::Action::help:
