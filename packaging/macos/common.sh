@@ -11,6 +11,15 @@ tervain_install_dir=/usr/local/libexec/tervain
 # shellcheck disable=SC2034
 tervain_binary_name=TervainVMAgent
 
+# Where install.sh puts things and uninstall.sh takes them away, for the user running them.
+# shellcheck disable=SC2034
+tervain_installed="$tervain_install_dir/$tervain_binary_name"
+tervain_agents_dir="$HOME/Library/LaunchAgents"
+# shellcheck disable=SC2034
+tervain_plist="$tervain_agents_dir/$tervain_label.plist"
+# shellcheck disable=SC2034
+tervain_domain="gui/$(id -u)"
+
 tervain_die() {
   echo "$(basename "$0"): $*" >&2
   exit 1

@@ -11,11 +11,11 @@ here="$(cd "$(dirname "$0")" && pwd)"
 source "$here/common.sh"
 
 binary="${1:-$here/../../build/release/$tervain_binary_name}"
-installed="$tervain_install_dir/$tervain_binary_name"
-agents_dir="$HOME/Library/LaunchAgents"
-plist="$agents_dir/$tervain_label.plist"
+installed="$tervain_installed"
+agents_dir="$tervain_agents_dir"
+plist="$tervain_plist"
 uid="$(id -u)"
-domain="gui/$uid"
+domain="$tervain_domain"
 
 tervain_require_macos
 [[ "$uid" -ne 0 ]] || tervain_die "run as the desktop user, not root (the agent needs that user's GUI session)"

@@ -7,9 +7,9 @@ here="$(cd "$(dirname "$0")" && pwd)"
 # shellcheck source=packaging/macos/common.sh
 source "$here/common.sh"
 
-installed="$tervain_install_dir/$tervain_binary_name"
-plist="$HOME/Library/LaunchAgents/$tervain_label.plist"
-domain="gui/$(id -u)"
+installed="$tervain_installed"
+plist="$tervain_plist"
+domain="$tervain_domain"
 
 tervain_require_macos
 
