@@ -404,7 +404,7 @@ class Connection(ConnectionBase):
                                 raise AnsibleError('the guest did not report the size of %s'
                                                    % in_path)
                             return
-                        state['expected'] = _parse_count(header)
+                        state['expected'] = _parse_count(bytes(header))
                         if state['expected'] is None:
                             raise AnsibleError('the guest reported no size for %s but "%s"'
                                                % (in_path, to_text(bytes(header))))

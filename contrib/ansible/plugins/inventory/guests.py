@@ -19,10 +19,10 @@ DOCUMENTATION = r'''
             choices: ['tervain.agent.guests']
         guests:
             description:
-                - One entry per guest. C(name) is the host name; exactly one of C(cid) (a vsock context
-                  id, with C(port) optional), C(socket) (the path of an agent's Unix socket) or
-                  C(address) (C(vsock:CID[:PORT]) or C(unix:PATH)) says where its agent listens;
-                  C(groups) lists groups to add it to; C(vars) sets host variables.
+                - One entry per guest. C(name) is the host name; exactly one of C(cid) (a vsock
+                  context id, with C(port) optional), C(socket) (the path of an agent's Unix
+                  socket) or C(address) (C(vsock:CID[:PORT]) or C(unix:PATH)) says where its
+                  agent listens; C(groups) lists groups to add it to; C(vars) sets host variables.
             type: list
             elements: dict
             required: true
@@ -31,8 +31,8 @@ DOCUMENTATION = r'''
             type: str
             default: tervain_guests
         connection:
-            description: The connection the hosts use (the plain name C(tervain) when the plugin file
-                is installed on its own).
+            description: The connection the hosts use (the plain name C(tervain) when the plugin
+                file is installed on its own).
             type: str
             default: tervain.agent.tervain
 '''
