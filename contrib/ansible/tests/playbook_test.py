@@ -178,7 +178,7 @@ def check_play(report, root, agents, payload, fetch_dir):
                    piped.get('failed', False))
         check(outcome == (3, 'a,b,c', 'warned', False), 'shell on %s: %s' % (name, piped))
         raw = result('raw')
-        check(raw.get('rc') == 0 and raw.get('stdout', '').strip() == 'raw 42'
+        check(raw.get('rc') == 5 and raw.get('stdout', '').strip() == 'raw 42'
               and raw.get('stderr', '').strip() == 'raw-stderr', 'raw on %s: %s' % (name, raw))
 
         copied = os.path.join(home, 'payload.bin')
