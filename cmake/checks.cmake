@@ -24,13 +24,20 @@ if(TERVAIN_PYTHON3)
   add_test(NAME macos_packaging_plists
            COMMAND ${TERVAIN_PYTHON3} ${TERVAIN_ROOT}/tests/check_packaging_plists.py
                    ${TERVAIN_ROOT})
+  # The Ansible collection: a real playbook over two agents, and its static checks. Both say
+  # SKIPPED and count as skipped when ansible-core is missing (scripts/deps installs it).
+  add_test(NAME ansible_playbook
+           COMMAND ${TERVAIN_PYTHON3} ${TERVAIN_ROOT}/contrib/ansible/tests/playbook_test.py
+                   $<TARGET_FILE:TervainVMAgent> $<TARGET_FILE:tervainctl>)
+  add_test(NAME ansible_lint COMMAND bash ${TERVAIN_ROOT}/contrib/ansible/tests/lint.sh)
+  set_tests_properties(ansible_playbook ansible_lint PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 900)
 endif()
 
 # Every shell script of the project, found when the test runs so a new one is never skipped.
 find_program(TERVAIN_SHELLCHECK NAMES shellcheck)
 if(TERVAIN_SHELLCHECK)
   add_test(NAME shell_scripts_shellcheck
-           COMMAND bash -c "shopt -s nullglob; exec \"$0\" --external-sources scripts/* .ci/* packaging/macos/*.sh tests/macos_sdk/*.sh"
+           COMMAND bash -c "shopt -s nullglob; exec \"$0\" --external-sources scripts/* .ci/* packaging/macos/*.sh tests/macos_sdk/*.sh contrib/ansible/*.sh contrib/ansible/tests/*.sh"
                    ${TERVAIN_SHELLCHECK}
            WORKING_DIRECTORY ${TERVAIN_ROOT})
 else()
