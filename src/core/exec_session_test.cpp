@@ -466,6 +466,26 @@ TEST_F(ExecSessionTest, TheAgentShellGetsTheCommandAndTheSpoolVariables) {
   }
 }
 
+TEST_F(ExecSessionTest, ADescendantHoldingThePipesRunsOutTheGraceOnTheSessionsClock) {
+  // Each reading of the clock is 400 ms later: the 2 s grace is over a handful of rounds after
+  // the shell exits, however little real time passed.
+  std::int64_t now = 0;
+  ExecSession session(sessionFD, "", std::string(ExecSession::defaultDulkPath), 2000,
+                      [&now] { return now += 400; });
+  ASSERT_TRUE(session.start(Json{{"command", "echo $$; sleep 30 & exit 4"}}));
+  ExecSession::Round round = ExecSession::Round::keepGoing;
+  int rounds = 0;
+  for (; rounds < 500 && round == ExecSession::Round::keepGoing; ++rounds) {
+    round = session.pumpOnce(20);
+  }
+  ASSERT_EQ(round, ExecSession::Round::finished);
+  EXPECT_LT(rounds, 60) << "the grace ran on another clock";
+  session.finish(false);
+  const ExecTranscript t = readExecFrames(*host, 2s);
+  EXPECT_EQ(t.code, 4);
+  testing::killGroup(std::atoi(t.out.c_str()));
+}
+
 TEST_F(ExecSessionTest, TheLoopCanBeDrivenOneRoundAtATime) {
   ExecSession session(sessionFD, "", std::string(ExecSession::defaultDulkPath), 2000);
   ASSERT_TRUE(session.start(Json{{"command", "echo stepped"}}));
