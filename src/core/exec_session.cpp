@@ -1,7 +1,8 @@
 // The exec session pump.
 //
 // Everything runs on the connection's thread in one non-blocking poll loop with a 200 ms tick, so
-// every wait is bounded and no lock is needed. Nothing in a round waits on one party while another
+// every wait in the loop is bounded and no lock is needed (only the last "x" or "err" frame waits
+// for a connected host to take it). Nothing in a round waits on one party while another
 // could make progress:
 // - Host lines are applied as they arrive: "sig" at once, "i" into a queue of pending stdin,
 //   "eof" behind that queue. Only while more than stdinBacklogBytes of stdin are pending does the
