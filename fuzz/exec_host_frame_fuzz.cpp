@@ -6,7 +6,7 @@
 // Only this file reaps it, between inputs, and only to start the next one, whose pid the next
 // session gets: no session ever holds a pid that could have been reused. Its stdin is one end of
 // a socket pair; every session writes to a duplicate of the other end, and the fuzzer empties the
-// child's end before each input, so stdin frames never wait on a child that a frame stopped. When
+// child's end before each input, so stdin frames go straight in even when a frame stopped it. When
 // the fuzzer dies the child reads end of input and exits (stopped, its orphaned group gets SIGHUP).
 #include <fcntl.h>
 #include <signal.h>

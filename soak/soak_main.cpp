@@ -3,7 +3,8 @@
 // At least 200 client threads run for the given time, each picking scenarios at random: pings,
 // malformed and hostile lines, shell-event drains over a spool that another thread keeps filling,
 // exec with stdin, disconnects in the middle of a line or of an exec, a client that stops reading
-// while its command writes, and lines that grow slowly toward the 4 MiB bound. Afterwards the
+// while its command writes, a client that reads a finished command's output slowly, a command fed
+// a megabyte of stdin while its output backs up, and lines that grow slowly toward the 4 MiB bound. Afterwards the
 // agent must still answer, hold about the descriptors and memory it started with, and have no
 // child process or zombie left. The last line sums it up; the exit status says whether it held.
 #include <dirent.h>
@@ -205,6 +206,51 @@ void stalledReaderScenario(const AgentProcess& agent) {
   for (int i = 0; i < 20 && !stopping; ++i) std::this_thread::sleep_for(100ms);
 }
 
+// The command is long done before this host has read its output: all of it must still arrive.
+void slowReaderScenario(const AgentProcess& agent) {
+  LineClient client = agent.connect();
+  ++requests;
+  if (!client.send("{\"op\":\"exec\",\"command\":\"head -c 400000 /dev/zero\"}\n")) {
+    return fail("slow reader", "send failed");
+  }
+  std::this_thread::sleep_for(2500ms);  // longer than the pipe grace
+  std::string out;
+  int code = -3;
+  if (!execToEnd(client, out, code)) return fail("slow reader", "no exit frame");
+  if (out != std::string(400000, '\0') || code != 0) {
+    fail("slow reader", "lost output: " + std::to_string(out.size()) + " bytes, code " +
+                            std::to_string(code));
+  }
+}
+
+// A megabyte of stdin in the 32 KiB frames tervainctl sends, through a command whose output backs
+// up into the pipe while the input still arrives; sent and read at once, as a host does.
+void stdinHeavyScenario(const AgentProcess& agent, std::mt19937& rng) {
+  LineClient client = agent.connect();
+  std::string input(1 << 20, '\0');
+  for (auto& c : input) c = static_cast<char>(rng());
+  ++requests;
+  if (!client.send("{\"op\":\"exec\",\"command\":\"cat\"}\n")) {
+    return fail("stdin heavy", "send failed");
+  }
+  std::thread sender([&] {
+    for (std::size_t at = 0; at < input.size(); at += 32 * 1024) {
+      const std::string_view part = std::string_view(input).substr(at, 32 * 1024);
+      if (!client.send("{\"t\":\"i\",\"d\":\"" + tervain::base64::encode(part) + "\"}\n")) return;
+    }
+    client.send("{\"t\":\"eof\"}\n");
+  });
+  std::string out;
+  int code = -3;
+  const bool ended = execToEnd(client, out, code);
+  sender.join();
+  if (!ended) return fail("stdin heavy", "no exit frame");
+  if (out != input || code != 0) {
+    fail("stdin heavy", "lost input: " + std::to_string(out.size()) + " of " +
+                            std::to_string(input.size()) + " bytes, code " + std::to_string(code));
+  }
+}
+
 void slowLineScenario(const AgentProcess& agent) {
   LineClient client = agent.connect();
   const std::string head = "{\"op\":\"ping\",\"pad\":\"";
@@ -257,13 +303,15 @@ int main(int argc, char** argv) {
           slowLineScenario(agent);
           continue;
         }
-        switch (rng() % 10) {
+        switch (rng() % 12) {
           case 0: case 1: case 2: pingScenario(agent); break;
           case 3: hostileScenario(agent); break;
           case 4: eventsScenario(agent, spool); break;
           case 5: case 6: execScenario(agent, rng); break;
           case 7: case 8: abruptScenario(agent, rng); break;
-          default: stalledReaderScenario(agent); break;
+          case 9: stalledReaderScenario(agent); break;
+          case 10: slowReaderScenario(agent); break;
+          default: stdinHeavyScenario(agent, rng); break;
         }
       }
     });

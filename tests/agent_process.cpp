@@ -133,6 +133,10 @@ AgentProcess::AgentProcess(Options options) {
     args.push_back(socket);
   }
   args.insert(args.end(), options.args.begin(), options.args.end());
+  if (!options.prelude.empty()) {
+    // sh -c SCRIPT AGENT ARGS...: the script sees the agent as $0 and its arguments as $@.
+    args.insert(args.begin(), {"/bin/sh", "-c", options.prelude + "\nexec \"$0\" \"$@\""});
+  }
 
   std::map<std::string, std::string> env;
   for (char** e = environ; *e != nullptr; ++e) {

@@ -72,6 +72,9 @@ class AgentProcess {
     std::map<std::string, std::string> env;       // added to (or replacing) the environment
     std::vector<std::string> unsetEnv;
     bool waitForReady = true;
+    // Shell commands run by /bin/sh right before it becomes the agent (same pid), for what only
+    // a parent can hand down: "trap '' INT" (an ignored signal), "ulimit -v N" (a memory limit).
+    std::string prelude;
   };
 
   AgentProcess() : AgentProcess(Options{}) {}

@@ -4,6 +4,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <random>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -59,14 +62,24 @@ TEST(ExecE2ETest, StdinFramesInTheSameWriteAsTheRequest) {
   EXPECT_EQ(t.code, 0);
 }
 
-TEST(ExecE2ETest, ACommandThatIsNotAStringGetsAnErrorFrameOnly) {
+TEST(ExecE2ETest, ABadCommandGetsAnErrorFrameOnlyAndNothingRuns) {
   AgentProcess agent(fallbackShell());
-  LineClient client = agent.connect();
-  ASSERT_TRUE(client.send("{\"op\":\"exec\",\"command\":42}\n"));
-  const ExecTranscript t = readExecFrames(client);
-  EXPECT_EQ(t.error, "exec requires a \"command\" string");
-  EXPECT_EQ(t.tags, std::vector<std::string>{"err"});
-  EXPECT_TRUE(client.closedByPeer());
+  const struct {
+    std::string request;
+    std::string error;  // a part of the message
+  } cases[] = {
+      {"{\"op\":\"exec\",\"command\":42}", "exec requires a \"command\" string"},
+      // A C string would end at the NUL: only "echo first" would run, and succeed.
+      {R"({"op":"exec","command":"echo first\u0000; echo second"})", "NUL byte at offset 10"},
+  };
+  for (const auto& c : cases) {
+    LineClient client = agent.connect();
+    ASSERT_TRUE(client.send(c.request + "\n"));
+    const ExecTranscript t = readExecFrames(client);
+    EXPECT_NE(t.error.value_or("").find(c.error), std::string::npos) << t.error.value_or("-");
+    EXPECT_EQ(t.tags, std::vector<std::string>{"err"}) << c.request;
+    EXPECT_TRUE(client.closedByPeer());
+  }
 }
 
 TEST(ExecE2ETest, ExitCodesAndSignals) {
@@ -123,6 +136,199 @@ TEST(ExecE2ETest, AHostThatGoesAwayLeavesNoProcessOfTheGroupAndNoZombie) {
   EXPECT_TRUE(groupGone(group));
   EXPECT_TRUE(zombieChildrenOf(agent.pid()).empty());
   EXPECT_TRUE(agent.running());
+}
+
+// Random bytes, the same on every run.
+std::string randomBytes(std::size_t size) {
+  std::string bytes(size, '\0');
+  std::mt19937 random(11);
+  for (char& c : bytes) c = static_cast<char>(random());
+  return bytes;
+}
+
+// What "od -An -tx1 -v" prints for bytes.
+std::string odHex(const std::string& bytes) {
+  static const char digits[] = "0123456789abcdef";
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const auto b = static_cast<unsigned char>(bytes[i]);
+    text += ' ';
+    text += digits[b >> 4];
+    text += digits[b & 15];
+    if (i % 16 == 15 || i + 1 == bytes.size()) text += '\n';
+  }
+  return text;
+}
+
+// The host sends its stdin from one thread while reading every frame on another, as tervainctl
+// does; a command whose output backs up must not cost any of its input.
+TEST(ExecE2ETest, LargeStdinComesOutWholeThroughCommandsThatWriteAsTheyRead) {
+  AgentProcess agent(fallbackShell());
+  const struct {
+    const char* command;
+    std::size_t inputBytes;
+    std::size_t frameBytes;
+    std::function<std::string(const std::string&)> expected;
+  } cases[] = {
+      {"cat", 6 << 20, 3 << 20, [](const std::string& in) { return in; }},
+      {"od -An -tx1 -v", 1 << 20, 32 << 10, odHex},  // three bytes out for each byte in
+  };
+  for (const auto& c : cases) {
+    const std::string input = randomBytes(c.inputBytes);
+    LineClient client = agent.connect();
+    ASSERT_TRUE(client.send(execLine(c.command)));
+    std::thread sender([&] {
+      for (std::size_t at = 0; at < input.size(); at += c.frameBytes) {
+        if (!client.send(stdinFrame(std::string_view(input).substr(at, c.frameBytes)))) return;
+      }
+      client.send("{\"t\":\"eof\"}\n");
+    });
+    const ExecTranscript t = readExecFrames(client, std::chrono::seconds(60));
+    sender.join();
+    const std::string expected = c.expected(input);
+    EXPECT_EQ(t.code, 0) << c.command;
+    EXPECT_EQ(t.out.size(), expected.size()) << c.command;
+    EXPECT_TRUE(t.out == expected) << c.command;
+  }
+}
+
+// Output the command wrote before it exited is delivered however slowly the host reads it; the
+// pipe grace is no deadline for that.
+TEST(ExecE2ETest, OutputWrittenBeforeTheExitReachesASlowHost) {
+  AgentProcess agent(fallbackShell());
+  using Clock = std::chrono::steady_clock;
+  struct Case {
+    const char* name;
+    std::size_t bytes;
+    std::function<void(std::size_t received, Clock::duration elapsed)> pace;
+  };
+  Case cases[] = {
+      {"pauses 3 s after 150 KB", 900000,
+       [paused = false](std::size_t received, Clock::duration) mutable {
+         if (received >= 150000 && !paused) {
+           paused = true;
+           std::this_thread::sleep_for(std::chrono::seconds(3));
+         }
+       }},
+      {"reads at 100 KB/s", 600000,
+       [](std::size_t received, Clock::duration elapsed) {
+         const auto due = std::chrono::milliseconds(received / 100);
+         if (due > elapsed) std::this_thread::sleep_for(due - elapsed);
+       }},
+  };
+  // The two hosts read at the same time, each on a connection of its own.
+  std::vector<std::thread> hosts;
+  for (Case& c : cases) {
+    hosts.emplace_back([&agent, &c] {
+      LineClient client = agent.connect();
+      ASSERT_TRUE(client.send(execLine("head -c " + std::to_string(c.bytes) + " /dev/zero")));
+      const auto start = Clock::now();
+      std::size_t received = 0;
+      std::optional<int> code;
+      for (int frames = 0; frames < 10000 && !code; ++frames) {
+        const std::optional<std::string> line = client.readLine(std::chrono::seconds(20));
+        if (!line) break;
+        const Json frame = Json::parse(*line, nullptr, false);
+        if (frame.value("t", "") == "x") code = frame.value("code", -2);
+        received += base64::decode(frame.value("d", "")).value_or("").size();
+        c.pace(received, Clock::now() - start);
+      }
+      EXPECT_EQ(received, c.bytes) << c.name;
+      EXPECT_EQ(code, 0) << c.name;
+    });
+  }
+  for (std::thread& host : hosts) host.join();
+}
+
+// "sig" frames and a hang-up must not wait for stdin the command does not read (it used to cost
+// a second per "i" frame, over 20 s here).
+TEST(ExecE2ETest, ASignalOrAHangUpIsNotQueuedBehindUnreadStdin) {
+  AgentProcess agent(fallbackShell());
+  for (const bool hangUp : {false, true}) {
+    LineClient client = agent.connect();
+    ASSERT_TRUE(client.send(execLine("echo $$; sleep 300")));
+    const int group = groupFromFirstFrame(client);
+    ASSERT_GT(group, 1);
+    std::string flood = stdinFrame(std::string(3 << 19, 'f'));
+    for (int i = 0; i < 20; ++i) flood += stdinFrame("tiny");
+    if (!hangUp) flood += "{\"t\":\"sig\",\"n\":9}\n";
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(client.send(flood));
+    if (hangUp) {
+      client.close();
+      EXPECT_TRUE(groupGone(group, std::chrono::seconds(30)));
+    } else {
+      EXPECT_EQ(readExecFrames(client, std::chrono::seconds(30)).code, 137);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10))
+        << (hangUp ? "hang-up" : "signal") << " waited behind the stdin frames";
+    killGroup(group);
+  }
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TERVAIN_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TERVAIN_SANITIZED 1
+#endif
+#endif
+
+// Bytes without a line feed used to pile up until the agent ran out of memory and aborted,
+// taking every other connection and command with it.
+TEST(ExecE2ETest, AnEndlessHostLineEndsItsSessionNotTheAgent) {
+#ifdef TERVAIN_SANITIZED
+  GTEST_SKIP() << "a sanitized agent reserves terabytes of address space: no limit can be set";
+#endif
+  if (!procAvailable()) GTEST_SKIP() << "needs /proc";
+  AgentProcess::Options options = fallbackShell();
+  options.prelude = "ulimit -v 1048576";  // KiB: 1 GiB of address space
+  AgentProcess agent(options);
+  LineClient bystander = agent.connect();
+  ASSERT_TRUE(bystander.send(execLine("echo $$; sleep 300")));
+  const int bystanderGroup = groupFromFirstFrame(bystander);
+  ASSERT_GT(bystanderGroup, 1);
+
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send(execLine("echo $$; sleep 300")));
+  const int group = groupFromFirstFrame(client);
+  ASSERT_GT(group, 1);
+  const std::string chunk(1 << 20, 'a');
+  for (int i = 0; i < 1536 && client.send(chunk); ++i) {
+  }
+  const ExecTranscript t = readExecFrames(client);
+  EXPECT_NE(t.error.value_or("").find("without a line feed"), std::string::npos);
+  EXPECT_TRUE(groupGone(group));
+
+  EXPECT_TRUE(agent.running());
+  const std::optional<std::string> pong = agent.request("{\"op\":\"ping\"}");
+  EXPECT_EQ(Json::parse(pong.value_or("null"), nullptr, false).value("ok", false), true);
+  EXPECT_FALSE(liveMembersOfGroup(bystanderGroup).empty()) << "another session's command died";
+  killGroup(bystanderGroup);
+}
+
+// An agent started from a script with "&" or nohup has these signals ignored; its commands must
+// not inherit that, or a forwarded interrupt does nothing.
+TEST(ExecE2ETest, CommandsStartWithEverySignalAtItsDefault) {
+  if (!procAvailable()) GTEST_SKIP() << "needs /proc";
+  AgentProcess::Options options = fallbackShell();
+  options.prelude = "trap '' HUP INT QUIT";
+  AgentProcess agent(options);
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send(execLine("grep -E '^Sig(Blk|Ign)' /proc/self/status; sleep 30")));
+  std::string out;
+  while (out.size() < 50) {  // the two lines, 25 bytes each
+    const std::optional<std::string> line = client.readLine();
+    if (!line) break;
+    out += base64::decode(Json::parse(*line, nullptr, false).value("d", "")).value_or("");
+  }
+  ASSERT_EQ(out.size(), 50u) << out;
+  // Bits 0 to 30 are the standard signals. glibc keeps its two internal real-time signals (32 and
+  // 33) ignored in every child it spawns; they are no command's business.
+  EXPECT_EQ(std::stoull(out.substr(8, 16), nullptr, 16) & 0x7FFFFFFF, 0u) << out << "(blocked)";
+  EXPECT_EQ(std::stoull(out.substr(33, 16), nullptr, 16) & 0x7FFFFFFF, 0u) << out << "(ignored)";
+  ASSERT_TRUE(client.send("{\"t\":\"sig\",\"n\":2}\n"));
+  EXPECT_EQ(readExecFrames(client, std::chrono::seconds(10)).code, 130);
 }
 
 TEST(ExecE2ETest, MalformedAndUnknownHostFramesAreIgnored) {

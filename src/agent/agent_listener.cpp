@@ -51,7 +51,13 @@ void AgentListener::acceptOne(AgentContext& context) {
   auto handler = std::make_unique<ConnectionHandler>(c, context);
   try {
     // The thread owns the handler; nothing else keeps a list of connections.
-    std::thread([h = std::move(handler)] { h->run(); }).detach();
+    // run() contains its own failures; this guard only keeps a stray one from ending the agent.
+    std::thread([h = std::move(handler)] {
+      try {
+        h->run();
+      } catch (...) {
+      }
+    }).detach();
   } catch (const std::system_error&) {
     // No thread to serve it (a process out of threads): drop the connection, keep accepting.
     ::close(c);

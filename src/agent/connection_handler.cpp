@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <exception>
+#include <new>
+#include <string>
 #include <vector>
 
 #include "agent/agent_log.h"
@@ -57,40 +59,65 @@ std::optional<std::string> ConnectionHandler::requestOp(const Json& request) {
 }
 
 void ConnectionHandler::run() {
-  std::vector<char> buffer(AgentWire::readChunkBytes);
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer.data(), buffer.size());
-    if (n == 0) break;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    lines.append(std::string_view(buffer.data(), static_cast<std::size_t>(n)));
-
-    bool keepGoing = true;
-    while (keepGoing) {
-      const std::optional<std::string_view> line = lines.next();
-      if (!line) break;
-      if (line->empty()) continue;
-      const std::optional<Json> request = parseRequestObject(*line);
-      const std::optional<std::string> op = request ? requestOp(*request) : std::nullopt;
-      if (op == AgentWire::Exec::op) {
-        runExec(*line);  // takes over the rest of the connection
-        keepGoing = false;
+  auto serve = [this] {
+    std::vector<char> buffer(AgentWire::readChunkBytes);
+    for (;;) {
+      const ssize_t n = ::read(fd, buffer.data(), buffer.size());
+      if (n == 0) break;
+      if (n < 0) {
+        if (errno == EINTR) continue;
         break;
       }
-      if (op == AgentWire::ShellEvents::op) {
-        runShellEvents(*line);
-        continue;
+      lines.append(std::string_view(buffer.data(), static_cast<std::size_t>(n)));
+
+      bool keepGoing = true;
+      while (keepGoing) {
+        const std::optional<std::string_view> line = lines.next();
+        if (!line) break;
+        if (line->empty()) continue;
+        const std::optional<Json> request = parseRequestObject(*line);
+        const std::optional<std::string> op = request ? requestOp(*request) : std::nullopt;
+        if (op == AgentWire::Exec::op) {
+          runExec(*line);  // takes over the rest of the connection
+          keepGoing = false;
+          break;
+        }
+        if (op == AgentWire::ShellEvents::op) {
+          runShellEvents(*line);
+          continue;
+        }
+        std::string reply = handleRequest(request);
+        reply.push_back('\n');
+        keepGoing = writeAll(reply);
       }
-      std::string reply = handleRequest(request);
-      reply.push_back('\n');
-      keepGoing = writeAll(reply);
+      if (!keepGoing || lines.pendingBytes() > AgentWire::maxPendingLineBytes) break;
     }
-    if (!keepGoing || lines.pendingBytes() > AgentWire::maxPendingLineBytes) break;
-  }
+  };
+  // Whatever fails inside one connection (memory running out above all) ends that connection,
+  // never the agent with every other connection and command. Unwinding has freed the
+  // connection's buffers (and killed an exec's group) by the time the line is logged.
+  const std::string_view failure = [&serve]() -> std::string_view {
+    try {
+      serve();
+      return {};
+    } catch (const std::bad_alloc&) {
+      return "out of memory";
+    } catch (const std::exception&) {
+      return "an internal error";
+    } catch (...) {
+      return "an internal error";
+    }
+  }();
   ::close(fd);
-  agentLog("host disconnected (fd " + std::to_string(fd) + ")");
+  try {
+    if (!failure.empty()) {
+      agentLog("connection ended by " + std::string(failure) + " (fd " + std::to_string(fd) +
+               ")");
+    }
+    agentLog("host disconnected (fd " + std::to_string(fd) + ")");
+  } catch (...) {
+    // Not even a log line fits: the connection is closed all the same.
+  }
 }
 
 std::string ConnectionHandler::handle(std::string_view requestLine) {

@@ -1,13 +1,21 @@
 // The exec session pump.
 //
-// Everything runs on the connection's thread in one poll loop with a 200 ms tick, so every wait
-// is bounded and no lock is needed. Each round first reaps the child if it exited; once it has,
-// the session ends as soon as both output pipes reached end of file, or when the pipe grace has
-// passed since the exit (descendants that keep a pipe open cannot hold the session). Host frames
-// are applied whenever the socket is readable, in the order they arrive; output is read in chunks
-// of at most 64 KiB and each chunk becomes one frame, assembled in place as
-// {"t":"o","d":"<base64>"} without going through the JSON object model (base64 needs no escaping).
-// A host that goes away takes the command's whole process group down with it.
+// Everything runs on the connection's thread in one non-blocking poll loop with a 200 ms tick, so
+// every wait in the loop is bounded and no lock is needed (only the last "x" or "err" frame waits
+// for a connected host to take it). Nothing in a round waits on one party while another
+// could make progress:
+// - Host lines are applied as they arrive: "sig" at once, "i" into a queue of pending stdin,
+//   "eof" behind that queue. Only while more than stdinBacklogBytes of stdin are pending does the
+//   session stop reading the host (back-pressure); it still notices the host leaving.
+// - Pending stdin is written whenever the pipe has room. It is dropped only when the command has
+//   taken nothing for stdinStallMillis while the session was free to serve it.
+// - Output is read in chunks of at most 64 KiB; each chunk becomes one frame, assembled in place as
+//   {"t":"o","d":"<base64>"} without going through the JSON object model (base64 needs no
+//   escaping) and written without blocking. While a frame waits for a slow host the pipes are not
+//   read, so the command is slowed down instead of its output being lost.
+// Once the child is reaped the session ends when both pipes reached end of file; the pipe grace
+// only bounds waiting for descendants that keep a pipe open, and counts only rounds in which the
+// pipes were being read. A host that goes away takes the command's whole process group down.
 #include "core/exec_session.h"
 
 #include <fcntl.h>
@@ -40,12 +48,6 @@ namespace Wire = AgentWire::Exec;
 
 constexpr std::string_view kDisableKey = "TERVAIN_DULK_DISABLE";
 constexpr const char* kFallbackShell = "/bin/zsh";
-
-std::int64_t monotonicMillis() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 // 128 + the signal for a child ended by a signal, else its exit status.
 std::int32_t exitCodeFromStatus(int status) {
@@ -81,7 +83,15 @@ constexpr std::string_view kFrameMiddle = R"(","d":")";
 constexpr std::string_view kFrameTail = "\"}\n";
 constexpr std::size_t kMaxTag = 8;
 
+bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
+
 }  // namespace
+
+std::int64_t ExecSession::steadyMillis() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
 
 const std::string& ExecSession::dulkMissingMessage() {
   static const std::string message =
@@ -139,14 +149,14 @@ std::optional<pid_t> ExecSession::spawnGroupLeader(const std::string& path,
     return std::nullopt;
   }
 
-  // The agent ignores SIGPIPE, and an ignored signal stays ignored across exec: give the child
-  // the default back, or "yes | head" inside a command would never end by SIGPIPE. The signal
-  // mask is cleared too, whatever the spawning thread blocks.
+  // An ignored signal stays ignored across exec: the agent ignores SIGPIPE itself, and an agent
+  // started with "&" or nohup has SIGINT, SIGQUIT and SIGHUP ignored too. Every command starts
+  // with all signals at their defaults, or "yes | head" would never end by SIGPIPE and a
+  // forwarded interrupt would do nothing. The mask is cleared too, whatever the thread blocks.
   short flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
   sigset_t defaults;
   sigset_t mask;
-  sigemptyset(&defaults);
-  sigaddset(&defaults, SIGPIPE);
+  sigfillset(&defaults);
   sigemptyset(&mask);
   if (rc == 0) rc = ::posix_spawnattr_setpgroup(&attr, 0);
   if (rc == 0) rc = ::posix_spawnattr_setsigdefault(&attr, &defaults);
@@ -169,35 +179,19 @@ std::optional<pid_t> ExecSession::spawnGroupLeader(const std::string& path,
   return child;
 }
 
-std::size_t ExecSession::writeBounded(int fd, std::string_view data, int retries) {
-  std::size_t written = 0;
-  int failures = 0;  // over the whole call, never reset
-  while (written < data.size()) {
-    const ssize_t n = ::write(fd, data.data() + written, data.size() - written);
-    if (n > 0) {
-      written += static_cast<std::size_t>(n);
-      continue;
-    }
-    if (n == 0) break;
-    if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) break;
-    if (++failures > retries) break;
-    // Wait up to 2 ms for room: a reader that keeps up ends the wait at once, one that does not
-    // costs the same 2 ms per attempt as a plain sleep, so the bound on the whole call holds.
-    pollfd room{fd, POLLOUT, 0};
-    (void)::poll(&room, 1, 2);
-  }
-  return written;
-}
-
 ExecSession::ExecSession(int fd, std::string buffered, std::string dulkPath,
-                         std::int32_t pipeGraceMillis)
-    : fd(fd), dulkPath(std::move(dulkPath)), graceMillis(pipeGraceMillis) {
+                         std::int32_t pipeGraceMillis, Clock clock)
+    : fd(fd),
+      dulkPath(std::move(dulkPath)),
+      graceMillis(std::max<std::int32_t>(pipeGraceMillis, 0)),
+      clock(clock ? std::move(clock) : Clock(steadyMillis)) {
   lines.append(buffered);
   tervain_set_nosigpipe(fd);
 }
 
 ExecSession::~ExecSession() {
   closeChildDescriptors();
+  restoreSocket();
   // A session that was started but never finished still must not leave its group running or a
   // zombie behind.
   if (pid > 0 && !reaped) {
@@ -212,13 +206,19 @@ void ExecSession::run(const Json& request) {
   if (!start(request)) return;
   Round round = Round::keepGoing;
   while (round == Round::keepGoing) round = pumpOnce();
-  finish(round == Round::hostGone);
+  finish(round != Round::finished);
 }
 
 bool ExecSession::start(const Json& request) {
   const std::string* command = stringMember(request, Wire::commandKey);
   if (command == nullptr) {
     sendError("exec requires a \"command\" string");
+    return false;
+  }
+  // The shell gets the command as a C string: a NUL would silently cut it short.
+  if (const std::size_t nul = command->find('\0'); nul != std::string::npos) {
+    sendError("exec command holds a NUL byte at offset " + std::to_string(nul) +
+              " \u2014 a command cannot contain one; nothing was run");
     return false;
   }
   const std::optional<ShellInvocation> invocation =
@@ -261,10 +261,13 @@ bool ExecSession::start(const Json& request) {
   stderrFD = err[0];
   stdoutOpen = true;
   stderrOpen = true;
-  // Stdin writes must never block the pump; the output ends stay blocking and are only read when
-  // poll() says so.
-  const int flags = ::fcntl(stdinFD, F_GETFL);
-  if (flags >= 0) ::fcntl(stdinFD, F_SETFL, flags | O_NONBLOCK);
+  // No write of the session may block: not to the command's stdin, not to the host. The output
+  // ends stay blocking and are only read when poll() says so.
+  for (int nonBlocking : {stdinFD, fd}) {
+    const int flags = ::fcntl(nonBlocking, F_GETFL);
+    if (nonBlocking == fd) socketFlags = flags;
+    if (flags >= 0) ::fcntl(nonBlocking, F_SETFL, flags | O_NONBLOCK);
+  }
   tervain_set_nosigpipe(stdinFD);
   posix::enlargePipe(stdinFD);
   posix::enlargePipe(stdoutFD);
@@ -286,43 +289,73 @@ ExecSession::Round ExecSession::pumpOnce(int timeoutMillis) {
     if (r == pid || (r < 0 && errno == ECHILD)) {
       // ECHILD: someone else reaped it (or children are auto-reaped); its status is lost.
       exitCode = r == pid ? exitCodeFromStatus(status) : -1;
-      exitMillis = monotonicMillis();
       reaped = true;
+      graceUsedMillis = 0;
     }
   }
-  if (reaped) {
+  const bool servingOutput = frameSent == frameSize;  // no frame waits for the host
+  if (reaped && servingOutput) {
+    // Output written before the exit is still in the pipes: it is read to the end. Only pipes
+    // that stay open and quiet (descendants holding them) run out the grace.
     if (!stdoutOpen && !stderrOpen) return Round::finished;
-    if (monotonicMillis() - exitMillis > std::max<std::int32_t>(graceMillis, 0)) {
-      return Round::finished;
-    }
+    if (graceUsedMillis > graceMillis) return Round::finished;
   }
 
-  pollfd set[3];
+  // Order: socket, stdin, stdout, stderr. The output pipes are read only once the last frame is
+  // out, so a slow host slows the command down instead of losing its output. The host is read
+  // while the stdin backlog is within its bound; its hang-up is noticed either way (POLLHUP and
+  // POLLERR need no request).
+  const bool readingHost = stdinPendingBytes() <= stdinBacklogBytes;
+  pollfd set[4];
   int count = 0;
-  set[count++] = {fd, POLLIN, 0};
-  if (stdoutOpen) set[count++] = {stdoutFD, POLLIN, 0};
-  if (stderrOpen) set[count++] = {stderrFD, POLLIN, 0};
-  if (::poll(set, static_cast<nfds_t>(count), timeoutMillis) < 0) {
-    if (errno == EINTR || errno == EAGAIN) return Round::keepGoing;
+  set[count++] = {
+      fd, static_cast<short>((readingHost ? POLLIN : 0) | (servingOutput ? 0 : POLLOUT)), 0};
+  const int stdinSlot = stdinFD >= 0 && stdinPendingBytes() > 0 ? count : -1;
+  if (stdinSlot >= 0) set[count++] = {stdinFD, POLLOUT, 0};
+  if (servingOutput && stdoutOpen) set[count++] = {stdoutFD, POLLIN, 0};
+  if (servingOutput && stderrOpen) set[count++] = {stderrFD, POLLIN, 0};
+
+  const std::int64_t roundStart = clock();
+  const int ready = ::poll(set, static_cast<nfds_t>(count), timeoutMillis);
+  if (ready < 0 && errno != EINTR && errno != EAGAIN) {
     killGroup();
     return Round::finished;
   }
+  // Only time in which the session was free to read the command's output counts against the
+  // command: the grace after its exit, and how long it leaves stdin untaken.
+  const std::int64_t elapsed = servingOutput ? std::max<std::int64_t>(clock() - roundStart, 0) : 0;
+  if (reaped) graceUsedMillis += elapsed;
+  if (ready < 0) return Round::keepGoing;
 
   for (int i = 0; i < count; ++i) {
-    if (set[i].revents == 0) continue;
-    if (set[i].fd == fd) {
-      const ssize_t n = ::read(fd, readBuffer.data(), readBuffer.size());
-      if (n > 0) {
-        lines.append(std::string_view(readBuffer.data(), static_cast<std::size_t>(n)));
-        applyBufferedLines();
-      } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
-        killGroup();
-        return Round::hostGone;
+    const short events = set[i].revents;
+    if (i == stdinSlot) {
+      if (events != 0) {
+        pumpStdin();
+      } else if ((stdinIdleMillis += elapsed) > stdinStallMillis) {
+        dropStdin();
       }
+      continue;
+    }
+    if (events == 0) continue;
+    if (set[i].fd == fd) {
+      if ((events & POLLOUT) != 0) flushFrame();
+      if ((events & POLLIN) != 0) {
+        const Round round = readHost();
+        if (round != Round::keepGoing) return round;
+      } else if ((events & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+        hostLost = true;
+      }
+    } else if (frameSent < frameSize) {
+      // The other pipe's frame of this round is not out yet; this one waits for the next round.
     } else if (set[i].fd == stdoutFD) {
       stdoutOpen = readPipe(stdoutFD, Wire::stdout_);
     } else {
       stderrOpen = readPipe(stderrFD, Wire::stderr_);
+    }
+    if (hostLost) {
+      killGroup();
+      return Round::hostGone;
     }
   }
   return Round::keepGoing;
@@ -343,12 +376,85 @@ void ExecSession::finish(bool hostGone) {
     sendFrame(Json{{std::string(Wire::tagKey), std::string(Wire::exit)},
                    {std::string(Wire::codeKey), exitCode}});
   }
+  restoreSocket();
+}
+
+ExecSession::Round ExecSession::readHost() {
+  const ssize_t n = ::read(fd, readBuffer.data(), readBuffer.size());
+  if (n < 0 && wouldBlock(errno)) return Round::keepGoing;
+  if (n <= 0) {
+    killGroup();
+    return Round::hostGone;
+  }
+  lines.append(std::string_view(readBuffer.data(), static_cast<std::size_t>(n)));
+  applyBufferedLines();
+  if (lines.pendingBytes() > AgentWire::maxPendingLineBytes) {
+    // The same bound as for request lines: a host cannot make the agent hold more.
+    killGroup();
+    sendError("exec host frame longer than " + std::to_string(AgentWire::maxPendingLineBytes) +
+              " bytes without a line feed \u2014 the command was killed; send stdin in smaller "
+              "\"i\" frames");
+    return Round::refused;
+  }
+  return hostLost ? Round::hostGone : Round::keepGoing;
+}
+
+void ExecSession::queueStdin(std::string_view bytes) {
+  if (stdinPendingBytes() == 0) {
+    // Nothing queued: straight into the pipe, as much as it takes now.
+    stdinQueue.clear();
+    stdinSent = 0;
+    while (!bytes.empty()) {
+      const ssize_t n = ::write(stdinFD, bytes.data(), bytes.size());
+      if (n > 0) {
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+        stdinIdleMillis = 0;
+        continue;
+      }
+      if (n < 0 && wouldBlock(errno)) break;
+      return;  // the command's input is closed: nobody will ever take these bytes
+    }
+  }
+  stdinQueue.append(bytes);
+}
+
+void ExecSession::pumpStdin() {
+  while (stdinPendingBytes() > 0) {
+    const ssize_t n = ::write(stdinFD, stdinQueue.data() + stdinSent, stdinPendingBytes());
+    if (n > 0) {
+      stdinSent += static_cast<std::size_t>(n);
+      stdinIdleMillis = 0;
+      continue;
+    }
+    if (n < 0 && wouldBlock(errno)) break;
+    dropStdin();  // the command's input is closed
+    return;
+  }
+  if (stdinSent == stdinQueue.size()) {
+    stdinQueue.clear();
+    stdinSent = 0;
+  } else if (stdinSent >= AgentWire::readChunkBytes * 16) {
+    stdinQueue.erase(0, stdinSent);
+    stdinSent = 0;
+  }
+  closeStdinIfDone();
+}
+
+void ExecSession::dropStdin() {
+  stdinQueue.clear();
+  stdinSent = 0;
+  closeStdinIfDone();
+}
+
+void ExecSession::closeStdinIfDone() {
+  if (stdinEOFRequested && stdinPendingBytes() == 0) closeIfOpen(stdinFD);
 }
 
 bool ExecSession::readPipe(int pipeFD, std::string_view tag) {
   const ssize_t n = ::read(pipeFD, readBuffer.data(), readBuffer.size());
   if (n > 0) {
-    sendOutputFrame(tag, readBuffer.data(), static_cast<std::size_t>(n));
+    assembleOutputFrame(tag, readBuffer.data(), static_cast<std::size_t>(n));
+    flushFrame();
     return true;
   }
   if (n == 0) return false;
@@ -369,10 +475,15 @@ void ExecSession::handleHostFrame(std::string_view line) {
 
   if (*tag == Wire::stdin_) {
     const std::string* data = stringMember(*frame, Wire::dataKey);
-    if (data == nullptr || stdinFD < 0 || !base64::decodeInto(*data, decoded)) return;
-    writeBounded(stdinFD, decoded, stdinRetries);
+    if (data == nullptr || stdinFD < 0 || stdinEOFRequested ||
+        !base64::decodeInto(*data, decoded)) {
+      return;
+    }
+    queueStdin(decoded);
   } else if (*tag == Wire::stdinEOF) {
-    closeIfOpen(stdinFD);
+    // Input already queued is delivered first.
+    stdinEOFRequested = true;
+    closeStdinIfDone();
   } else if (*tag == Wire::signal) {
     const std::optional<std::int64_t> number = integerMember(*frame, Wire::signalKey);
     // A number outside the signed 32-bit range is ignored like a missing one.
@@ -395,9 +506,16 @@ void ExecSession::closeChildDescriptors() {
   closeIfOpen(stderrFD);
   stdoutOpen = false;
   stderrOpen = false;
+  stdinQueue.clear();
+  stdinSent = 0;
 }
 
-void ExecSession::sendOutputFrame(std::string_view tag, const char* bytes, std::size_t size) {
+void ExecSession::restoreSocket() {
+  if (socketFlags >= 0) ::fcntl(fd, F_SETFL, socketFlags);
+  socketFlags = -1;
+}
+
+void ExecSession::assembleOutputFrame(std::string_view tag, const char* bytes, std::size_t size) {
   const std::size_t payload = base64::encodedSize(size);
   const std::size_t total = kFrameHead.size() + tag.size() + kFrameMiddle.size() + payload +
                             kFrameTail.size();
@@ -410,7 +528,22 @@ void ExecSession::sendOutputFrame(std::string_view tag, const char* bytes, std::
   base64::encodeInto(bytes, size, out);
   out += payload;
   std::memcpy(out, kFrameTail.data(), kFrameTail.size());
-  writeFrameBytes(frameBuffer.data(), total);
+  frameSize = total;
+  frameSent = 0;
+}
+
+ExecSession::Flush ExecSession::flushFrame() {
+  while (frameSent < frameSize) {
+    const long n = tervain_write(fd, frameBuffer.data() + frameSent, frameSize - frameSent);
+    if (n > 0) {
+      frameSent += static_cast<std::size_t>(n);
+      continue;
+    }
+    if (n < 0 && wouldBlock(errno)) return Flush::pending;
+    hostLost = true;
+    return Flush::failed;
+  }
+  return Flush::done;
 }
 
 void ExecSession::sendFrame(const Json& frame) {
@@ -430,13 +563,25 @@ void ExecSession::sendError(const std::string& message) {
 }
 
 void ExecSession::writeFrameBytes(const char* bytes, std::size_t size) {
-  // A failed write drops the rest of the frame; the socket read notices a host that is gone.
-  while (size > 0) {
+  // The last frames of a session ("x", "err") wait for the host as long as it stays connected;
+  // an output frame still on its way goes first. A host that is gone drops the rest.
+  auto waitForRoom = [this] {
+    pollfd room{fd, POLLOUT, 0};
+    (void)::poll(&room, 1, pollTickMillis);
+  };
+  while (!hostLost && frameSent < frameSize) {
+    if (flushFrame() == Flush::pending) waitForRoom();
+  }
+  while (!hostLost && size > 0) {
     const long n = tervain_write(fd, bytes, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    bytes += n;
-    size -= static_cast<std::size_t>(n);
+    if (n > 0) {
+      bytes += n;
+      size -= static_cast<std::size_t>(n);
+    } else if (n < 0 && wouldBlock(errno)) {
+      waitForRoom();
+    } else {
+      hostLost = true;
+    }
   }
 }
 

@@ -23,10 +23,17 @@ class ExecSession {
  public:
   static constexpr std::string_view defaultDulkPath = "/usr/local/bin/dulk";
   static constexpr std::int32_t defaultPipeGraceMillis = 2000;
-  // Stdin writes wait at most this many times 2 ms before dropping the rest of a frame.
-  static constexpr int stdinRetries = 500;
+  // Stdin the command leaves untaken for this long, while the session was free to serve it, is
+  // dropped; so is every later byte until the command takes input again.
+  static constexpr std::int32_t stdinStallMillis = 1000;
+  // Undelivered stdin a session holds before it stops reading the host (back-pressure).
+  static constexpr std::size_t stdinBacklogBytes = 4 * 1024 * 1024;
   // How long one round of the pump waits for the socket or the pipes.
   static constexpr int pollTickMillis = 200;
+
+  // Milliseconds of a monotonic clock; tests substitute their own.
+  using Clock = std::function<std::int64_t()>;
+  static std::int64_t steadyMillis();
 
   // The refusal sent when the agent shell is missing. It always names defaultDulkPath, whatever
   // path a session was made with: it tells the operator how to fix the guest image.
@@ -49,23 +56,20 @@ class ExecSession {
       const std::function<bool(const std::string&)>& isExecutable);
 
   // Starts path as the leader of a new process group, with stdinFD, stdoutFD and stderrFD as its
-  // descriptors 0, 1 and 2 and no other descriptor, and SIGPIPE at its default disposition. The
-  // child's pid, or nothing with errno set to the spawn's error. The caller keeps and closes the
-  // three descriptors.
+  // descriptors 0, 1 and 2 and no other descriptor, every signal at its default disposition and
+  // none blocked. The child's pid, or nothing with errno set to the spawn's error. The caller
+  // keeps and closes the three descriptors.
   static std::optional<pid_t> spawnGroupLeader(const std::string& path,
                                                const std::vector<std::string>& args,
                                                const Environment& environment, int stdinFD,
                                                int stdoutFD, int stderrFD);
 
-  // Writes data to a non-blocking descriptor, sleeping 2 ms whenever it would block, for at most
-  // `retries` failed attempts over the whole call; stops at any other error. Bytes that could not
-  // be written are dropped. Returns how many were written.
-  static std::size_t writeBounded(int fd, std::string_view data, int retries);
-
-  // fd is the connection's socket, not owned. buffered holds whatever the host sent behind the
-  // request line. The process must ignore SIGPIPE (the agent does from start-up): writes to a
-  // child that closed its input must fail, not kill the agent.
-  ExecSession(int fd, std::string buffered, std::string dulkPath, std::int32_t pipeGraceMillis);
+  // fd is the connection's socket, not owned; the session makes it non-blocking and restores it
+  // when it ends. buffered holds whatever the host sent behind the request line. The process must
+  // ignore SIGPIPE (the agent does from start-up): writes to a child that closed its input must
+  // fail, not kill the agent. clock defaults to steadyMillis.
+  ExecSession(int fd, std::string buffered, std::string dulkPath, std::int32_t pipeGraceMillis,
+              Clock clock = {});
   ~ExecSession();
   ExecSession(const ExecSession&) = delete;
   ExecSession& operator=(const ExecSession&) = delete;
@@ -80,14 +84,21 @@ class ExecSession {
   // lines already buffered. False when the session ended here with an "err" frame.
   bool start(const Json& request);
 
-  enum class Round { keepGoing, finished, hostGone };
+  // finished: the command is done and its output delivered; "x" follows. hostGone: the host
+  // closed or failed. refused: the host broke the protocol (a line over the bound) and got an
+  // "err" frame. After hostGone and refused the group has been killed and no frame follows.
+  enum class Round { keepGoing, finished, hostGone, refused };
   // One round of the pump: reap the child if it exited, decide whether the session is over, then
-  // wait up to timeoutMillis for the socket or the output pipes and serve what is ready.
+  // wait up to timeoutMillis for whatever can make progress (host bytes, a frame still being
+  // written, stdin bytes the command may take, output) and serve what is ready.
   Round pumpOnce(int timeoutMillis = pollTickMillis);
 
   // Ends a started session: closes the pipes, reaps the child (blocking when the host is gone,
   // after the group was killed) and sends the "x" frame unless the host is gone.
   void finish(bool hostGone);
+
+  // Stdin bytes received and not yet taken by the command.
+  std::size_t stdinPendingBytes() const { return stdinQueue.size() - stdinSent; }
 
   // The child's pid once start() succeeded, else -1.
   pid_t childPid() const { return pid; }
@@ -97,20 +108,31 @@ class ExecSession {
   // frames without a socket read or a spawn per case (fuzz/exec_host_frame_fuzz.cpp).
   friend struct ExecSessionProbe;
 
+  enum class Flush { done, pending, failed };
+
   void handleHostFrame(std::string_view line);
   void applyBufferedLines();
-  void sendOutputFrame(std::string_view tag, const char* bytes, std::size_t size);
+  Round readHost();
+  void queueStdin(std::string_view bytes);
+  void pumpStdin();
+  void dropStdin();
+  void closeStdinIfDone();
+  bool readPipe(int pipeFD, std::string_view tag);
+  void assembleOutputFrame(std::string_view tag, const char* bytes, std::size_t size);
+  Flush flushFrame();
   void sendFrame(const Json& frame);
   void sendError(const std::string& message);
   void writeFrameBytes(const char* bytes, std::size_t size);
   void killGroup();
   void closeChildDescriptors();
-  bool readPipe(int pipeFD, std::string_view tag);
+  void restoreSocket();
 
   const int fd;
   LineSplitBuffer lines;
   const std::string dulkPath;
   const std::int32_t graceMillis;
+  const Clock clock;
+  int socketFlags = -1;  // the socket's flags before the session, restored when it ends
 
   // State of the run.
   pid_t pid = -1;
@@ -121,10 +143,19 @@ class ExecSession {
   bool stderrOpen = false;
   bool reaped = false;
   std::int32_t exitCode = -1;
-  std::int64_t exitMillis = 0;
+  // Time counts towards the pipe grace and the stdin stall only in rounds in which the session
+  // was free to read the command's output, never while a frame waits for a slow host.
+  std::int64_t graceUsedMillis = 0;  // since the child was reaped
+  std::int64_t stdinIdleMillis = 0;  // since the command last took a stdin byte
+  bool stdinEOFRequested = false;    // "eof" arrived; close once the queue is delivered
+  std::string stdinQueue;            // stdin bytes received; those from stdinSent on are pending
+  std::size_t stdinSent = 0;
   std::vector<char> readBuffer;   // one read of the socket or a pipe
   std::vector<char> frameBuffer;  // one output frame, assembled in place
+  std::size_t frameSize = 0;      // bytes of the frame in frameBuffer
+  std::size_t frameSent = 0;      // of which already written; the frame is pending while less
   std::string decoded;            // the bytes of one stdin frame
+  bool hostLost = false;          // a write to the host failed: it is gone
 };
 
 }  // namespace tervain

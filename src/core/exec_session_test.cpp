@@ -224,54 +224,6 @@ TEST_F(SpawnTest, AFailedSpawnReportsItsErrno) {
   EXPECT_EQ(errno, ENOENT);
 }
 
-// ---- Bounded stdin writes ---------------------------------------------------------------------
-
-class WriteBoundedTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { ignoreSigpipe(); }
-  void SetUp() override {
-    ASSERT_EQ(posix::makeCloexecPipe(ends), 0);
-    ASSERT_EQ(::fcntl(ends[1], F_SETFL, ::fcntl(ends[1], F_GETFL) | O_NONBLOCK), 0);
-  }
-  void TearDown() override {
-    for (int fd : ends) {
-      if (fd >= 0) ::close(fd);
-    }
-  }
-  int ends[2] = {-1, -1};
-};
-
-TEST_F(WriteBoundedTest, GivesUpWhenNobodyReads) {
-  const std::string data(4 << 20, 'x');
-  const std::size_t written = ExecSession::writeBounded(ends[1], data, 3);
-  EXPECT_GT(written, 0u);
-  EXPECT_LT(written, data.size());
-}
-
-TEST_F(WriteBoundedTest, StopsAtOnceWhenTheReaderIsGone) {
-  ::close(ends[0]);
-  ends[0] = -1;
-  EXPECT_EQ(ExecSession::writeBounded(ends[1], "abc", 500), 0u);
-}
-
-TEST_F(WriteBoundedTest, DeliversEverythingToAReaderThatKeepsUp) {
-  const std::string data(1 << 20, 'y');
-  std::string received;
-  std::thread reader([&] {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    char chunk[65536];
-    while (received.size() < data.size() && std::chrono::steady_clock::now() < deadline) {
-      pollfd p{ends[0], POLLIN, 0};
-      if (::poll(&p, 1, 50) <= 0) continue;
-      const ssize_t n = ::read(ends[0], chunk, sizeof chunk);
-      if (n > 0) received.append(chunk, static_cast<std::size_t>(n));
-    }
-  });
-  EXPECT_EQ(ExecSession::writeBounded(ends[1], data, 5000), data.size());
-  reader.join();
-  EXPECT_EQ(received, data);
-}
-
 // ---- Whole sessions over a socket pair ---------------------------------------------------------
 
 class ExecSessionTest : public ::testing::Test {
@@ -512,6 +464,26 @@ TEST_F(ExecSessionTest, TheAgentShellGetsTheCommandAndTheSpoolVariables) {
     EXPECT_EQ(t.out, head + "\ncapture=" + (capture ? capture : "tap") + "\n");
     EXPECT_EQ(t.code, 0);
   }
+}
+
+TEST_F(ExecSessionTest, ADescendantHoldingThePipesRunsOutTheGraceOnTheSessionsClock) {
+  // Each reading of the clock is 400 ms later: the 2 s grace is over a handful of rounds after
+  // the shell exits, however little real time passed.
+  std::int64_t now = 0;
+  ExecSession session(sessionFD, "", std::string(ExecSession::defaultDulkPath), 2000,
+                      [&now] { return now += 400; });
+  ASSERT_TRUE(session.start(Json{{"command", "echo $$; sleep 30 & exit 4"}}));
+  ExecSession::Round round = ExecSession::Round::keepGoing;
+  int rounds = 0;
+  for (; rounds < 500 && round == ExecSession::Round::keepGoing; ++rounds) {
+    round = session.pumpOnce(20);
+  }
+  ASSERT_EQ(round, ExecSession::Round::finished);
+  EXPECT_LT(rounds, 60) << "the grace ran on another clock";
+  session.finish(false);
+  const ExecTranscript t = readExecFrames(*host, 2s);
+  EXPECT_EQ(t.code, 4);
+  testing::killGroup(std::atoi(t.out.c_str()));
 }
 
 TEST_F(ExecSessionTest, TheLoopCanBeDrivenOneRoundAtATime) {
