@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "client/render.h"
+#include "tervainctl/mcp/mcp_server.h"
 #include "tervainctl/tervainctl.h"
 
 namespace tervain::ctl {
@@ -395,6 +396,9 @@ int run(int argc, char** argv) {
   events->add_option("--max-bytes", eventsRequest.maxBytes, "Byte budget (default 4 MiB)");
   events->add_flag("--truncate", eventsRequest.truncate,
                    "Delete the delivered event files from the spool");
+
+  command("mcp", "Serve the guest to AI agents: an MCP server on stdin/stdout (see docs/mcp.md)",
+          [&] { return mcp::runMcp({.address = resolveAddress(connect)}); });
 
   std::reverse(args.begin(), args.end());
   try {

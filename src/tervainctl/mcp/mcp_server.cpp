@@ -1,0 +1,487 @@
+// The JSON-RPC side of the MCP server.
+//
+// The main thread reads standard input, cuts lines, parses each message (or batch) and answers
+// everything but tool calls at once. Tool calls go to a small pool of workers; their responses
+// are written whenever they are ready, so answers come in any order and the client matches
+// them by id. A batch is answered with one array once all of its calls are done. Tools that
+// use the agent's request connection share one AgentSession (so refs survive between calls);
+// the exec-based tools open a connection each.
+#include "tervainctl/mcp/mcp_server.h"
+
+#include <signal.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tervainctl/mcp/mcp_agent.h"
+#include "tervainctl/mcp/mcp_tools.h"
+
+namespace tervain::mcp {
+namespace {
+
+// Newest first: an unknown version asked for in initialize gets the newest.
+constexpr const char* kProtocolVersions[] = {"2025-06-18", "2025-03-26"};
+// The one version whose clients may send batches.
+constexpr std::string_view kBatchVersion = "2025-03-26";
+
+constexpr std::size_t kMaxMessageBytes = 64u << 20;
+constexpr int kMaxNesting = 64;
+
+enum ErrorCode {
+  kParseError = -32700,
+  kInvalidRequest = -32600,
+  kMethodNotFound = -32601,
+  kInvalidParams = -32602,
+  kInternalError = -32603,
+};
+
+void logLine(const std::string& message) {
+  const std::string line = "tervainctl mcp: " + message + "\n";
+  [[maybe_unused]] const ssize_t n = ::write(STDERR_FILENO, line.data(), line.size());
+}
+
+Json errorResponse(const Json& id, int code, std::string message) {
+  return {{"jsonrpc", "2.0"}, {"id", id}, {"error", {{"code", code}, {"message", std::move(message)}}}};
+}
+
+Json resultResponse(const Json& id, Json result) {
+  return {{"jsonrpc", "2.0"}, {"id", id}, {"result", std::move(result)}};
+}
+
+// Deeper than any message of this protocol; refused before parsing, since copying or printing
+// a deeply nested value recurses once per level.
+bool nestedTooDeeply(std::string_view text) {
+  int depth = 0;
+  bool inString = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (inString) {
+      if (c == '\\') ++i;
+      else if (c == '"') inString = false;
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > kMaxNesting) return true;
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return false;
+}
+
+// Standard output: one message a line, written whole.
+class Output {
+ public:
+  explicit Output(int fd) : fd(fd) {}
+
+  void write(const Json& message) {
+    std::string line = message.dump(-1, ' ', false, Json::error_handler_t::replace);
+    line.push_back('\n');
+    std::lock_guard lock(mutex);
+    std::string_view rest = line;
+    while (!rest.empty() && !failed) {
+      const ssize_t n = ::write(fd, rest.data(), rest.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        failed = true;
+        logLine(std::string("writing to standard output failed: ") + std::strerror(errno));
+        break;
+      }
+      rest.remove_prefix(static_cast<std::size_t>(n));
+    }
+  }
+
+  bool broken() {
+    std::lock_guard lock(mutex);
+    return failed;
+  }
+
+ private:
+  const int fd;
+  std::mutex mutex;
+  bool failed = false;
+};
+
+// Collects the responses to one incoming line: a single message, or a batch answered as one
+// array. Each message of the line delivers exactly once (nothing for a notification).
+class Responder {
+ public:
+  Responder(Output& out, bool batch, std::size_t messages)
+      : out(out), batch(batch), outstanding(messages) {}
+
+  void deliver(std::optional<Json> response) {
+    std::unique_lock lock(mutex);
+    if (response) responses.push_back(std::move(*response));
+    if (--outstanding > 0) return;
+    if (responses.empty()) return;
+    Json message = batch ? Json(std::move(responses)) : std::move(responses.front());
+    lock.unlock();
+    out.write(message);
+  }
+
+ private:
+  Output& out;
+  const bool batch;
+  std::mutex mutex;
+  std::size_t outstanding;
+  std::vector<Json> responses;
+};
+
+class WorkerPool {
+ public:
+  explicit WorkerPool(std::size_t count) {
+    for (std::size_t i = 0; i < std::max<std::size_t>(count, 1); ++i) {
+      threads.emplace_back([this] { work(); });
+    }
+  }
+  ~WorkerPool() { finish(); }
+
+  void post(std::function<void()> job) {
+    {
+      std::lock_guard lock(mutex);
+      jobs.push_back(std::move(job));
+    }
+    wake.notify_one();
+  }
+
+  // Runs every job posted so far, then stops the workers.
+  void finish() {
+    {
+      std::lock_guard lock(mutex);
+      stopping = true;
+    }
+    wake.notify_all();
+    for (std::thread& t : threads) {
+      if (t.joinable()) t.join();
+    }
+  }
+
+ private:
+  void work() {
+    for (;;) {
+      std::function<void()> job;
+      {
+        std::unique_lock lock(mutex);
+        wake.wait(lock, [this] { return stopping || !jobs.empty(); });
+        if (jobs.empty()) return;
+        job = std::move(jobs.front());
+        jobs.pop_front();
+      }
+      job();
+    }
+  }
+
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::deque<std::function<void()>> jobs;
+  bool stopping = false;
+  std::vector<std::thread> threads;
+};
+
+class Server {
+ public:
+  explicit Server(const McpOptions& options)
+      : options(options),
+        out(options.output),
+        agent(options.address, options.replyTimeout),
+        pool(options.workers) {
+    for (const ToolSpec& spec : toolTable()) schemas.push_back(Json::parse(spec.inputSchema));
+  }
+
+  int run() {
+    logLine("serving the agent at " + client::formatAddress(options.address) +
+            " over MCP on standard input and output");
+    std::string buffer;
+    std::size_t scanned = 0;
+    bool discarding = false;  // inside a message over the size limit
+    std::string chunk(64 * 1024, '\0');
+    while (!out.broken()) {
+      const ssize_t n = ::read(options.input, chunk.data(), chunk.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      buffer.append(chunk.data(), static_cast<std::size_t>(n));
+      for (;;) {
+        const std::size_t newline = buffer.find('\n', scanned);
+        if (newline == std::string::npos) break;
+        if (discarding) {
+          discarding = false;
+        } else {
+          handleLine(std::string_view(buffer).substr(0, newline));
+        }
+        buffer.erase(0, newline + 1);
+        scanned = 0;
+      }
+      scanned = buffer.size();
+      if (buffer.size() > kMaxMessageBytes) {
+        if (!discarding) {
+          out.write(errorResponse(nullptr, kParseError, "message longer than 64 MiB"));
+        }
+        discarding = true;
+        buffer.clear();
+        scanned = 0;
+      }
+    }
+    // A last message without its line feed still counts.
+    if (!discarding && !out.broken()) handleLine(buffer);
+    pool.finish();
+    logLine("input ended; stopping");
+    return 0;
+  }
+
+ private:
+  void handleLine(std::string_view line) {
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.find_first_not_of(" \t\r") == std::string_view::npos) return;
+    if (nestedTooDeeply(line)) {
+      out.write(errorResponse(nullptr, kInvalidRequest, "message nested more than 64 levels deep"));
+      return;
+    }
+    Json message = Json::parse(line, nullptr, false);
+    if (message.is_discarded()) {
+      out.write(errorResponse(nullptr, kParseError, "parse error: not a JSON text (or not UTF-8)"));
+      return;
+    }
+    if (!message.is_array()) {
+      auto responder = std::make_shared<Responder>(out, false, 1);
+      handleMessage(message, responder);
+      return;
+    }
+    const std::string version = negotiated();
+    if (version != kBatchVersion) {
+      out.write(errorResponse(nullptr, kInvalidRequest,
+                              version.empty()
+                                  ? "a batch cannot come before initialize"
+                                  : "protocol version " + version + " has no batches: send "
+                                    "one message a line"));
+      return;
+    }
+    if (message.empty()) {
+      out.write(errorResponse(nullptr, kInvalidRequest, "empty batch"));
+      return;
+    }
+    auto responder = std::make_shared<Responder>(out, true, message.size());
+    for (const Json& element : message) handleMessage(element, responder);
+  }
+
+  std::string negotiated() {
+    std::lock_guard lock(mutex);
+    return version;
+  }
+
+  void handleMessage(const Json& message, const std::shared_ptr<Responder>& responder) {
+    if (!message.is_object()) {
+      responder->deliver(errorResponse(nullptr, kInvalidRequest, "a message must be a JSON object"));
+      return;
+    }
+    const auto id = message.find("id");
+    const bool hasId = id != message.end();
+    const bool idValid = hasId && (id->is_string() || id->is_number());
+    const Json replyId = idValid ? *id : Json(nullptr);
+    const auto jsonrpc = message.find("jsonrpc");
+    if (jsonrpc == message.end() || *jsonrpc != "2.0") {
+      responder->deliver(errorResponse(replyId, kInvalidRequest, "\"jsonrpc\" must be \"2.0\""));
+      return;
+    }
+    if (hasId && !idValid) {
+      responder->deliver(errorResponse(nullptr, kInvalidRequest, "\"id\" must be a string or a number"));
+      return;
+    }
+    const auto method = message.find("method");
+    if (method == message.end()) {
+      // A response: this server sends no requests, so there is nothing it could answer.
+      if (hasId && (message.contains("result") || message.contains("error"))) {
+        responder->deliver(std::nullopt);
+      } else {
+        responder->deliver(errorResponse(replyId, kInvalidRequest, "a message needs a \"method\""));
+      }
+      return;
+    }
+    if (!method->is_string()) {
+      responder->deliver(errorResponse(replyId, kInvalidRequest, "\"method\" must be a string"));
+      return;
+    }
+    const auto params = message.find("params");
+    if (params != message.end() && !params->is_object() && !params->is_array()) {
+      responder->deliver(errorResponse(replyId, kInvalidRequest, "\"params\" must be an object"));
+      return;
+    }
+    const Json& given = params != message.end() ? *params : emptyParams;
+    const std::string& name = method->get_ref<const std::string&>();
+    if (!hasId) {
+      handleNotification(name, given);
+      responder->deliver(std::nullopt);
+      return;
+    }
+    handleRequest(*id, name, given, responder);
+  }
+
+  void handleNotification(const std::string& method, const Json& params) {
+    if (method != "notifications/cancelled" || !params.is_object()) return;
+    const auto id = params.find("requestId");
+    if (id == params.end()) return;
+    std::shared_ptr<CallControl> control;
+    {
+      std::lock_guard lock(mutex);
+      const auto call = inFlight.find(id->dump());
+      if (call != inFlight.end()) control = call->second;
+    }
+    if (control) control->cancel();
+  }
+
+  void handleRequest(const Json& id, const std::string& method, const Json& params,
+                     const std::shared_ptr<Responder>& responder) {
+    if (method == "ping") {
+      responder->deliver(resultResponse(id, Json::object()));
+      return;
+    }
+    if (method == "initialize") {
+      responder->deliver(initialize(id, params));
+      return;
+    }
+    if (method != "tools/list" && method != "tools/call") {
+      responder->deliver(errorResponse(id, kMethodNotFound, "no method '" + method + "'"));
+      return;
+    }
+    if (negotiated().empty()) {
+      responder->deliver(errorResponse(id, kInvalidRequest, "send initialize first"));
+      return;
+    }
+    if (!params.is_object()) {
+      responder->deliver(errorResponse(id, kInvalidParams, "params must be an object"));
+      return;
+    }
+    if (method == "tools/list") {
+      if (params.contains("cursor")) {
+        responder->deliver(errorResponse(id, kInvalidParams, "unknown cursor: the list has one page"));
+        return;
+      }
+      Json tools = Json::array();
+      for (const ToolSpec* spec : availableTools()) tools.push_back(describeTool(*spec));
+      responder->deliver(resultResponse(id, {{"tools", std::move(tools)}}));
+      return;
+    }
+    callTool(id, params, responder);
+  }
+
+  Json initialize(const Json& id, const Json& params) {
+    const auto asked = params.is_object() ? params.find("protocolVersion") : params.end();
+    if (!params.is_object() || asked == params.end() || !asked->is_string()) {
+      return errorResponse(id, kInvalidParams, "initialize needs params.protocolVersion (a string)");
+    }
+    std::string chosen = kProtocolVersions[0];
+    for (const char* known : kProtocolVersions) {
+      if (*asked == known) chosen = known;
+    }
+    {
+      std::lock_guard lock(mutex);
+      if (!version.empty()) return errorResponse(id, kInvalidRequest, "the session is initialized already");
+      version = chosen;
+    }
+    return resultResponse(
+        id, {{"protocolVersion", chosen},
+             {"capabilities", {{"tools", {{"listChanged", false}}}}},
+             {"serverInfo", {{"name", "tervainctl"}, {"title", "TervainVMAgent guest"},
+                             {"version", TERVAIN_VERSION}}},
+             {"instructions",
+              "These tools drive a virtual machine's desktop and shell. Look with screenshot "
+              "or tree, act with click/type_text/press_key or by element ref "
+              "(element_action, set_value, focus), and run shell commands with run_command. "
+              "Screen positions are in points; screenshot says how image pixels map to them."}});
+  }
+
+  std::vector<const ToolSpec*> availableTools() {
+    std::vector<const ToolSpec*> tools;
+    std::optional<std::vector<std::string>> features;
+    for (const ToolSpec& spec : toolTable()) {
+      if (spec.feature != nullptr) {
+        if (!features) features = agent.features();
+        if (std::find(features->begin(), features->end(), spec.feature) == features->end()) continue;
+      }
+      tools.push_back(&spec);
+    }
+    return tools;
+  }
+
+  void callTool(const Json& id, const Json& params, const std::shared_ptr<Responder>& responder) {
+    const auto name = params.find("name");
+    if (name == params.end() || !name->is_string()) {
+      responder->deliver(errorResponse(id, kInvalidParams, "tools/call needs params.name (a string)"));
+      return;
+    }
+    const ToolSpec* spec = nullptr;
+    for (const ToolSpec* candidate : availableTools()) {
+      if (*name == candidate->name) spec = candidate;
+    }
+    if (spec == nullptr) {
+      responder->deliver(errorResponse(id, kInvalidParams, "unknown tool '" + name->get<std::string>() + "'"));
+      return;
+    }
+    Json arguments = params.value("arguments", Json::object());
+    const Json& schema = schemas[static_cast<std::size_t>(spec - toolTable().data())];
+    if (std::string problem = checkArguments(schema, arguments); !problem.empty()) {
+      responder->deliver(errorResponse(id, kInvalidParams,
+                                       std::string("invalid arguments for ") + spec->name + ": " + problem));
+      return;
+    }
+    auto control = std::make_shared<CallControl>();
+    const std::string key = id.dump();
+    {
+      std::lock_guard lock(mutex);
+      if (!inFlight.emplace(key, control).second) {
+        responder->deliver(errorResponse(id, kInvalidRequest, "a request with this id is still in flight"));
+        return;
+      }
+    }
+    pool.post([this, id, spec, arguments = std::move(arguments), control, key, responder] {
+      ToolContext context{agent, *control};
+      ToolResult result;
+      try {
+        result = runTool(context, *spec, arguments);
+      } catch (const std::exception& e) {
+        result = ToolResult::text(std::string("the tool failed: ") + e.what(), true);
+      }
+      {
+        std::lock_guard lock(mutex);
+        inFlight.erase(key);
+      }
+      // A cancelled request gets no response.
+      if (control->cancelled()) {
+        responder->deliver(std::nullopt);
+        return;
+      }
+      responder->deliver(resultResponse(
+          id, {{"content", std::move(result.content)}, {"isError", result.isError}}));
+    });
+  }
+
+  const McpOptions options;
+  Output out;
+  AgentSession agent;
+  std::vector<Json> schemas;  // parsed input schemas, in table order
+  const Json emptyParams = Json::object();
+  std::mutex mutex;
+  std::string version;  // negotiated in initialize; empty before
+  std::map<std::string, std::shared_ptr<CallControl>> inFlight;  // by id as JSON text
+  WorkerPool pool;  // last: its workers stop before the rest goes
+};
+
+}  // namespace
+
+int runMcp(const McpOptions& options) {
+  // A client that goes away must not kill the server mid-write.
+  ::signal(SIGPIPE, SIG_IGN);
+  Server server(options);
+  return server.run();
+}
+
+}  // namespace tervain::mcp
