@@ -42,11 +42,12 @@ class ExecSession {
 
   // How a command is run: under the agent shell at dulkPath ("-lc" command) with the spool and
   // capture variables set, or, when environment has TERVAIN_DULK_DISABLE exactly "1", under
-  // "/bin/zsh" ("-c" command) with the environment unchanged. Nothing when the agent shell is
-  // needed and isExecutable(dulkPath) is false.
+  // "/bin/zsh" ("-c" command) with the environment unchanged. When isExecutable(dulkPath) is
+  // false: under withoutAgentShell ("-c" command, environment unchanged) if given, else nothing.
   static std::optional<ShellInvocation> shellInvocation(
       std::string_view command, std::string_view dulkPath, const Environment& environment,
-      const std::function<bool(const std::string&)>& isExecutable);
+      const std::function<bool(const std::string&)>& isExecutable,
+      const std::optional<std::string>& withoutAgentShell = std::nullopt);
 
   // Starts path as the leader of a new process group, with stdinFD, stdoutFD and stderrFD as its
   // descriptors 0, 1 and 2 and no other descriptor, and SIGPIPE at its default disposition. The
@@ -65,7 +66,10 @@ class ExecSession {
   // fd is the connection's socket, not owned. buffered holds whatever the host sent behind the
   // request line. The process must ignore SIGPIPE (the agent does from start-up): writes to a
   // child that closed its input must fail, not kill the agent.
-  ExecSession(int fd, std::string buffered, std::string dulkPath, std::int32_t pipeGraceMillis);
+  // withoutAgentShell is the shell used when dulkPath is not executable (the agent passes its
+  // platform's choice); without it the session refuses such a command.
+  ExecSession(int fd, std::string buffered, std::string dulkPath, std::int32_t pipeGraceMillis,
+              std::optional<std::string> withoutAgentShell = std::nullopt);
   ~ExecSession();
   ExecSession(const ExecSession&) = delete;
   ExecSession& operator=(const ExecSession&) = delete;
@@ -111,6 +115,7 @@ class ExecSession {
   LineSplitBuffer lines;
   const std::string dulkPath;
   const std::int32_t graceMillis;
+  const std::optional<std::string> withoutAgentShell;
 
   // State of the run.
   pid_t pid = -1;
