@@ -30,7 +30,7 @@ endif()
 find_program(TERVAIN_SHELLCHECK NAMES shellcheck)
 if(TERVAIN_SHELLCHECK)
   add_test(NAME shell_scripts_shellcheck
-           COMMAND bash -c "shopt -s nullglob; exec \"$0\" --external-sources scripts/* .ci/* packaging/macos/*.sh tests/macos_sdk/*.sh"
+           COMMAND bash -c "shopt -s nullglob; exec \"$0\" --external-sources scripts/* .ci/* packaging/macos/*.sh packaging/linux/*.bash tests/macos_sdk/*.sh tests/install/*.sh"
                    ${TERVAIN_SHELLCHECK}
            WORKING_DIRECTORY ${TERVAIN_ROOT})
 else()
