@@ -12,6 +12,7 @@
 
 #include "agent_process.h"
 #include "core/exec_session.h"
+#include "core/posix/login_shell.h"
 #include "exec_test_support.h"
 
 namespace tervain::testing {
@@ -343,10 +344,12 @@ TEST(ExecE2ETest, MalformedAndUnknownHostFramesAreIgnored) {
   EXPECT_EQ(t.code, 0);
 }
 
-TEST(ExecE2ETest, AMissingAgentShellIsRefused) {
+// Without the agent shell, Linux runs the command under the user's login shell; macOS refuses.
+TEST(ExecE2ETest, WithoutTheAgentShellThePlatformsRuleApplies) {
   if (::access(std::string(ExecSession::defaultDulkPath).c_str(), X_OK) == 0) {
     GTEST_SKIP() << "an agent shell is installed here";
   }
+  const std::optional<std::string> loginShell = posix::shellWithoutAgentShell();
   for (const char* disable : {static_cast<const char*>(nullptr), "true"}) {
     AgentProcess::Options options;
     if (disable != nullptr) {
@@ -356,10 +359,15 @@ TEST(ExecE2ETest, AMissingAgentShellIsRefused) {
     }
     AgentProcess agent(options);
     LineClient client = agent.connect();
-    ASSERT_TRUE(client.send(execLine("echo hi")));
+    ASSERT_TRUE(client.send(execLine("echo hi; echo \"$0\"")));
     const ExecTranscript t = readExecFrames(client);
-    EXPECT_EQ(t.error, ExecSession::dulkMissingMessage());
-    EXPECT_EQ(t.tags, std::vector<std::string>{"err"});
+    if (loginShell) {
+      EXPECT_EQ(t.out, "hi\n" + *loginShell + "\n");
+      EXPECT_EQ(t.code, 0);
+    } else {
+      EXPECT_EQ(t.error, ExecSession::dulkMissingMessage());
+      EXPECT_EQ(t.tags, std::vector<std::string>{"err"});
+    }
     EXPECT_TRUE(client.closedByPeer());
   }
 }

@@ -1,7 +1,9 @@
 // The real tervainctl binary, run as a child process against the real agent on a Unix socket.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -197,23 +199,61 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
   EXPECT_EQ(Json::parse(json.out)["version"], 2);
 }
 
-TEST_F(TervainctlTest, ARefusalExitsOneWithTheAgentsError) {
-  const CtlResult call = run({"call", R"({"op":"nope"})"});
-  EXPECT_EQ(call.status, 1);
-  EXPECT_EQ(Json::parse(call.out)["error"], "unknown op 'nope' (agent protocol v2)");
-  EXPECT_EQ(call.err, "tervainctl: unknown op 'nope' (agent protocol v2)\n");
-
-  // The headless agent holds no grant for input synthesis.
-  const CtlResult type = run({"type", "hello"});
-  EXPECT_EQ(type.status, 1);
-  EXPECT_TRUE(type.out.empty());
-  EXPECT_TRUE(type.err.starts_with("tervainctl: ")) << type.err;
-  EXPECT_GT(type.err.size(), std::string("tervainctl: \n").size());
+TEST_F(TervainctlTest, ARefusalExitsOneWithTheAgentsErrorOnceOnStderr) {
+  // call and --json print the reply on success only: a refusal is one line on stderr.
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"call", R"({"op":"nope"})"}, {"tree", "--json"}, {"type", "hello"}}) {
+    const CtlResult r = run(args);
+    EXPECT_EQ(r.status, 1) << args[0];
+    EXPECT_EQ(r.out, "") << args[0];
+    EXPECT_TRUE(r.err.starts_with("tervainctl: ")) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  }
+  EXPECT_EQ(run({"call", R"({"op":"nope"})"}).err,
+            "tervainctl: unknown op 'nope' (agent protocol v2)\n");
+  const CtlResult call = run({"call", R"({"op":"ping"})"});
+  EXPECT_EQ(call.status, 0);
+  EXPECT_EQ(Json::parse(call.out)["version"], 2);
 
   // --at looks the element up first; without the accessibility grant that lookup is refused.
   const CtlResult at = run({"press", "--at", "10", "20", "AXShowMenu"});
   EXPECT_EQ(at.status, 1);
   EXPECT_TRUE(at.err.starts_with("tervainctl: ")) << at.err;
+}
+
+TEST_F(TervainctlTest, MessagesArePinned) {
+  const std::string more = "Run tervainctl --help for more information.\n";
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out;  // exact, or a prefix when it ends with "..."
+    std::string err;
+  };
+  const Case cases[] = {
+      {{"pign"}, 2, "", "tervainctl: unknown subcommand 'pign' (did you mean ping?)\n" + more},
+      {{"screen", "-o", "x"}, 2, "",
+       "tervainctl: unknown subcommand 'screen' (did you mean screenshot?)\n" + more},
+      {{"--connect", "unix:/x", "mvoe", "1", "2"}, 2, "",
+       "tervainctl: unknown subcommand 'mvoe' (did you mean move?)\n" + more},
+      {{"bogus"}, 2, "", "tervainctl: unknown subcommand 'bogus'\n" + more},
+      {{}, 2, "",
+       "tervainctl: a subcommand is required, e.g. tervainctl ping; tervainctl --help lists "
+       "them all\n" + more},
+      {{"click", "1"}, 2, "", "tervainctl: Y is required\n" + more},
+      {{"--version"}, 0, "tervainctl 0.1.0 (agent protocol v2)\n", ""},
+      {{"--help"}, 0, "Drive a TervainVMAgent in a guest from the host.\nUsage: tervainctl ...", ""},
+  };
+  for (const Case& c : cases) {
+    const CtlResult r = run(c.args);
+    const std::string label = c.args.empty() ? "(none)" : c.args[0];
+    EXPECT_EQ(r.status, c.status) << label;
+    if (c.out.ends_with("...")) {
+      EXPECT_TRUE(r.out.starts_with(c.out.substr(0, c.out.size() - 3))) << label << ": " << r.out;
+    } else {
+      EXPECT_EQ(r.out, c.out) << label;
+    }
+    EXPECT_EQ(r.err, c.err) << label;
+  }
 }
 
 TEST_F(TervainctlTest, UsageErrorsExitTwo) {
@@ -255,15 +295,64 @@ TEST_F(TervainctlTest, WithoutAnAddressItSaysHowToGiveOne) {
             0);
 }
 
-TEST_F(TervainctlTest, NothingListeningExits255) {
-  const std::string nowhere = "unix:" + local.file("nobody.sock");
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {"--connect", nowhere, "ping"},
-           {"--connect", nowhere, "exec", "true"},
-           {"--connect", nowhere, "cp", "guest:/etc/hostname", local.file("h")}}) {
-    const CtlResult r = run(args);
-    EXPECT_EQ(r.status, 255) << args[2];
-    EXPECT_EQ(r.err, "tervainctl: cannot connect to " + nowhere + ": No such file or directory\n");
+// A unix: address that nothing serves says how to start the agent there.
+TEST_F(TervainctlTest, NothingListeningExits255AndSaysHowToStartTheAgent) {
+  const std::string missing = local.file("nobody.sock");
+  // A socket file that nobody listens on refuses the connection.
+  const std::string stale = local.file("stale.sock");
+  const int bound = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  std::strncpy(name.sun_path, stale.c_str(), sizeof name.sun_path - 1);
+  ASSERT_EQ(::bind(bound, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+  for (const auto& [path, reason] : {std::pair{missing, "No such file or directory"},
+                                     std::pair{stale, "Connection refused"}}) {
+    const std::string hint = "tervainctl: is the agent running? start it with: TervainVMAgent "
+                             "--unix " + path + "  (in a source tree: scripts/run --unix " +
+                             path + ")\n";
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"--connect", "unix:" + path, "ping"},
+             {"--connect", "unix:" + path, "exec", "true"},
+             {"--connect", "unix:" + path, "cp", "guest:/etc/hostname", local.file("h")}}) {
+      const CtlResult r = run(args);
+      EXPECT_EQ(r.status, 255) << args[2];
+      EXPECT_EQ(r.err, "tervainctl: cannot connect to unix:" + path + ": " + reason + "\n" + hint);
+    }
+  }
+  ::close(bound);
+}
+
+TEST_F(TervainctlTest, NamedGuestsComeFromTheGuestsFile) {
+  ASSERT_EQ(::mkdir(local.file("tervain").c_str(), 0700), 0);
+  writeFile(local.file("tervain/guests"),
+            "# NAME ADDRESS\n\n  myguest   unix:" + agent.socketPath() + "\nother vsock:3\n");
+  const CtlRun::Options options{.env = {{"XDG_CONFIG_HOME", local.path()}}, .withAddress = false};
+  EXPECT_EQ(run({"-c", "myguest", "ping"}, options).status, 0);
+  CtlRun::Options byEnv = options;
+  byEnv.env["TERVAIN_AGENT_ADDR"] = "myguest";
+  EXPECT_EQ(run({"exec", "true"}, byEnv).status, 0);
+  const CtlResult unknown = run({"--connect", "nope", "ping"}, options);
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_TRUE(unknown.err.starts_with("tervainctl: unknown guest 'nope': it is not in " +
+                                      local.file("tervain/guests")))
+      << unknown.err;
+}
+
+// Every subcommand that prints data prints the agent's reply as one JSON object with --json.
+TEST_F(TervainctlTest, JsonOutput) {
+  TempDir spool;
+  writeFile(spool.file("1.jsonl"), "{\"e\":1}\n");
+  const CtlResult ping = run({"ping", "--json"});
+  EXPECT_EQ(ping.status, 0);
+  EXPECT_EQ(Json::parse(ping.out)["version"], 2);
+  const CtlResult events = run({"events", "--dir", spool.path(), "--json"});
+  EXPECT_EQ(events.status, 0);
+  const Json reply = Json::parse(events.out, nullptr, false);
+  ASSERT_TRUE(reply.is_object()) << events.out;
+  EXPECT_EQ(reply["events"], "eyJlIjoxfQo=");
+  for (const char* sub : {"tree", "at", "cursor", "press", "screenshot"}) {
+    const CtlResult help = run({sub, "--help"});
+    EXPECT_NE(help.out.find("--json"), std::string::npos) << sub;
   }
 }
 
@@ -273,7 +362,8 @@ TEST_F(TervainctlTest, EverySubcommandHasHelp) {
                           "launch", "events"}) {
     const CtlResult r = run({sub, "--help"});
     EXPECT_EQ(r.status, 0) << sub;
-    EXPECT_NE(r.out.find(std::string("Usage: ")), std::string::npos) << sub << ": " << r.out;
+    EXPECT_NE(r.out.find(std::string("Usage: tervainctl ") + sub), std::string::npos)
+        << sub << ": " << r.out;
   }
 }
 
@@ -321,16 +411,31 @@ TEST_F(TervainctlTest, ExecForwardsInterruptAndTerminateToTheCommand) {
   }
 }
 
+// An agent that cannot start the command answers with an "err" frame; played here by a socket
+// that answers the exec request with one.
 TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
-  if (::access(std::string(ExecSession::defaultDulkPath).c_str(), X_OK) == 0) {
-    GTEST_SKIP() << "an agent shell is installed here";
-  }
-  AgentProcess::Options options;
-  options.unsetEnv.push_back("TERVAIN_DULK_DISABLE");
-  AgentProcess strict(options);
-  const CtlResult r = run({"--connect", "unix:" + strict.socketPath(), "exec", "true"});
+  const std::string path = local.file("refusing.sock");
+  const int server = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  std::strncpy(name.sun_path, path.c_str(), sizeof name.sun_path - 1);
+  ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+  ASSERT_EQ(::listen(server, 1), 0);
+  std::thread refuse([server] {
+    const int connection = ::accept(server, nullptr, nullptr);
+    if (connection < 0) return;
+    char byte = 0;
+    while (::read(connection, &byte, 1) == 1 && byte != '\n') {
+    }
+    const std::string frame = R"({"t":"err","m":"no shell here"})" "\n";
+    EXPECT_EQ(::write(connection, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+    ::close(connection);
+  });
+  const CtlResult r = run({"--connect", "unix:" + path, "exec", "true"});
+  refuse.join();
+  ::close(server);
   EXPECT_EQ(r.status, 255);
-  EXPECT_EQ(r.err, "tervainctl: " + ExecSession::dulkMissingMessage() + "\n");
+  EXPECT_EQ(r.err, "tervainctl: no shell here\n");
 }
 
 // ---- cp ------------------------------------------------------------------------------------
@@ -395,6 +500,75 @@ TEST_F(TervainctlTest, CopyFailuresExitOneAndLeaveNoLocalFile) {
                              ": No such file or directory\n");
 }
 
+// A tree with modes, a symlink and an old modification time goes to the guest and back with
+// cp -r -p and arrives as it was.
+TEST_F(TervainctlTest, CopyFoldersKeepingModesTimesAndSymlinks) {
+  const std::string tree = local.file("tree");
+  ASSERT_EQ(::mkdir(tree.c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((tree + "/sub").c_str(), 0755), 0);
+  writeFile(tree + "/run.sh", "#!/bin/sh\necho hi\n");
+  writeFile(tree + "/secret", "s");
+  writeFile(tree + "/sub/data.bin", randomBytes(300000, 3));
+  ASSERT_EQ(::symlink("sub/data.bin", (tree + "/link").c_str()), 0);
+  const std::pair<const char*, mode_t> modes[] = {
+      {"run.sh", 0755}, {"secret", 0600}, {"sub", 0750}, {"sub/data.bin", 0640}};
+  for (const auto& [name, mode] : modes) ASSERT_EQ(::chmod((tree + "/" + name).c_str(), mode), 0);
+  const timespec old[2] = {{978307200, 0}, {978307200, 0}};  // 2001-01-01
+  ASSERT_EQ(::utimensat(AT_FDCWD, (tree + "/run.sh").c_str(), old, 0), 0);
+
+  auto expectSameTree = [&](const std::string& copy, const std::string& label) {
+    for (const auto& [name, mode] : modes) {
+      struct stat st {};
+      ASSERT_EQ(::lstat((copy + "/" + name).c_str(), &st), 0) << label << " " << name;
+      EXPECT_EQ(st.st_mode & 07777, mode) << label << " " << name;
+    }
+    EXPECT_EQ(readFile(copy + "/sub/data.bin"), readFile(tree + "/sub/data.bin")) << label;
+    char target[64] = {};
+    ASSERT_GT(::readlink((copy + "/link").c_str(), target, sizeof target - 1), 0) << label;
+    EXPECT_STREQ(target, "sub/data.bin") << label;
+    struct stat st {};
+    ASSERT_EQ(::stat((copy + "/run.sh").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mtime, 978307200) << label;
+  };
+  const std::string inGuest = agent.dir().file("copy");
+  const CtlResult up = run({"cp", "-r", "-p", tree, "guest:" + inGuest});
+  ASSERT_EQ(up.status, 0) << up.err;
+  expectSameTree(inGuest, "to guest");
+  const CtlResult down = run({"cp", "-rp", "guest:" + inGuest, local.file("back")});
+  ASSERT_EQ(down.status, 0) << down.err;
+  expectSameTree(local.file("back"), "from guest");
+  // Into an existing folder the tree keeps its own name.
+  ASSERT_EQ(run({"cp", "-r", "-p", "guest:" + inGuest, local.file("back")}).status, 0);
+  expectSameTree(local.file("back/copy"), "into a folder");
+
+  // Without -r a folder is refused; without -p the copy gets the time of the copy.
+  const CtlResult noR = run({"cp", tree, "guest:" + agent.dir().file("x")});
+  EXPECT_EQ(noR.status, 1);
+  EXPECT_EQ(noR.err, "tervainctl: " + tree + " is a folder: cp -r copies folders\n");
+  ASSERT_EQ(run({"cp", "-r", tree, "guest:" + agent.dir().file("plain")}).status, 0);
+  struct stat st {};
+  ASSERT_EQ(::stat(agent.dir().file("plain/run.sh").c_str(), &st), 0);
+  EXPECT_NE(st.st_mtime, 978307200);
+}
+
+TEST_F(TervainctlTest, CopySeveralSourcesIntoAFolder) {
+  writeFile(local.file("a"), "A");
+  writeFile(local.file("b"), "B");
+  const std::string folder = agent.dir().file("in");
+  ASSERT_EQ(::mkdir(folder.c_str(), 0700), 0);
+  const CtlResult up = run({"cp", local.file("a"), local.file("b"), "guest:" + folder});
+  ASSERT_EQ(up.status, 0) << up.err;
+  EXPECT_EQ(readFile(folder + "/a") + readFile(folder + "/b"), "AB");
+  const std::string back = local.file("back");
+  ASSERT_EQ(::mkdir(back.c_str(), 0700), 0);
+  ASSERT_EQ(run({"cp", "guest:" + folder + "/a", "guest:" + folder + "/b", back}).status, 0);
+  EXPECT_EQ(readFile(back + "/a") + readFile(back + "/b"), "AB");
+  const CtlResult notFolder = run({"cp", local.file("a"), local.file("b"), "guest:" + folder + "/a"});
+  EXPECT_EQ(notFolder.status, 1);
+  EXPECT_EQ(notFolder.err, "tervainctl: copying several sources needs a folder as target: guest:" +
+                               folder + "/a is not one\n");
+}
+
 // ---- events --------------------------------------------------------------------------------
 
 TEST_F(TervainctlTest, EventsDrainAndTruncate) {
@@ -417,6 +591,94 @@ TEST_F(TervainctlTest, EventsDrainAndTruncate) {
   EXPECT_FALSE(exists(spool.file("1.jsonl")));
   EXPECT_FALSE(exists(spool.file("2.jsonl")));
   EXPECT_EQ(run({"events", "--dir", spool.path()}).out, "");
+}
+
+// ---- the README's Quick start, as written ---------------------------------------------------
+
+// The code blocks of the README's "Quick start" section, each as its lines.
+std::vector<std::vector<std::string>> quickStartBlocks() {
+  std::istringstream readme(readFile(std::string(TERVAIN_SOURCE_DIR) + "/README.md"));
+  std::vector<std::vector<std::string>> blocks;
+  bool inSection = false;
+  bool inBlock = false;
+  for (std::string line; std::getline(readme, line);) {
+    if (line.starts_with("## ")) inSection = line == "## Quick start";
+    if (!inSection) continue;
+    if (line.starts_with("```")) {
+      inBlock = !inBlock;
+      if (inBlock) blocks.emplace_back();
+    } else if (inBlock) {
+      blocks.back().push_back(line);
+    }
+  }
+  return blocks;
+}
+
+std::string replaceAll(std::string text, std::string_view from, std::string_view to) {
+  for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+// The agent is started as the first block says, and each command of the second block runs as
+// written, with the built binaries standing in for the scripts and a private folder for /tmp.
+// A command must succeed, and the "# " lines after it are its whole standard output.
+TEST(QuickStartTest, TheReadmesCommandsWorkAsWritten) {
+  const auto blocks = quickStartBlocks();
+  ASSERT_GE(blocks.size(), 2u);
+  ASSERT_EQ(blocks[0].size(), 1u);
+  const std::string start = blocks[0][0].substr(0, blocks[0][0].find("  #"));
+  ASSERT_EQ(start, "scripts/run --unix /tmp/tervain.sock ");
+
+  TempDir tmp;
+  const std::string privateTmp = tmp.path() + "/";
+  AgentProcess::Options options;
+  options.unixSocket = false;
+  options.args = {"--unix", privateTmp + "tervain.sock"};
+  options.unsetEnv = {"TERVAIN_DULK_DISABLE"};
+  AgentProcess agent(options);
+  ASSERT_TRUE(agent.waitForLog("exec: "));  // logged once the socket listens
+
+  struct Step {
+    std::string command;
+    std::string expected;
+    bool checked = false;
+  };
+  std::vector<Step> steps;
+  for (const std::string& line : blocks[1]) {
+    if (line.starts_with("# ") && !steps.empty()) {
+      steps.back().expected += line.substr(2) + "\n";
+      steps.back().checked = true;
+    } else if (!line.empty()) {
+      steps.push_back({replaceAll(line, "/tmp/", privateTmp)});
+    }
+  }
+  ASSERT_GE(steps.size(), 5u);
+  std::string prelude = "scripts/tervainctl() { '" + std::string(TERVAIN_CTL_PATH) + "' \"$@\"; }\n";
+  for (const Step& step : steps) {
+    if (step.command.starts_with("export ")) {
+      prelude += step.command + "\n";
+      continue;
+    }
+    const std::string script = tmp.file("step.sh");
+    writeFile(script, prelude + step.command + "\n");
+    const std::string err = tmp.file("step.err");
+    const std::string shell = "cd '" + std::string(TERVAIN_SOURCE_DIR) + "' && timeout 60 bash '" +
+                              script + "' 2>'" + err + "'";
+    FILE* pipe = ::popen(shell.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string out;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+    const int status = ::pclose(pipe);
+    EXPECT_EQ(status, 0) << step.command << ": " << readFile(err);
+    if (step.checked) {
+      EXPECT_EQ(out, step.expected) << step.command;
+    }
+  }
+  EXPECT_EQ(readFile(privateTmp + "readme.back"),
+            readFile(std::string(TERVAIN_SOURCE_DIR) + "/README.md"));
 }
 
 }  // namespace

@@ -9,7 +9,10 @@ std::string AXRegistry::registerElement(ElementRef element) {
   // Unreachable in practice (one ref per emitted node); a wrapped counter would reuse refs.
   if (counter == std::numeric_limits<std::int64_t>::max()) std::abort();
   ++counter;
-  std::string ref = "e" + std::to_string(counter);
+  // Appended rather than "e" + std::to_string(...): GCC 12 warns (-Wrestrict, its bug 105651)
+  // about the inlined operator+(const char*, std::string&&) in release builds.
+  std::string ref = "e";
+  ref += std::to_string(counter);
   refs.emplace(ref, std::move(element));
   return ref;
 }

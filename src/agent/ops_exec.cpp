@@ -4,6 +4,7 @@
 #include "agent/connection_handler.h"
 #include "core/agent_wire.h"
 #include "core/exec_session.h"
+#include "core/posix/login_shell.h"
 #include "core/request_members.h"
 
 namespace tervain {
@@ -25,7 +26,7 @@ void ConnectionHandler::runExec(std::string_view requestLine) {
     return;
   }
   ExecSession session(fd, lines.takePending(), std::string(ExecSession::defaultDulkPath),
-                      ExecSession::defaultPipeGraceMillis);
+                      ExecSession::defaultPipeGraceMillis, posix::shellWithoutAgentShell());
   session.run(*request);
 }
 

@@ -1,6 +1,9 @@
 #include "agent/startup.h"
 
 #include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -12,6 +15,8 @@
 #include "agent/agent_listener.h"
 #include "agent/agent_log.h"
 #include "core/agent_wire.h"
+#include "core/exec_session.h"
+#include "core/posix/login_shell.h"
 #include "core/posix/spawn_platform.h"
 
 namespace tervain {
@@ -81,6 +86,75 @@ std::string readinessLine(Desktop& desktop) {
          " screenRecording=" + word(screenRecording) + " postEvent=" + word(postEvent);
 }
 
+std::string execShellLine(const char* disableValue, bool agentShellInstalled,
+                          const std::optional<std::string>& withoutAgentShell) {
+  ExecSession::Environment environment;
+  if (disableValue != nullptr) environment["TERVAIN_DULK_DISABLE"] = disableValue;
+  const std::string dulk(ExecSession::defaultDulkPath);
+  const auto invocation = ExecSession::shellInvocation(
+      "", dulk, environment, [&](const std::string&) { return agentShellInstalled; },
+      withoutAgentShell);
+  if (!invocation) return "exec: no agent shell at " + dulk + ": exec requests are refused";
+  if (invocation->path == dulk) return "exec: commands run under the agent shell " + dulk;
+  if (disableValue != nullptr && std::string_view(disableValue) == "1") {
+    return "exec: commands run under " + invocation->path + " (TERVAIN_DULK_DISABLE=1)";
+  }
+  return "exec: no agent shell at " + dulk + ": commands run under the login shell " +
+         invocation->path;
+}
+
+namespace {
+
+std::string userDescription() {
+  const uid_t uid = ::getuid();
+  const passwd* entry = ::getpwuid(uid);
+  const std::string id = "uid " + std::to_string(uid);
+  return entry != nullptr ? "user " + std::string(entry->pw_name) + " (" + id + ")" : id;
+}
+
+// SIGTERM and SIGINT stop the agent: their handler only wakes the stopping thread through a pipe,
+// and that thread logs, removes the socket file this agent made and exits with status 0.
+int gStopWrite = -1;
+
+extern "C" void requestStop(int signal) {
+  const int saved = errno;
+  const auto byte = static_cast<unsigned char>(signal);
+  [[maybe_unused]] const ssize_t ignored = ::write(gStopWrite, &byte, 1);
+  errno = saved;
+}
+
+void stopOnSignals(std::optional<std::string> socketPath) {
+  int ends[2] = {-1, -1};
+  if (posix::makeCloexecPipe(ends) != 0) {
+    agentLog("cannot watch for SIGTERM (no pipe): the agent stops without clean-up");
+    return;
+  }
+  gStopWrite = ends[1];
+  // The socket file is removed only while it is still the one this agent bound.
+  struct stat bound {};
+  const bool known = socketPath && ::stat(socketPath->c_str(), &bound) == 0;
+  std::thread([readEnd = ends[0], socketPath = std::move(socketPath), bound, known] {
+    unsigned char signal = 0;
+    while (::read(readEnd, &signal, 1) < 0 && errno == EINTR) {
+    }
+    agentLog(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+    struct stat now {};
+    if (known && ::stat(socketPath->c_str(), &now) == 0 && now.st_dev == bound.st_dev &&
+        now.st_ino == bound.st_ino) {
+      ::unlink(socketPath->c_str());
+    }
+    std::_Exit(0);
+  }).detach();
+  struct sigaction action {};
+  action.sa_handler = requestStop;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  ::sigaction(SIGTERM, &action, nullptr);
+  ::sigaction(SIGINT, &action, nullptr);
+}
+
+}  // namespace
+
 int runAgent(int argc, const char* const* argv, Desktop& desktop) {
   // A launcher may start us with a standard descriptor closed. The next socket or pipe would then
   // take its number, and an exec child's dup2 onto 0-2 could clobber it: fill the gap first.
@@ -120,6 +194,7 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
       agentLog("FATAL: " + std::string(e.what()));
       return 1;
     }
+    agentLog("whoever can open " + path + " runs commands as " + userDescription());
   } else {
     const std::uint32_t port = choosePort(std::getenv("TERVAIN_AGENT_PORT"));
     agentLog(protocol + " starting on vsock port " + std::to_string(port));
@@ -132,7 +207,13 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
                "host)");
       return 1;
     }
+    agentLog("the VM's host (any process there that connects to vsock port " +
+             std::to_string(port) + ") runs commands as " + userDescription());
   }
+  stopOnSignals(commandLine.unixPath);
+  agentLog(execShellLine(std::getenv("TERVAIN_DULK_DISABLE"),
+                         ::access(std::string(ExecSession::defaultDulkPath).c_str(), X_OK) == 0,
+                         posix::shellWithoutAgentShell()));
 
   // runMainLoop() never returns, so these locals live as long as the process and the accept
   // thread and every connection may refer to them.

@@ -30,8 +30,14 @@ std::string usageText();
 // "readiness: accessibility=... screenRecording=... postEvent=...", queried now.
 std::string readinessLine(Desktop& desktop);
 
+// The start-up line that says how exec runs commands, from TERVAIN_DULK_DISABLE's value, whether
+// the agent shell is installed and the platform's shell for when it is not.
+std::string execShellLine(const char* disableValue, bool agentShellInstalled,
+                          const std::optional<std::string>& withoutAgentShell);
+
 // The whole agent: parses the command line, logs, listens, serves for good. Returns only with an
-// exit status (help, version, usage error, or a listener that could not be made).
+// exit status (help, version, usage error, or a listener that could not be made). SIGTERM and
+// SIGINT log the stop, remove the Unix socket file it made and exit with status 0.
 int runAgent(int argc, const char* const* argv, Desktop& desktop);
 
 }  // namespace tervain

@@ -1,7 +1,13 @@
 #include "agent/startup.h"
 
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
 #include <gtest/gtest.h>
 
+#include "agent_process.h"
 #include "fake_desktop.h"
 
 namespace tervain {
@@ -46,6 +52,47 @@ TEST(StartupTest, ReadinessLineQueriesEachGrant) {
   desktop.postEvents = true;
   EXPECT_EQ(readinessLine(desktop),
             "readiness: accessibility=true screenRecording=false postEvent=true");
+}
+
+TEST(StartupTest, ExecShellLineSaysWhichShellRunsCommands) {
+  const std::string dulk = "/usr/local/bin/dulk";
+  struct Case {
+    const char* disable;
+    bool installed;
+    std::optional<std::string> withoutAgentShell;
+    std::string line;
+  };
+  const Case cases[] = {
+      {nullptr, true, "/bin/bash", "exec: commands run under the agent shell " + dulk},
+      {nullptr, false, "/bin/bash",
+       "exec: no agent shell at " + dulk + ": commands run under the login shell /bin/bash"},
+      {"true", false, std::nullopt, "exec: no agent shell at " + dulk + ": exec requests are refused"},
+      {"1", false, std::nullopt, "exec: commands run under /bin/zsh (TERVAIN_DULK_DISABLE=1)"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(execShellLine(c.disable, c.installed, c.withoutAgentShell), c.line);
+  }
+}
+
+// SIGTERM and SIGINT: a log line, status 0, and the socket file gone, but only when it is still
+// the one the agent bound.
+TEST(StartupTest, StopSignalsLogRemoveTheSocketAndExitZero) {
+  for (const auto& [signal, name, replaced] :
+       {std::tuple{SIGTERM, "SIGTERM", false}, std::tuple{SIGINT, "SIGINT", false},
+        std::tuple{SIGTERM, "SIGTERM", true}}) {
+    testing::AgentProcess agent;
+    ASSERT_TRUE(agent.waitForLog("exec: "));
+    if (replaced) {
+      ASSERT_EQ(::unlink(agent.socketPath().c_str()), 0);
+      std::ofstream(agent.socketPath()) << "someone else's\n";
+    }
+    ASSERT_EQ(::kill(agent.pid(), signal), 0);
+    EXPECT_EQ(agent.waitForExit(), 0) << name;
+    EXPECT_NE(agent.log().find(std::string("stopping on ") + name), std::string::npos)
+        << agent.log();
+    struct stat st {};
+    EXPECT_EQ(::stat(agent.socketPath().c_str(), &st) == 0, replaced) << name;
+  }
 }
 
 }  // namespace

@@ -99,7 +99,8 @@ int connectTo(const Address& address) {
   }
   if (fd < 0) {
     throw ConnectionError("cannot connect to " + formatAddress(address) + ": " +
-                          std::strerror(-fd));
+                          std::strerror(-fd),
+                          -fd);
   }
   tervain_set_nosigpipe(fd);
   return fd;

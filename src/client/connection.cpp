@@ -278,6 +278,11 @@ Json Connection::call(const Json& request) {
   return receive();
 }
 
+std::string Connection::callRaw(const Json& request) {
+  send(request);
+  return receiveLine();
+}
+
 Result<Done> Connection::simple(const Json& request) {
   return carry<Done>(parseReply(call(request)));
 }

@@ -47,8 +47,10 @@ std::string renderNode(const AXNode& node) {
     out += " " + (node.role->empty() ? std::string("(no role)") : *node.role);
     if (node.subrole && !node.subrole->empty()) out += "/" + *node.subrole;
   }
-  if (node.title) out += " " + quoted(*node.title);
-  if (node.value) out += " value=" + quoted(*node.value);
+  // Appended piece by piece: GCC 12 warns (-Wrestrict, its bug 105651) about an inlined
+  // operator+(const char*, std::string&&) here in release builds.
+  if (node.title) out.append(" ").append(quoted(*node.title));
+  if (node.value) out.append(" value=").append(quoted(*node.value));
   if (node.frame) {
     const Rect& f = *node.frame;
     out += " [" + std::to_string(f.x) + "," + std::to_string(f.y) + " " + std::to_string(f.w) +

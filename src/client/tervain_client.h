@@ -42,7 +42,13 @@ class ClientError : public std::runtime_error {
 // The agent could not be reached, the connection broke, or no reply came in time.
 class ConnectionError : public ClientError {
  public:
-  using ClientError::ClientError;
+  explicit ConnectionError(const std::string& what, int systemError = 0)
+      : ClientError(what), errorNumber(systemError) {}
+  // The errno of a connect that failed (ENOENT, ECONNREFUSED, ...); 0 for other failures.
+  int systemError() const { return errorNumber; }
+
+ private:
+  int errorNumber;
 };
 
 // The agent sent something this protocol does not allow (a line that is not a JSON object,
@@ -211,6 +217,9 @@ class Connection {
   Json receive();
   // send() then receive().
   Json call(const Json& request);
+  // send() then the reply line exactly as the agent wrote it, for a caller that passes replies
+  // on unchanged. Throws as receiveLine.
+  std::string callRaw(const Json& request);
 
   Result<PingInfo> ping();
   Result<Point> cursorPosition();

@@ -82,7 +82,8 @@ std::string numberText(double value) {
   // The same switch to exponential form as %.17g makes.
   if (exponent < -4 || exponent >= 17) {
     std::string out = sign + digits.substr(0, 1);
-    if (digits.size() > 1) out += "." + digits.substr(1);
+    // Not out += "." + ...: GCC 12 warns (-Wrestrict, its bug 105651) about that in release.
+    if (digits.size() > 1) out.append(".").append(digits, 1);
     out += exponent < 0 ? "e-" : "e+";
     const int magnitude = std::abs(exponent);
     if (magnitude < 10) out += '0';

@@ -104,13 +104,17 @@ const std::string& ExecSession::dulkMissingMessage() {
 
 std::optional<ExecSession::ShellInvocation> ExecSession::shellInvocation(
     std::string_view command, std::string_view dulkPath, const Environment& environment,
-    const std::function<bool(const std::string&)>& isExecutable) {
+    const std::function<bool(const std::string&)>& isExecutable,
+    const std::optional<std::string>& withoutAgentShell) {
   if (const auto it = environment.find(std::string(kDisableKey));
       it != environment.end() && it->second == "1") {
     return ShellInvocation{kFallbackShell, {"-c", std::string(command)}, environment};
   }
   std::string shell(dulkPath);
-  if (!isExecutable(shell)) return std::nullopt;
+  if (!isExecutable(shell)) {
+    if (!withoutAgentShell) return std::nullopt;
+    return ShellInvocation{*withoutAgentShell, {"-c", std::string(command)}, environment};
+  }
   Environment env = environment;
   env[std::string(ShellSpool::spoolEnvKey)] = ShellSpool::defaultDir();
   env.try_emplace(std::string(ShellSpool::captureEnvKey), "tap");
@@ -180,10 +184,12 @@ std::optional<pid_t> ExecSession::spawnGroupLeader(const std::string& path,
 }
 
 ExecSession::ExecSession(int fd, std::string buffered, std::string dulkPath,
-                         std::int32_t pipeGraceMillis, Clock clock)
+                         std::int32_t pipeGraceMillis,
+                         std::optional<std::string> withoutAgentShell, Clock clock)
     : fd(fd),
       dulkPath(std::move(dulkPath)),
       graceMillis(std::max<std::int32_t>(pipeGraceMillis, 0)),
+      withoutAgentShell(std::move(withoutAgentShell)),
       clock(clock ? std::move(clock) : Clock(steadyMillis)) {
   lines.append(buffered);
   tervain_set_nosigpipe(fd);
@@ -222,7 +228,8 @@ bool ExecSession::start(const Json& request) {
     return false;
   }
   const std::optional<ShellInvocation> invocation =
-      shellInvocation(*command, dulkPath, processEnvironment(), isExecutableFile);
+      shellInvocation(*command, dulkPath, processEnvironment(), isExecutableFile,
+                      withoutAgentShell);
   if (!invocation) {
     sendError(dulkMissingMessage());
     return false;

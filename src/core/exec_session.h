@@ -49,11 +49,12 @@ class ExecSession {
 
   // How a command is run: under the agent shell at dulkPath ("-lc" command) with the spool and
   // capture variables set, or, when environment has TERVAIN_DULK_DISABLE exactly "1", under
-  // "/bin/zsh" ("-c" command) with the environment unchanged. Nothing when the agent shell is
-  // needed and isExecutable(dulkPath) is false.
+  // "/bin/zsh" ("-c" command) with the environment unchanged. When isExecutable(dulkPath) is
+  // false: under withoutAgentShell ("-c" command, environment unchanged) if given, else nothing.
   static std::optional<ShellInvocation> shellInvocation(
       std::string_view command, std::string_view dulkPath, const Environment& environment,
-      const std::function<bool(const std::string&)>& isExecutable);
+      const std::function<bool(const std::string&)>& isExecutable,
+      const std::optional<std::string>& withoutAgentShell = std::nullopt);
 
   // Starts path as the leader of a new process group, with stdinFD, stdoutFD and stderrFD as its
   // descriptors 0, 1 and 2 and no other descriptor, every signal at its default disposition and
@@ -67,9 +68,11 @@ class ExecSession {
   // fd is the connection's socket, not owned; the session makes it non-blocking and restores it
   // when it ends. buffered holds whatever the host sent behind the request line. The process must
   // ignore SIGPIPE (the agent does from start-up): writes to a child that closed its input must
-  // fail, not kill the agent. clock defaults to steadyMillis.
+  // fail, not kill the agent. withoutAgentShell is the shell used when dulkPath is not executable
+  // (the agent passes its platform's choice); without it the session refuses such a command.
+  // clock defaults to steadyMillis.
   ExecSession(int fd, std::string buffered, std::string dulkPath, std::int32_t pipeGraceMillis,
-              Clock clock = {});
+              std::optional<std::string> withoutAgentShell = std::nullopt, Clock clock = {});
   ~ExecSession();
   ExecSession(const ExecSession&) = delete;
   ExecSession& operator=(const ExecSession&) = delete;
@@ -131,6 +134,7 @@ class ExecSession {
   LineSplitBuffer lines;
   const std::string dulkPath;
   const std::int32_t graceMillis;
+  const std::optional<std::string> withoutAgentShell;
   const Clock clock;
   int socketFlags = -1;  // the socket's flags before the session, restored when it ends
 

@@ -471,7 +471,7 @@ TEST_F(ExecSessionTest, ADescendantHoldingThePipesRunsOutTheGraceOnTheSessionsCl
   // the shell exits, however little real time passed.
   std::int64_t now = 0;
   ExecSession session(sessionFD, "", std::string(ExecSession::defaultDulkPath), 2000,
-                      [&now] { return now += 400; });
+                      std::nullopt, [&now] { return now += 400; });
   ASSERT_TRUE(session.start(Json{{"command", "echo $$; sleep 30 & exit 4"}}));
   ExecSession::Round round = ExecSession::Round::keepGoing;
   int rounds = 0;

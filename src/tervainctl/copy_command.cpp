@@ -4,18 +4,29 @@
 // what it holds with `wc -c`. From the guest, `wc -c < PATH && cat < PATH` sends the size on
 // the first output line, then the bytes, which are decoded frame by frame straight into the
 // local file; nothing holds the whole file. Either way the byte count must match.
+//
+// Folders (-r) and copies that keep modes and times (-p) travel as a tar stream instead, made by
+// tar on one side and unpacked by tar on the other; both tars must succeed. A target that is not
+// an existing folder is unpacked into a temporary folder beside it first and then renamed, so the
+// copy takes the target's name as cp and scp do.
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
 #include "tervainctl/tervainctl.h"
+
+extern char** environ;
 
 namespace tervain::ctl {
 namespace {
@@ -108,7 +119,7 @@ int copyToGuest(const client::Address& address, const std::string& local,
   struct stat st {};
   if (::fstat(in, &st) == 0 && S_ISREG(st.st_mode)) total = static_cast<std::uint64_t>(st.st_size);
   if (::fstat(in, &st) == 0 && S_ISDIR(st.st_mode)) {
-    complain(local + " is a directory; cp copies one file");
+    complain(local + " is a folder: cp -r copies folders");
     if (!fromStdin) ::close(in);
     return kExitRefused;
   }
@@ -253,20 +264,272 @@ int copyFromGuest(const client::Address& address, const std::string& guestPath,
   return kExitOk;
 }
 
+std::string parentOf(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return ".";
+  return slash == 0 ? "/" : std::string(path.substr(0, slash));
+}
+
+// A local tar with one end of a pipe as its standard input or output; the other end is ours.
+struct LocalTar {
+  pid_t pid = -1;
+  int fd = -1;
+};
+
+std::optional<LocalTar> startTar(const std::vector<std::string>& args, bool creating) {
+  int ends[2];
+  if (::pipe(ends) != 0) return std::nullopt;
+  const int theirs = creating ? ends[1] : ends[0];
+  const int ours = creating ? ends[0] : ends[1];
+  (void)::fcntl(ours, F_SETFD, FD_CLOEXEC);
+  std::vector<char*> argv;
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, theirs, creating ? STDOUT_FILENO : STDIN_FILENO);
+  posix_spawn_file_actions_addclose(&actions, theirs);
+  pid_t pid = -1;
+  const int rc = ::posix_spawnp(&pid, "tar", &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(theirs);
+  if (rc != 0) {
+    ::close(ours);
+    errno = rc;
+    return std::nullopt;
+  }
+  return LocalTar{pid, ours};
+}
+
+// The exit status of a tar, or -1 when a signal ended it.
+int waitTar(pid_t pid) {
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Writes to a pipe whose reader died must fail with EPIPE, not end tervainctl.
+class PipeSignalIgnored {
+ public:
+  PipeSignalIgnored() { previous = ::signal(SIGPIPE, SIG_IGN); }
+  ~PipeSignalIgnored() { ::signal(SIGPIPE, previous); }
+  PipeSignalIgnored(const PipeSignalIgnored&) = delete;
+  PipeSignalIgnored& operator=(const PipeSignalIgnored&) = delete;
+
+ private:
+  void (*previous)(int) = SIG_DFL;
+};
+
+// Unpacking flags: -o gives the files to whoever unpacks them; -p keeps modes, and without it
+// -m gives files the time of the copy, as cp and scp do without -p.
+std::string unpackFlags(const CopyOptions& options) { return options.preserve ? "-xpo" : "-xmo"; }
+
+int tarToGuest(const client::Address& address, const std::string& local,
+               const std::string& guestPath, const CopyOptions& options) {
+  struct stat st {};
+  if (::lstat(local.c_str(), &st) != 0) {
+    complain("cannot read " + local + ": " + std::strerror(errno));
+    return kExitRefused;
+  }
+  if (S_ISDIR(st.st_mode) && !options.recursive) {
+    complain(local + " is a folder: cp -r copies folders");
+    return kExitRefused;
+  }
+  const std::string name = baseName(local);
+  const std::string flags = unpackFlags(options);
+  const std::string command =
+      "t=" + client::guestPathWord(guestPath) + "; n=" + client::shellQuote(name) +
+      "; if [ -d \"$t\" ]; then exec tar " + flags + "f - -C \"$t\"; fi; "
+      "tmp=$(mktemp -d \"$(dirname \"$t\")/.tervain-cp.XXXXXX\") || exit 1; "
+      "tar " + flags + "f - -C \"$tmp\" && mv -f \"$tmp/$n\" \"$t\"; s=$?; rm -rf \"$tmp\"; "
+      "exit $s";
+
+  client::ExecStream stream = client::ExecStream::start(address, command);
+  PipeSignalIgnored pipeSignal;
+  const auto tar = startTar({"tar", "-cf", "-", "-C", parentOf(local), "./" + name}, true);
+  if (!tar) {
+    complain(std::string("cannot run tar: ") + std::strerror(errno));
+    return kExitRefused;
+  }
+  std::thread feeder([&] {
+    std::string block(kReadBlock, '\0');
+    for (;;) {
+      const ssize_t n = ::read(tar->fd, block.data(), block.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      if (!stream.writeStdin(std::string_view(block.data(), static_cast<std::size_t>(n)))) break;
+    }
+    stream.closeStdin();
+  });
+  std::string err;
+  client::ExecOutcome outcome;
+  std::string failure;
+  try {
+    outcome = stream.wait({.stdoutData = [](std::string_view) {},
+                           .stderrData = [&](std::string_view b) { err.append(b); }});
+  } catch (const client::ClientError& e) {
+    failure = e.what();
+  }
+  stream.abort();
+  ::close(tar->fd);  // a tar still writing ends with EPIPE
+  feeder.join();
+  const int packed = waitTar(tar->pid);
+  if (!failure.empty()) throw client::ConnectionError(failure);
+  if (!outcome.code || *outcome.code != 0) {
+    complain(remoteFailure("copying to guest:" + guestPath + " failed", outcome, err));
+    return kExitRefused;
+  }
+  if (packed != 0) {
+    complain("copying " + local + " failed: tar could not read it all");
+    return kExitRefused;
+  }
+  return kExitOk;
+}
+
+int tarFromGuest(const client::Address& address, const std::string& guestPath,
+                 const std::string& local, const CopyOptions& options) {
+  const std::string name = baseName(guestPath);
+  std::string command = "s=" + client::guestPathWord(guestPath) +
+                        "; [ -e \"$s\" ] || [ -h \"$s\" ] || { echo \"$s: No such file or "
+                        "directory\" >&2; exit 1; }; ";
+  if (!options.recursive) {
+    command += "[ -d \"$s\" ] && { echo \"$s is a folder: cp -r copies folders\" >&2; exit 1; }; ";
+  }
+  command += "cd \"$(dirname \"$s\")\" && exec tar -cf - \"./$(basename \"$s\")\"";
+
+  client::ExecStream stream = client::ExecStream::start(address, command);
+  // Straight into an existing folder; else into a new folder beside the target, then renamed.
+  const bool intoFolder = isDirectory(local);
+  std::string unpackDir = local;
+  if (!intoFolder) {
+    std::string pattern = parentOf(local) + "/.tervain-cp.XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      complain("cannot write in " + parentOf(local) + ": " + std::strerror(errno));
+      return kExitRefused;
+    }
+    unpackDir = pattern;
+  }
+  auto cleanUp = [&] {
+    std::error_code ignored;
+    if (!intoFolder) std::filesystem::remove_all(unpackDir, ignored);
+  };
+
+  PipeSignalIgnored pipeSignal;
+  const auto tar = startTar({"tar", unpackFlags(options) + "f", "-", "-C", unpackDir}, false);
+  if (!tar) {
+    complain(std::string("cannot run tar: ") + std::strerror(errno));
+    cleanUp();
+    return kExitRefused;
+  }
+  std::string err;
+  client::ExecOutcome outcome;
+  std::string failure;
+  bool unpackerGone = false;
+  try {
+    outcome = stream.wait({.stdoutData =
+                               [&](std::string_view b) {
+                                 if (!unpackerGone && !writeFully(tar->fd, b)) unpackerGone = true;
+                               },
+                           .stderrData = [&](std::string_view b) { err.append(b); }});
+  } catch (const client::ClientError& e) {
+    failure = e.what();
+  }
+  stream.abort();
+  ::close(tar->fd);
+  const int unpacked = waitTar(tar->pid);
+  if (!failure.empty()) {
+    cleanUp();
+    throw client::ConnectionError(failure);
+  }
+  if (!outcome.code || *outcome.code != 0) {
+    cleanUp();
+    complain(remoteFailure("copying guest:" + guestPath + " failed", outcome, err));
+    return kExitRefused;
+  }
+  if (unpacked != 0) {
+    cleanUp();
+    complain("copying guest:" + guestPath + " failed: tar could not unpack it into " + unpackDir);
+    return kExitRefused;
+  }
+  if (!intoFolder && ::rename((unpackDir + "/" + name).c_str(), local.c_str()) != 0) {
+    const int error = errno;
+    cleanUp();
+    complain("cannot write " + local + ": " + std::strerror(error));
+    return kExitRefused;
+  }
+  cleanUp();
+  return kExitOk;
+}
+
 }  // namespace
 
-int runCopyCommand(const client::Address& address, const std::string& source,
-                   const std::string& target) {
-  const bool sourceInGuest = source.starts_with(kGuestPrefix);
+int runCopyCommand(const client::Address& address, const std::vector<std::string>& sources,
+                   const std::string& target, const CopyOptions& options) {
   const bool targetInGuest = target.starts_with(kGuestPrefix);
-  if (sourceInGuest == targetInGuest) {
-    throw UsageError{"cp needs one local path and one guest:PATH, e.g. cp notes.txt guest:/tmp/"};
+  for (const std::string& source : sources) {
+    if (source.starts_with(kGuestPrefix) == targetInGuest) {
+      throw UsageError{"cp needs local sources and a guest:PATH target, or guest:PATH sources and "
+                       "a local target, e.g. cp notes.txt guest:/tmp/"};
+    }
+    if (source == kGuestPrefix || target == kGuestPrefix) {
+      throw UsageError{"cp needs a path after guest:"};
+    }
+    if (source == "-" && sources.size() > 1) throw UsageError{"- must be the only source"};
   }
-  const std::string guestPath =
-      (sourceInGuest ? source : target).substr(kGuestPrefix.size());
-  if (guestPath.empty()) throw UsageError{"cp needs a path after guest:"};
-  return sourceInGuest ? copyFromGuest(address, guestPath, target)
-                       : copyToGuest(address, source, guestPath);
+  if (sources.size() > 1) {
+    const std::string folder = targetInGuest ? target.substr(kGuestPrefix.size()) : target;
+    const bool isFolder =
+        targetInGuest ? client::runCaptured(address, "[ -d " + client::guestPathWord(folder) + " ]")
+                                .outcome.code == 0
+                      : isDirectory(folder);
+    if (!isFolder) {
+      complain("copying several sources needs a folder as target: " + target + " is not one");
+      return kExitRefused;
+    }
+  }
+  int status = kExitOk;
+  for (const std::string& source : sources) {
+    const bool streamed = source == "-" || target == "-";
+    const bool asTar = (options.recursive || options.preserve) && !streamed;
+    int one = kExitOk;
+    if (targetInGuest) {
+      const std::string guestPath = target.substr(kGuestPrefix.size());
+      one = asTar ? tarToGuest(address, source, guestPath, options)
+                  : copyToGuest(address, source, guestPath);
+    } else {
+      const std::string guestPath = source.substr(kGuestPrefix.size());
+      one = asTar ? tarFromGuest(address, guestPath, target, options)
+                  : copyFromGuest(address, guestPath, target);
+    }
+    if (one != kExitOk) status = one;
+  }
+  return status;
+}
+
+void addCopyCommand(CommandSet& set) {
+  struct Arguments {
+    std::vector<std::string> paths;
+    CopyOptions options;
+  };
+  Arguments& a = set.state<Arguments>();
+  CLI::App* cp = set.add(
+      "cp",
+      "Copy files to or from the guest: cp LOCAL... guest:PATH, or cp guest:PATH... LOCAL",
+      [&set, &a] {
+        const std::vector<std::string> sources(a.paths.begin(), a.paths.end() - 1);
+        return runCopyCommand(set.address(), sources, a.paths.back(), a.options);
+      });
+  cp->add_option("PATHS", a.paths,
+                 "Sources then the target: local paths (- for stdin or stdout) or guest:PATH")
+      ->expected(2, -1)
+      ->required();
+  cp->add_flag("-r,--recursive", a.options.recursive, "Copy folders and what they hold");
+  cp->add_flag("-p,--preserve", a.options.preserve, "Keep modes and modification times");
+  cp->footer("Several sources need a folder as target. A guest path starting with ~/ is relative "
+             "to the guest user's home.");
 }
 
 }  // namespace tervain::ctl

@@ -206,4 +206,18 @@ int runExecCommand(const client::Address& address, const std::vector<std::string
   return code < 0 || code > 255 ? kExitNoAgent : code;
 }
 
+void addExecCommand(CommandSet& set) {
+  set.add("exec",
+          "Run a shell command in the guest, like ssh host command: its output streams to "
+          "stdout/stderr, local stdin is forwarded, SIGINT/SIGTERM/SIGHUP are passed on, and "
+          "the exit status is the command's own (255 when it could not run)",
+          [&set] {
+            if (set.execWords.empty()) {
+              throw UsageError{"exec needs a command, e.g. exec -- uname -a"};
+            }
+            return runExecCommand(set.address(), set.execWords);
+          })
+      ->footer("Usage: tervainctl exec [--] COMMAND...   e.g. tervainctl exec -- ls -la ~");
+}
+
 }  // namespace tervain::ctl
