@@ -134,10 +134,13 @@ class FakeDesktop final : public Desktop {
   std::uint32_t totalSleepMicros() const;
 
   // ---- Desktop -------------------------------------------------------------------------------
-  std::string_view kind() const override { return "fake"; }
+  std::string_view kind() const override { return kindName; }
   bool accessibilityTrusted() override;
   bool screenCaptureAccess() override;
   bool postEventAccess() override;
+  void requestGrants() override { ++grantRequests; }
+  std::string kindName = "fake";
+  int grantRequests = 0;
   std::vector<DisplayInfo> displays(std::uint32_t maxDisplays) override;
   std::optional<Point> pointerLocation() override;
   Modifiers supportedModifiers() const override { return modifiers; }

@@ -18,7 +18,7 @@ inline constexpr std::string_view kBuildVersion = "0.1.0";
 std::uint32_t choosePort(const char* environmentValue);
 
 struct CommandLine {
-  enum class Action { serve, help, version, usageError };
+  enum class Action { serve, help, version, requestGrants, usageError };
   Action action = Action::serve;
   std::optional<std::string> unixPath;  // --unix PATH: listen there instead of on vsock
   std::string problem;                  // what was wrong, for usageError
@@ -29,6 +29,10 @@ std::string usageText();
 
 // "readiness: accessibility=... screenRecording=... postEvent=...", queried now.
 std::string readinessLine(Desktop& desktop);
+
+// What --request-grants prints: one line per grant with its state and, for a missing one, what
+// to do; then the note about screen recording. Asks the desktop to prompt first.
+std::string requestGrantsReport(Desktop& desktop);
 
 // The whole agent: parses the command line, logs, listens, serves for good. Returns only with an
 // exit status (help, version, usage error, or a listener that could not be made).

@@ -148,6 +148,9 @@ class Desktop {
   virtual bool accessibilityTrusted() = 0;
   virtual bool screenCaptureAccess() = 0;
   virtual bool postEventAccess() = 0;
+  // Asks the user for whichever grants are missing, where the platform can (macOS shows its
+  // prompts and lists the agent in System Settings); returns at once. Others do nothing.
+  virtual void requestGrants() {}
 
   // Displays: at most maxDisplays, the main one flagged; empty on failure.
   virtual std::vector<DisplayInfo> displays(std::uint32_t maxDisplays) = 0;

@@ -44,17 +44,6 @@ CFRef<CFStringRef> makeString(const std::string& text) {
       static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false));
 }
 
-std::string toUtf8(CFStringRef text) {
-  const CFRange all{0, CFStringGetLength(text)};
-  CFIndex size = 0;
-  CFStringGetBytes(text, all, kCFStringEncodingUTF8, 0, false, nullptr, 0, &size);
-  std::string out(static_cast<std::size_t>(size), '\0');
-  CFStringGetBytes(text, all, kCFStringEncodingUTF8, 0, false,
-                   reinterpret_cast<UInt8*>(out.data()), size, &size);
-  out.resize(static_cast<std::size_t>(size));
-  return out;
-}
-
 AXValue convertNumber(CFNumberRef number) {
   if (CFNumberIsFloatType(number)) {
     double real = 0;

@@ -32,13 +32,23 @@ class MacShareableDisplay final : public ShareableDisplay {
 
 std::string describe(NSError* _Nullable error) {
   if (!error) return std::string();
-  const char* text = error.localizedDescription.UTF8String;
-  return text ? std::string(text) : std::string();
+  return toUtf8((__bridge CFStringRef)error.localizedDescription);
 }
 
 SCContentFilter* wholeDisplayFilter(const ShareableDisplay& display) {
   SCDisplay* scDisplay = static_cast<const MacShareableDisplay&>(display).get();
   return [[SCContentFilter alloc] initWithDisplay:scDisplay excludingWindows:@[]];
+}
+
+// How long a capture thread waits for ScreenCaptureKit: a little past the 15 s the operation
+// itself waits, so the worker ends soon after its request has given up. A service that never
+// answers would otherwise strand one thread per screenshot. The handler may still run later; it
+// only touches its own box.
+constexpr std::int64_t kServiceDeadlineNanos = 16 * static_cast<std::int64_t>(NSEC_PER_SEC);
+constexpr const char* kNoAnswer = "the capture service did not answer within 16 s";
+
+bool waitForService(dispatch_semaphore_t done) {
+  return dispatch_semaphore_wait(done, dispatch_time(DISPATCH_TIME_NOW, kServiceDeadlineNanos)) == 0;
 }
 
 struct ContentBox {
@@ -63,9 +73,11 @@ ShareableContent MacDesktop::copyShareableContent() {
       box->error = error;
       dispatch_semaphore_signal(done);
     }];
-    dispatch_semaphore_wait(done, DISPATCH_TIME_FOREVER);
-
     ShareableContent result;
+    if (!waitForService(done)) {
+      result.error = kNoAnswer;
+      return result;
+    }
     if (box->error || !box->content) {
       result.error = box->error ? describe(box->error) : std::string("no shareable content");
       return result;
@@ -114,9 +126,12 @@ CapturedImage MacDesktop::captureImage(const ShareableDisplay& display,
                box->error = error;
                dispatch_semaphore_signal(done);
              }];
-    dispatch_semaphore_wait(done, DISPATCH_TIME_FOREVER);
-
     CapturedImage captured;
+    if (!waitForService(done)) {
+      captured.status = CapturedImage::Status::captureFailed;
+      captured.error = kNoAnswer;
+      return captured;
+    }
     if (box->error || !box->image) {
       captured.status = CapturedImage::Status::captureFailed;
       captured.error = box->error ? describe(box->error) : std::string("no image was captured");

@@ -96,6 +96,17 @@ bool MacDesktop::accessibilityTrusted() { return AXIsProcessTrusted() != 0; }
 bool MacDesktop::screenCaptureAccess() { return CGPreflightScreenCaptureAccess(); }
 bool MacDesktop::postEventAccess() { return CGPreflightPostEventAccess(); }
 
+void MacDesktop::requestGrants() {
+  const void* keys[] = {kAXTrustedCheckOptionPrompt};
+  const void* values[] = {kCFBooleanTrue};
+  const CFRef<CFDictionaryRef> options(CFDictionaryCreate(
+      kCFAllocatorDefault, keys, values, 1, &kCFTypeDictionaryKeyCallBacks,
+      &kCFTypeDictionaryValueCallBacks));
+  (void)AXIsProcessTrustedWithOptions(options.get());
+  (void)CGRequestScreenCaptureAccess();
+  (void)CGRequestPostEventAccess();
+}
+
 std::vector<DisplayInfo> MacDesktop::displays(std::uint32_t maxDisplays) {
   std::vector<CGDirectDisplayID> ids(maxDisplays);
   std::uint32_t count = 0;
@@ -178,12 +189,16 @@ void MacDesktop::sleepMicros(std::uint32_t micros) {
 }
 
 void MacDesktop::runMainLoop() {
-  // CFRunLoopRun returns as soon as the loop has nothing to wait on; a timer that never fires
-  // in practice keeps it waiting, so the main thread parks here serving the main queue.
-  constexpr CFTimeInterval kFarFuture = 1.0e10;
+  // The workspace keeps its view of running applications (the frontmost one among them) up to
+  // date from notifications it receives on the main thread, and only once it exists and the
+  // main run loop turns in a common mode. So it is created here, on the main thread, and a
+  // repeating timer turns the loop twice a second; a loop parked on a timer that never fires
+  // would serve the main queue but leave "ax_dump" walking the previous frontmost application.
+  touchWorkspace();
+  constexpr CFTimeInterval kTurnSeconds = 0.5;
   const CFRef<CFRunLoopTimerRef> timer(CFRunLoopTimerCreate(
-      kCFAllocatorDefault, CFAbsoluteTimeGetCurrent() + kFarFuture, kFarFuture, 0, 0, keepAlive,
-      nullptr));
+      kCFAllocatorDefault, CFAbsoluteTimeGetCurrent() + kTurnSeconds, kTurnSeconds, 0, 0,
+      keepAlive, nullptr));
   if (timer) CFRunLoopAddTimer(CFRunLoopGetCurrent(), timer.get(), kCFRunLoopCommonModes);
   for (;;) CFRunLoopRun();
 }

@@ -23,6 +23,9 @@ class MacDesktop final : public Desktop {
   bool accessibilityTrusted() override;
   bool screenCaptureAccess() override;
   bool postEventAccess() override;
+  // AXIsProcessTrustedWithOptions with the prompt option, CGRequestScreenCaptureAccess and
+  // CGRequestPostEventAccess: each shows the system's prompt once and adds the agent to its list.
+  void requestGrants() override;
 
   std::vector<DisplayInfo> displays(std::uint32_t maxDisplays) override;
   std::optional<Point> pointerLocation() override;
@@ -73,5 +76,9 @@ class MacDesktop final : public Desktop {
 // Defined in macos_workspace.mm: starts and ends one NSThread, after which Cocoa treats the
 // process as multithreaded and guards its shared state accordingly.
 void enterCocoaMultithreadedMode();
+
+// Defined in macos_workspace.mm: creates the shared workspace on the calling (main) thread, so it
+// registers for the notifications that keep its running applications current.
+void touchWorkspace();
 
 }  // namespace tervain::macos

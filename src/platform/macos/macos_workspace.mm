@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "platform/child_process.h"
+#include "platform/macos/cf_ref.h"
 #include "platform/macos/macos_desktop.h"
 
 namespace tervain::macos {
@@ -25,9 +26,7 @@ NSString* _Nullable toNSString(const std::string& text) {
 
 std::optional<std::string> toStdString(NSString* _Nullable text) {
   if (!text) return std::nullopt;
-  const char* utf8 = text.UTF8String;
-  if (!utf8) return std::nullopt;
-  return std::string(utf8);
+  return toUtf8((__bridge CFStringRef)text);
 }
 
 }  // namespace
@@ -36,6 +35,12 @@ void enterCocoaMultithreadedMode() {
   @autoreleasepool {
     [NSThread detachNewThreadWithBlock:^{
     }];
+  }
+}
+
+void touchWorkspace() {
+  @autoreleasepool {
+    (void)NSWorkspace.sharedWorkspace.frontmostApplication;
   }
 }
 
