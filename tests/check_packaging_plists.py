@@ -80,6 +80,9 @@ if agent is not None:
     expect(agent.get("LimitLoadToSessionType") == "Aqua",
            "LaunchAgent: LimitLoadToSessionType is not Aqua")
     expect(agent.get("ProcessType") == "Interactive", "LaunchAgent: ProcessType is not Interactive")
+    # macOS 13+ names a login item by this bundle identifier in System Settings > Login Items.
+    expect(agent.get("AssociatedBundleIdentifiers") == [label],
+           f"LaunchAgent: AssociatedBundleIdentifiers is {agent.get('AssociatedBundleIdentifiers')!r}, not [{label!r}]")
     for key in ("StandardErrorPath", "StandardOutPath"):
         expect(isinstance(agent.get(key), str) and agent[key].endswith(f"/{binary_name}.log"),
                f"LaunchAgent: {key} is not a path to {binary_name}.log")

@@ -2,7 +2,9 @@
 # Installs TervainVMAgent as a LaunchAgent of the current user and starts it.
 #   packaging/macos/install.sh [BINARY]
 # Run it as the guest's GUI user (the one logged in to the desktop), not as root: the agent
-# lives in that user's Aqua session. sudo is asked for only to copy the binary to
+# lives in that user's Aqua session. Over SSH that works as long as the same user is logged in
+# at the guest's screen; with nobody (or somebody else) there, the agent is installed and starts
+# at that user's next login. sudo is asked for only to copy the binary to
 # /usr/local/libexec/tervain when that folder is not writable. BINARY defaults to the release
 # build (build/release/TervainVMAgent); sign it first with sign.sh.
 set -euo pipefail
@@ -54,6 +56,9 @@ stop_agent
 privileged mkdir -p "$tervain_install_dir"
 privileged cp "$binary" "$installed.new"
 privileged chmod 755 "$installed.new"
+# A binary that came through a browser or a chat carries the quarantine attribute, and launchd
+# would refuse to start it without anyone there to click "Open".
+privileged xattr -d com.apple.quarantine "$installed.new" 2>/dev/null || true
 privileged mv -f "$installed.new" "$installed"
 
 # launchd does not expand ~, so the log path is written out in full.
@@ -65,8 +70,23 @@ plutil -replace StandardOutPath -string "$log" "$plist.new"
 plutil -lint -s "$plist.new"
 mv -f "$plist.new" "$plist"
 
-launchctl bootstrap "$domain" "$plist"
-
 echo "installed $installed"
-echo "LaunchAgent $plist loaded in $domain"
 echo "log: $log"
+
+# launchctl bootstrap gui/UID needs that user's GUI session, which exists only while the user is
+# logged in at the screen: over SSH with nobody there it fails with "Bootstrap failed: 125".
+console_user="$(stat -f %Su /dev/console 2>/dev/null || true)"
+if [[ "$console_user" != "$(id -un)" ]]; then
+  echo "LaunchAgent $plist is installed but not started: ${console_user:-nobody} is logged in at"
+  echo "the screen, not $(id -un). Log in as $(id -un) on the guest's desktop (or turn on"
+  echo "automatic login for $(id -un)); launchd starts the agent then. After logging in, grant"
+  echo "its permissions with: $installed --request-grants"
+  exit 0
+fi
+launchctl bootstrap "$domain" "$plist"
+echo "LaunchAgent $plist loaded in $domain"
+
+# Ask for the grants from inside the user's session, so the system's prompts appear on the
+# guest's screen and the agent is listed in System Settings; the report says what is missing.
+echo "privacy grants:"
+launchctl asuser "$uid" "$installed" --request-grants || true

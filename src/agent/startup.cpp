@@ -49,6 +49,10 @@ std::string usageText() {
          "\n"
          "  --unix PATH   listen on a Unix-domain socket at PATH instead (mode 0600),\n"
          "                for development, tests and hosts that proxy vsock to a socket\n"
+         "  --request-grants\n"
+         "                ask for the privacy grants the agent lacks (macOS shows its prompts\n"
+         "                and lists the agent in System Settings), print each one's state and\n"
+         "                exit: 0 when all are granted, 1 otherwise\n"
          "  --help        show this text\n"
          "  --version     show the protocol and build version\n";
 }
@@ -63,6 +67,10 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
     }
     if (arg == "--version") {
       result.action = CommandLine::Action::version;
+      return result;
+    }
+    if (arg == "--request-grants") {
+      result.action = CommandLine::Action::requestGrants;
       return result;
     }
     if (arg == "--unix" && i + 1 < argc && argv[i + 1][0] != '\0') {
@@ -84,6 +92,43 @@ std::string readinessLine(Desktop& desktop) {
   const bool postEvent = desktop.postEventAccess();
   return std::string("readiness: accessibility=") + word(accessibility) +
          " screenRecording=" + word(screenRecording) + " postEvent=" + word(postEvent);
+}
+
+std::string requestGrantsReport(Desktop& desktop) {
+  desktop.requestGrants();
+  const bool macos = desktop.kind() == "macos";
+  struct Grant {
+    const char* name;
+    bool granted;
+    const char* settingsPane;  // System Settings > Privacy & Security > ...
+    const char* elsewhere;     // what the grant stands for on other desktops
+  };
+  const Grant grants[] = {
+      {"accessibility", desktop.accessibilityTrusted(), "Accessibility",
+       "the accessibility bus of the desktop session must answer"},
+      {"screen recording", desktop.screenCaptureAccess(), "Screen & System Audio Recording",
+       "a display must answer (DISPLAY)"},
+      {"input synthesis", desktop.postEventAccess(), "Accessibility",
+       "a display with the XTEST extension must answer (DISPLAY)"},
+  };
+  std::string report;
+  for (const Grant& grant : grants) {
+    report += std::string(grant.name) + ": ";
+    if (grant.granted) {
+      report += "granted\n";
+    } else if (macos) {
+      report += std::string("not granted \u2014 turn TervainVMAgent on in System Settings > "
+                            "Privacy & Security > ") + grant.settingsPane + "\n";
+    } else {
+      report += std::string("not granted \u2014 ") + grant.elsewhere + "\n";
+    }
+  }
+  if (macos) {
+    report +=
+        "A screen recording grant given while the agent runs takes effect only after a restart: "
+        "launchctl kickstart -k gui/$(id -u)/dev.tervain.vmagent\n";
+  }
+  return report;
 }
 
 std::string execShellLine(const char* disableValue, bool agentShellInstalled,
@@ -170,6 +215,11 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
       std::printf("TervainVMAgent protocol v%d (build %.*s)\n", AgentWire::version,
                   static_cast<int>(kBuildVersion.size()), kBuildVersion.data());
       return 0;
+    case CommandLine::Action::requestGrants: {
+      const std::string report = requestGrantsReport(desktop);
+      std::fputs(report.c_str(), stdout);
+      return report.find("not granted") == std::string::npos ? 0 : 1;
+    }
     case CommandLine::Action::usageError:
       std::fprintf(stderr, "TervainVMAgent: %s\n\n%s", commandLine.problem.c_str(),
                    usageText().c_str());

@@ -18,7 +18,7 @@ inline constexpr std::string_view kBuildVersion = "0.1.0";
 std::uint32_t choosePort(const char* environmentValue);
 
 struct CommandLine {
-  enum class Action { serve, help, version, usageError };
+  enum class Action { serve, help, version, requestGrants, usageError };
   Action action = Action::serve;
   std::optional<std::string> unixPath;  // --unix PATH: listen there instead of on vsock
   std::string problem;                  // what was wrong, for usageError
@@ -34,6 +34,10 @@ std::string readinessLine(Desktop& desktop);
 // the agent shell is installed and the platform's shell for when it is not.
 std::string execShellLine(const char* disableValue, bool agentShellInstalled,
                           const std::optional<std::string>& withoutAgentShell);
+
+// What --request-grants prints: one line per grant with its state and, for a missing one, what
+// to do; then the note about screen recording. Asks the desktop to prompt first.
+std::string requestGrantsReport(Desktop& desktop);
 
 // The whole agent: parses the command line, logs, listens, serves for good. Returns only with an
 // exit status (help, version, usage error, or a listener that could not be made). SIGTERM and

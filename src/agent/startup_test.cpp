@@ -39,6 +39,7 @@ TEST(StartupTest, CommandLine) {
   EXPECT_EQ(parse({"--unix", "/tmp/a.sock"}).unixPath, "/tmp/a.sock");
   EXPECT_EQ(parse({"--help"}).action, Action::help);
   EXPECT_EQ(parse({"--version"}).action, Action::version);
+  EXPECT_EQ(parse({"--request-grants"}).action, Action::requestGrants);
   EXPECT_EQ(parse({"--unix"}).action, Action::usageError);
   EXPECT_EQ(parse({"--unix", ""}).action, Action::usageError);
   EXPECT_EQ(parse({"--port", "5"}).action, Action::usageError);
@@ -92,6 +93,39 @@ TEST(StartupTest, StopSignalsLogRemoveTheSocketAndExitZero) {
         << agent.log();
     struct stat st {};
     EXPECT_EQ(::stat(agent.socketPath().c_str(), &st) == 0, replaced) << name;
+  }
+}
+
+TEST(StartupTest, RequestGrantsPromptsThenSaysWhatToDo) {
+  const struct {
+    const char* kind;
+    bool accessibility, screenRecording, postEvent;
+    const char* report;
+  } cases[] = {
+      {"macos", true, true, true,
+       "accessibility: granted\nscreen recording: granted\ninput synthesis: granted\n"},
+      {"macos", false, true, false,
+       "accessibility: not granted \u2014 turn TervainVMAgent on in System Settings > Privacy & "
+       "Security > Accessibility\nscreen recording: granted\ninput synthesis: not granted \u2014 "
+       "turn TervainVMAgent on in System Settings > Privacy & Security > Accessibility\n"},
+      {"x11", true, false, true,
+       "accessibility: granted\nscreen recording: not granted \u2014 a display must answer "
+       "(DISPLAY)\ninput synthesis: granted\n"},
+  };
+  for (const auto& c : cases) {
+    testing::FakeDesktop desktop;
+    desktop.kindName = c.kind;
+    desktop.accessibility = c.accessibility;
+    desktop.screenRecording = c.screenRecording;
+    desktop.postEvents = c.postEvent;
+    std::string expected = c.report;
+    if (desktop.kindName == "macos") {
+      expected +=
+          "A screen recording grant given while the agent runs takes effect only after a "
+          "restart: launchctl kickstart -k gui/$(id -u)/dev.tervain.vmagent\n";
+    }
+    EXPECT_EQ(requestGrantsReport(desktop), expected) << c.kind;
+    EXPECT_EQ(desktop.grantRequests, 1);
   }
 }
 

@@ -1,4 +1,4 @@
-// UTF-8 to UTF-16 conversion for text that the platform takes as UTF-16 code units.
+// Conversion between UTF-8 and the UTF-16 code units that platform text APIs speak.
 #pragma once
 
 #include <string>
@@ -10,5 +10,9 @@ namespace tervain {
 // that do not form a valid sequence (stray continuation bytes, overlong forms, encoded
 // surrogates, values above U+10FFFF, truncated sequences) become one U+FFFD each.
 std::u16string utf8ToUtf16(std::string_view text);
+
+// The UTF-8 text of UTF-16 code units. A surrogate without its partner (which platform strings
+// may hold) becomes U+FFFD and the conversion goes on: a title or value is never cut short.
+std::string utf16ToUtf8(std::u16string_view units);
 
 }  // namespace tervain

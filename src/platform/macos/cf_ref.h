@@ -7,7 +7,10 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
+#include <string>
 #include <utility>
+
+#include "core/utf16.h"
 
 namespace tervain::macos {
 
@@ -46,5 +49,17 @@ class CFRef {
 
   Ref ref = nullptr;
 };
+
+// The UTF-8 text of a platform string, read through its UTF-16 units: CFStringGetBytes and
+// -UTF8String stop (or give nothing) at an unpaired surrogate, which would cut a title, a value or
+// an application's name short. Such a surrogate becomes U+FFFD. Null gives "".
+inline std::string toUtf8(CFStringRef text) {
+  if (!text) return std::string();
+  const CFIndex length = CFStringGetLength(text);
+  std::u16string units(static_cast<std::size_t>(length), u'\0');
+  static_assert(sizeof(UniChar) == sizeof(char16_t));
+  CFStringGetCharacters(text, CFRange{0, length}, reinterpret_cast<UniChar*>(units.data()));
+  return utf16ToUtf8(units);
+}
 
 }  // namespace tervain::macos

@@ -44,17 +44,6 @@ CFRef<CFStringRef> makeString(const std::string& text) {
       static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false));
 }
 
-std::string toUtf8(CFStringRef text) {
-  const CFRange all{0, CFStringGetLength(text)};
-  CFIndex size = 0;
-  CFStringGetBytes(text, all, kCFStringEncodingUTF8, 0, false, nullptr, 0, &size);
-  std::string out(static_cast<std::size_t>(size), '\0');
-  CFStringGetBytes(text, all, kCFStringEncodingUTF8, 0, false,
-                   reinterpret_cast<UInt8*>(out.data()), size, &size);
-  out.resize(static_cast<std::size_t>(size));
-  return out;
-}
-
 AXValue convertNumber(CFNumberRef number) {
   if (CFNumberIsFloatType(number)) {
     double real = 0;
@@ -142,14 +131,9 @@ AXValue convertValue(CFTypeRef value) {
 
 // A creation that yields null still gives a handle (the portable code uses it unchecked, as
 // the platform's own callers may): every call on it answers kAXErrorIllegalArgument.
-ElementRef MacDesktop::createApplicationElement(std::int32_t pid) {
+ElementRef MacDesktop::applicationElement(std::int32_t pid) {
   return std::make_shared<const MacElement>(
       CFRef<AXUIElementRef>(AXUIElementCreateApplication(static_cast<pid_t>(pid))));
-}
-
-ElementRef MacDesktop::createSystemWideElement() {
-  return std::make_shared<const MacElement>(
-      CFRef<AXUIElementRef>(AXUIElementCreateSystemWide()));
 }
 
 AXResult MacDesktop::setMessagingTimeout(const Element& element, float seconds) {
@@ -214,13 +198,13 @@ AXResult MacDesktop::setAttributeValue(const Element& element, const std::string
   return AXUIElementSetAttributeValue(ref, name.get(), text.get());
 }
 
-AXResult MacDesktop::copyElementAtPosition(const Element& systemWide, float x, float y,
-                                           ElementRef& out) {
+AXResult MacDesktop::elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) {
   out = nullptr;
-  const AXUIElementRef ref = refOf(systemWide);
-  if (!ref) return AXError::illegalArgument;
+  const CFRef<AXUIElementRef> systemWide(AXUIElementCreateSystemWide());
+  if (!systemWide) return AXError::illegalArgument;
+  AXUIElementSetMessagingTimeout(systemWide.get(), timeoutSeconds);
   AXUIElementRef raw = nullptr;
-  const ::AXError result = AXUIElementCopyElementAtPosition(ref, x, y, &raw);
+  const ::AXError result = AXUIElementCopyElementAtPosition(systemWide.get(), x, y, &raw);
   // Adopted whatever the result, so a reference handed out with an error is not leaked.
   ElementRef found = adopt(raw);
   if (result == kAXErrorSuccess) out = std::move(found);

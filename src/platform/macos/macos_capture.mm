@@ -1,4 +1,4 @@
-// Screen capture through ScreenCaptureKit and JPEG encoding through NSBitmapImageRep.
+// Screen capture through ScreenCaptureKit and JPEG or PNG encoding through NSBitmapImageRep.
 // Objective-C++ (ARC) because ScreenCaptureKit offers only classes and completion handlers.
 //
 // The seam's capture calls are blocking: each bridges one completion handler with a dispatch
@@ -32,13 +32,23 @@ class MacShareableDisplay final : public ShareableDisplay {
 
 std::string describe(NSError* _Nullable error) {
   if (!error) return std::string();
-  const char* text = error.localizedDescription.UTF8String;
-  return text ? std::string(text) : std::string();
+  return toUtf8((__bridge CFStringRef)error.localizedDescription);
 }
 
 SCContentFilter* wholeDisplayFilter(const ShareableDisplay& display) {
   SCDisplay* scDisplay = static_cast<const MacShareableDisplay&>(display).get();
   return [[SCContentFilter alloc] initWithDisplay:scDisplay excludingWindows:@[]];
+}
+
+// How long a capture thread waits for ScreenCaptureKit: a little past the 15 s the operation
+// itself waits, so the worker ends soon after its request has given up. A service that never
+// answers would otherwise strand one thread per screenshot. The handler may still run later; it
+// only touches its own box.
+constexpr std::int64_t kServiceDeadlineNanos = 16 * static_cast<std::int64_t>(NSEC_PER_SEC);
+constexpr const char* kNoAnswer = "the capture service did not answer within 16 s";
+
+bool waitForService(dispatch_semaphore_t done) {
+  return dispatch_semaphore_wait(done, dispatch_time(DISPATCH_TIME_NOW, kServiceDeadlineNanos)) == 0;
 }
 
 struct ContentBox {
@@ -63,9 +73,11 @@ ShareableContent MacDesktop::copyShareableContent() {
       box->error = error;
       dispatch_semaphore_signal(done);
     }];
-    dispatch_semaphore_wait(done, DISPATCH_TIME_FOREVER);
-
     ShareableContent result;
+    if (!waitForService(done)) {
+      result.error = kNoAnswer;
+      return result;
+    }
     if (box->error || !box->content) {
       result.error = box->error ? describe(box->error) : std::string("no shareable content");
       return result;
@@ -90,15 +102,18 @@ ContentFilterGeometry MacDesktop::contentFilterGeometry(const ShareableDisplay& 
   }
 }
 
-CapturedImage MacDesktop::captureImage(const ShareableDisplay& display, std::int64_t pixelWidth,
-                                       std::int64_t pixelHeight, bool showsCursor,
-                                       double jpegQuality) {
+CapturedImage MacDesktop::captureImage(const ShareableDisplay& display,
+                                       const CaptureRequest& request) {
   @autoreleasepool {
     SCContentFilter* filter = wholeDisplayFilter(display);
     SCStreamConfiguration* configuration = [[SCStreamConfiguration alloc] init];
-    configuration.width = pixelWidth > 0 ? static_cast<size_t>(pixelWidth) : 0;
-    configuration.height = pixelHeight > 0 ? static_cast<size_t>(pixelHeight) : 0;
-    configuration.showsCursor = showsCursor;
+    configuration.width = request.pixelWidth > 0 ? static_cast<size_t>(request.pixelWidth) : 0;
+    configuration.height = request.pixelHeight > 0 ? static_cast<size_t>(request.pixelHeight) : 0;
+    configuration.showsCursor = request.showsCursor;
+    if (request.region) {
+      configuration.sourceRect = CGRect{CGPoint{request.region->x, request.region->y},
+                                        CGSize{request.region->width, request.region->height}};
+    }
 
     auto box = std::make_shared<ImageBox>();
     dispatch_semaphore_t done = dispatch_semaphore_create(0);
@@ -111,9 +126,12 @@ CapturedImage MacDesktop::captureImage(const ShareableDisplay& display, std::int
                box->error = error;
                dispatch_semaphore_signal(done);
              }];
-    dispatch_semaphore_wait(done, DISPATCH_TIME_FOREVER);
-
     CapturedImage captured;
+    if (!waitForService(done)) {
+      captured.status = CapturedImage::Status::captureFailed;
+      captured.error = kNoAnswer;
+      return captured;
+    }
     if (box->error || !box->image) {
       captured.status = CapturedImage::Status::captureFailed;
       captured.error = box->error ? describe(box->error) : std::string("no image was captured");
@@ -124,13 +142,16 @@ CapturedImage MacDesktop::captureImage(const ShareableDisplay& display, std::int
     captured.height = static_cast<std::int64_t>(CGImageGetHeight(image));
 
     NSBitmapImageRep* bitmap = [[NSBitmapImageRep alloc] initWithCGImage:image];
-    NSData* jpeg = [bitmap representationUsingType:NSBitmapImageFileTypeJPEG
-                                        properties:@{NSImageCompressionFactor : @(jpegQuality)}];
-    if (!jpeg) {
+    NSData* encoded =
+        request.format == ImageFormat::png
+            ? [bitmap representationUsingType:NSBitmapImageFileTypePNG properties:@{}]
+            : [bitmap representationUsingType:NSBitmapImageFileTypeJPEG
+                                   properties:@{NSImageCompressionFactor : @(request.quality)}];
+    if (!encoded) {
       captured.status = CapturedImage::Status::encodingFailed;
       return captured;
     }
-    captured.jpeg.assign(static_cast<const char*>(jpeg.bytes), jpeg.length);
+    captured.bytes.assign(static_cast<const char*>(encoded.bytes), encoded.length);
     return captured;
   }
 }
