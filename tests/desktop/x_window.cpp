@@ -1,9 +1,11 @@
 #include "x_window.h"
 
+#include <X11/Xatom.h>
 #include <X11/Xutil.h>
 #include <X11/keysym.h>
 #include <poll.h>
 
+#include <thread>
 #include <utility>
 
 namespace tervain::testing {
@@ -94,5 +96,76 @@ std::vector<XEvent> XWindow::events(std::size_t count, std::chrono::milliseconds
 }
 
 std::u32string XWindow::takeTypedText() { return std::exchange(typed, {}); }
+
+std::optional<TopLevel> findTopLevel(Display* display, const std::string& resName,
+                                     std::chrono::milliseconds within) {
+  const Atom clients = XInternAtom(display, "_NET_CLIENT_LIST", False);
+  const Atom pidAtom = XInternAtom(display, "_NET_WM_PID", False);
+  const auto deadline = std::chrono::steady_clock::now() + within;
+  while (std::chrono::steady_clock::now() < deadline) {
+    Atom type = 0;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char* data = nullptr;
+    if (XGetWindowProperty(display, DefaultRootWindow(display), clients, 0, 1024, False,
+                           XA_WINDOW, &type, &format, &count, &after, &data) == Success &&
+        data != nullptr) {
+      const auto* windows = reinterpret_cast<const unsigned long*>(data);
+      for (unsigned long i = 0; i < count; ++i) {
+        XClassHint hint{};
+        if (XGetClassHint(display, windows[i], &hint) == 0) continue;
+        const bool factory = std::string(hint.res_name) == resName;
+        XFree(hint.res_name);
+        XFree(hint.res_class);
+        if (!factory) continue;
+        TopLevel found{windows[i]};
+        ::Window child = 0;
+        XTranslateCoordinates(display, found.id, DefaultRootWindow(display), 0, 0, &found.x,
+                              &found.y, &child);
+        unsigned char* pidData = nullptr;
+        unsigned long n = 0;
+        if (XGetWindowProperty(display, found.id, pidAtom, 0, 1, False, XA_CARDINAL, &type,
+                               &format, &n, &after, &pidData) == Success && pidData != nullptr) {
+          if (n == 1) found.pid = static_cast<pid_t>(*reinterpret_cast<unsigned long*>(pidData));
+          XFree(pidData);
+        }
+        XFree(data);
+        return found;
+      }
+      XFree(data);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> clipboardText(Display* display) {
+  const ::Window window = XCreateSimpleWindow(display, DefaultRootWindow(display), 0, 0, 1, 1,
+                                              0, 0, 0);
+  const Atom clipboard = XInternAtom(display, "CLIPBOARD", False);
+  const Atom utf8 = XInternAtom(display, "UTF8_STRING", False);
+  const Atom property = XInternAtom(display, "TERVAIN_CLIPBOARD", False);
+  XConvertSelection(display, clipboard, utf8, property, window, CurrentTime);
+  XFlush(display);
+  std::optional<std::string> text;
+  for (int i = 0; i < 100 && !text; ++i) {
+    XEvent event;
+    if (XCheckTypedWindowEvent(display, window, SelectionNotify, &event)) {
+      if (event.xselection.property == None) break;
+      Atom type = 0;
+      int format = 0;
+      unsigned long count = 0, after = 0;
+      unsigned char* data = nullptr;
+      XGetWindowProperty(display, window, property, 0, 1 << 20, True, AnyPropertyType, &type,
+                         &format, &count, &after, &data);
+      text = std::string(reinterpret_cast<const char*>(data), count);
+      XFree(data);
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  XDestroyWindow(display, window);
+  return text;
+}
 
 }  // namespace tervain::testing

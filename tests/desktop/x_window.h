@@ -4,7 +4,10 @@
 
 #include <X11/Xlib.h>
 
+#include <sys/types.h>
+
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,5 +36,20 @@ class XWindow {
   Window window = 0;
   std::u32string typed;
 };
+
+// A top-level window of an application, as the window manager lists it.
+struct TopLevel {
+  Window id = 0;
+  int x = 0, y = 0;  // its origin on the screen
+  pid_t pid = 0;     // _NET_WM_PID, 0 when not set
+};
+
+// The first top-level window whose WM_CLASS name is resName; nothing within the time.
+std::optional<TopLevel> findTopLevel(Display* display, const std::string& resName,
+                                     std::chrono::milliseconds within);
+
+// The CLIPBOARD selection's text, asked for as UTF8_STRING as a client would; nothing when no
+// one owns it or the owner does not answer within 2 s.
+std::optional<std::string> clipboardText(Display* display);
 
 }  // namespace tervain::testing

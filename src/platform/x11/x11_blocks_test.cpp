@@ -6,6 +6,7 @@
 #include <X11/Xlib.h>
 #include <X11/keysym.h>
 // clang-format on
+#include <png.h>
 #include <turbojpeg.h>
 
 #include <memory>
@@ -186,7 +187,7 @@ TEST_F(X11Blocks, CaptureShowsWhatIsOnTheScreenWithTheCursorWhenAsked) {
 
   const auto shot = [&](Area area, bool cursor) {
     std::string error;
-    Jpeg jpeg;
+    Encoded jpeg;
     EXPECT_TRUE(capture.grab(area, cursor, [&](const Pixels& p) { jpeg = encodeJpeg(p, 70); }, error))
         << error;
     EXPECT_TRUE(jpeg.ok) << jpeg.error;
@@ -203,6 +204,26 @@ TEST_F(X11Blocks, CaptureShowsWhatIsOnTheScreenWithTheCursorWhenAsked) {
   EXPECT_TRUE(near(part.at(0, 0), 0xd02020));
   EXPECT_TRUE(near(part.at(299, 199), 0xd02020));
 
+  // PNG is lossless: the window's colour exactly, and its edge exactly where it is.
+  std::string error;
+  Encoded png;
+  ASSERT_TRUE(capture.grab({190, 140, 20, 20}, false, [&](const Pixels& p) { png = encodePng(p); },
+                           error));
+  ASSERT_TRUE(png.ok) << png.error;
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  ASSERT_TRUE(png_image_begin_read_from_memory(&image, png.bytes.data(), png.bytes.size()));
+  image.format = PNG_FORMAT_RGB;
+  std::vector<unsigned char> rgb(PNG_IMAGE_SIZE(image));
+  ASSERT_TRUE(png_image_finish_read(&image, nullptr, rgb.data(), 0, nullptr));
+  ASSERT_EQ(image.width, 20u);
+  const auto rgbAt = [&](int x, int y) {
+    const unsigned char* p = &rgb[static_cast<std::size_t>((y * 20 + x) * 3)];
+    return (unsigned long)p[0] << 16 | (unsigned long)p[1] << 8 | p[2];
+  };
+  EXPECT_EQ(rgbAt(10, 10), 0xd02020u);
+  EXPECT_NE(rgbAt(9, 9), 0xd02020u);
+
   // The cursor changes pixels around the pointer, and only there.
   const Decoded plain = shot({900, 500, 200, 200}, false);
   const Decoded withCursor = shot({900, 500, 200, 200}, true);
@@ -217,7 +238,6 @@ TEST_F(X11Blocks, CaptureShowsWhatIsOnTheScreenWithTheCursorWhenAsked) {
   EXPECT_EQ(changedFar, 0);
 
   EXPECT_TRUE(capture.sharedMemory()) << "the grabs fell back to XGetImage";
-  std::string error;
   EXPECT_FALSE(capture.grab({1900, 0, 100, 100}, false, [](const Pixels&) {}, error));
   EXPECT_EQ(error, "the area is outside the screen");
 }

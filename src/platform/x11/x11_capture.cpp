@@ -4,7 +4,6 @@
 #include <X11/extensions/Xfixes.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
-#include <turbojpeg.h>
 
 #include <algorithm>
 #include <memory>
@@ -23,28 +22,6 @@ void destroyImage(XImage*& image) {
 }
 
 }  // namespace
-
-Jpeg encodeJpeg(const Pixels& pixels, int quality) {
-  Jpeg result;
-  // A handle is cheap next to an encode (microseconds) and cannot be shared between threads.
-  std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitCompress(), tjDestroy);
-  if (!handle) {
-    result.error = "the JPEG encoder could not start";
-    return result;
-  }
-  unsigned char* out = nullptr;
-  unsigned long size = 0;
-  if (tjCompress2(handle.get(), pixels.data, pixels.width, pixels.stride, pixels.height,
-                  TJPF_BGRX, &out, &size, TJSAMP_420, std::clamp(quality, 1, 100), 0) != 0) {
-    result.error = tjGetErrorStr2(handle.get());
-    tjFree(out);
-    return result;
-  }
-  result.bytes.assign(reinterpret_cast<const char*>(out), size);
-  tjFree(out);
-  result.ok = true;
-  return result;
-}
 
 Capture::~Capture() {
   connection.run([this](Display* display) {

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/x11/image_encoding.h"
 #include "platform/x11/x11_connection.h"
 
 #include <X11/Xlib.h>
@@ -19,22 +20,6 @@ namespace tervain::x11 {
 struct Area {
   int x = 0, y = 0, width = 0, height = 0;
 };
-
-// Pixels as 4 bytes each: blue, green, red, unused (the layout of a 24- or 32-bit TrueColor
-// visual on a little-endian server).
-struct Pixels {
-  const std::uint8_t* data = nullptr;
-  int width = 0, height = 0, stride = 0;  // stride in bytes
-};
-
-struct Jpeg {
-  bool ok = false;
-  std::string error;  // why not, when !ok
-  std::string bytes;
-};
-
-// Encodes BGRX pixels as baseline JPEG (4:2:0) at quality 1..100. Thread-safe.
-Jpeg encodeJpeg(const Pixels& pixels, int quality);
 
 class Capture {
  public:

@@ -1,5 +1,6 @@
 #include "platform/x11/x11_screen.h"
 
+#include <X11/Xatom.h>
 #include <X11/extensions/Xrandr.h>
 
 namespace tervain::x11 {
@@ -41,6 +42,42 @@ std::optional<PointerPosition> pointer(Connection& connection) {
   });
   if (!answered) return std::nullopt;
   return position;
+}
+
+namespace {
+
+// The first 32-bit item of a window property, when it has one of the type.
+std::optional<unsigned long> cardinalProperty(Display* display, Window window, const char* name,
+                                              Atom type) {
+  Atom actualType = 0;
+  int format = 0;
+  unsigned long count = 0, after = 0;
+  unsigned char* data = nullptr;
+  const Atom property = XInternAtom(display, name, False);
+  std::optional<unsigned long> value;
+  if (XGetWindowProperty(display, window, property, 0, 1, False, type, &actualType, &format,
+                         &count, &after, &data) == Success &&
+      data != nullptr && count == 1 && format == 32) {
+    value = *reinterpret_cast<const unsigned long*>(data);  // Xlib widens 32-bit items to long
+  }
+  if (data != nullptr) XFree(data);
+  return value;
+}
+
+}  // namespace
+
+std::optional<std::int32_t> activeWindowPid(Connection& connection) {
+  std::optional<std::int32_t> pid;
+  connection.run([&pid](Display* display) {
+    const auto window =
+        cardinalProperty(display, DefaultRootWindow(display), "_NET_ACTIVE_WINDOW", XA_WINDOW);
+    if (!window || *window == 0) return true;
+    if (const auto value = cardinalProperty(display, *window, "_NET_WM_PID", XA_CARDINAL)) {
+      pid = static_cast<std::int32_t>(*value);
+    }
+    return true;
+  });
+  return pid;
 }
 
 }  // namespace tervain::x11

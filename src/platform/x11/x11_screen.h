@@ -30,4 +30,8 @@ struct PointerPosition {
 // The pointer on the root window; nothing when the display does not answer.
 std::optional<PointerPosition> pointer(Connection& connection);
 
+// The process id of the window manager's active window (_NET_ACTIVE_WINDOW, _NET_WM_PID);
+// nothing when there is none or it does not say.
+std::optional<std::int32_t> activeWindowPid(Connection& connection);
+
 }  // namespace tervain::x11
