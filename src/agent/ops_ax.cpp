@@ -25,6 +25,7 @@
 #include "core/ax_text.h"
 #include "core/json_writer.h"
 #include "core/request_members.h"
+#include "core/vocabulary.h"
 
 namespace tervain {
 namespace {
@@ -41,17 +42,16 @@ constexpr std::int64_t kMaxDepth = 25;
 constexpr float kMessagingTimeoutSeconds = 1.5f;
 constexpr std::size_t kValueCharacters = 250;
 
-// Attribute and action names, built once: every element of a dump reads most of them.
-const std::string kRole = "AXRole";
-const std::string kSubrole = "AXSubrole";
-const std::string kTitle = "AXTitle";
-const std::string kValue = "AXValue";
-const std::string kEnabled = "AXEnabled";
-const std::string kFocused = "AXFocused";
-const std::string kPosition = "AXPosition";
-const std::string kSize = "AXSize";
-const std::string kChildren = "AXChildren";
-const std::string kPress = "AXPress";
+const std::string& kRole = AX::role;
+const std::string& kSubrole = AX::subrole;
+const std::string& kTitle = AX::title;
+const std::string& kValue = AX::value;
+const std::string& kEnabled = AX::enabled;
+const std::string& kFocused = AX::focused;
+const std::string& kPosition = AX::position;
+const std::string& kSize = AX::size;
+const std::string& kChildren = AX::children;
+const std::string& kPress = AX::press;
 
 // The platform's number objects: integers, reals and booleans alike.
 std::optional<bool> numberTruth(const AXValue& value) {
@@ -276,7 +276,7 @@ Reply ConnectionHandler::opAXDump(const Json& request) {
   // Only now, with a target chosen, do the previous dump's refs go.
   axRegistry.reset();
 
-  const ElementRef application = desktop.createApplicationElement(pid);
+  const ElementRef application = desktop.applicationElement(pid);
   if (application) desktop.setMessagingTimeout(*application, kMessagingTimeoutSeconds);
 
   std::int64_t budget = kNodeBudget;
@@ -298,14 +298,9 @@ Reply ConnectionHandler::opAXElementAt(const Json& request) {
   const std::optional<std::int64_t> y = integerMember(request, "y");
   if (!x || !y) return Reply::failure("ax_element_at requires x and y");
 
-  const ElementRef systemWide = desktop.createSystemWideElement();
   ElementRef found;
-  AXResult code = AXError::failure;
-  if (systemWide) {
-    desktop.setMessagingTimeout(*systemWide, kMessagingTimeoutSeconds);
-    code = desktop.copyElementAtPosition(*systemWide, static_cast<float>(*x),
-                                         static_cast<float>(*y), found);
-  }
+  const AXResult code = desktop.elementAtPoint(static_cast<float>(*x), static_cast<float>(*y),
+                                               kMessagingTimeoutSeconds, found);
   if (code != AXError::success || !found) {
     return Reply::failure("no accessible element at (" + std::to_string(*x) + ", " +
                           std::to_string(*y) + ") (" + describe(code) + ")");

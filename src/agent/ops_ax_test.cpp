@@ -135,7 +135,7 @@ TEST_F(AXTest, HitTestAddsTheNextRefAndKeepsTheDumpRefs) {
   const ElementRef button = withRole("AXButton");
   frontmost(element({}, {button, element()}));
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = button;
+  desktop.elementAt = button;
   EXPECT_EQ(refsOf(tree()), refRange(1, 3));
 
   const Json hit = send({{"op", "ax_element_at"}, {"x", 5}, {"y", 6}});
@@ -207,7 +207,7 @@ TEST_F(AXTest, HandlesAreReleasedOnTheNextDumpAndWithTheHandler) {
 TEST_F(AXTest, RegistryHoldsHitElementsUntilTheNextDump) {
   ElementRef hit = element();
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = hit;
+  desktop.elementAt = hit;
   const long held = hit.use_count();
   send({{"op", "ax_element_at"}, {"x", 1}, {"y", 1}});
   send({{"op", "ax_element_at"}, {"x", 1}, {"y", 1}});
@@ -572,14 +572,15 @@ TEST_F(AXTest, ElementAtAsksTheSystemWideElementWithATimeout) {
                      {"AXSize", Size{80, 24}}};
   node.actionNames = std::vector<std::string>{"AXPress"};
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = element(std::move(node), leaves(3));
+  desktop.elementAt = element(std::move(node), leaves(3));
 
   const Json reply = send({{"op", "ax_element_at"}, {"x", -200}, {"y", 50}});
   EXPECT_EQ(reply, Json::parse(R"({"ok":true,"node":{"ref":"e1","role":"AXButton","title":"OK",
       "frame":{"x":-201,"y":40,"w":80,"h":24},"actions":["AXPress"]}})"));
-  EXPECT_EQ(desktop.hitTests, (std::vector<std::pair<float, float>>{{-200.0f, 50.0f}}));
-  EXPECT_EQ(desktop.messagingTimeouts,
-            (std::vector<std::pair<int, float>>{{desktop.idOf(*desktop.systemWide), 1.5f}}));
+  ASSERT_EQ(desktop.hitTests.size(), 1u);
+  EXPECT_EQ(desktop.hitTests[0].x, -200.0f);
+  EXPECT_EQ(desktop.hitTests[0].y, 50.0f);
+  EXPECT_EQ(desktop.hitTests[0].timeoutSeconds, 1.5f);
 }
 
 TEST_F(AXTest, ElementAtFailuresDescribeTheResultCode) {
@@ -590,11 +591,11 @@ TEST_F(AXTest, ElementAtFailuresDescribeTheResultCode) {
   EXPECT_EQ(error({{"op", "ax_element_at"}, {"x", -5}, {"y", 0}}),
             "no accessible element at (-5, 0) (AXError -25200)");
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = nullptr;
+  desktop.elementAt = nullptr;
   EXPECT_EQ(error({{"op", "ax_element_at"}, {"x", 1}, {"y", 2}}),
             "no accessible element at (1, 2) (success)");
   // Failures mint no ref.
-  desktop.elementAtPoint = element();
+  desktop.elementAt = element();
   EXPECT_EQ(send({{"op", "ax_element_at"}, {"x", 1}, {"y", 2}})["node"]["ref"], "e1");
 }
 

@@ -47,8 +47,13 @@ Reply ConnectionHandler::captureDisplay(Desktop& desktop, std::int64_t index) {
   const ContentFilterGeometry geometry = desktop.contentFilterGeometry(display);
   const std::int64_t width = pixelsOf(geometry.width, geometry.pointPixelScale);
   const std::int64_t height = pixelsOf(geometry.height, geometry.pointPixelScale);
-  CapturedImage image =
-      desktop.captureImage(display, width, height, /*showsCursor=*/true, kJpegQuality);
+  CaptureRequest request;
+  request.pixelWidth = width;
+  request.pixelHeight = height;
+  request.showsCursor = true;
+  request.format = ImageFormat::jpeg;
+  request.quality = kJpegQuality;
+  CapturedImage image = desktop.captureImage(display, request);
   switch (image.status) {
     case CapturedImage::Status::captureFailed:
       return Reply::failure(kCaptureFailed + image.error);
@@ -64,7 +69,7 @@ Reply ConnectionHandler::captureDisplay(Desktop& desktop, std::int64_t index) {
   reply.body["height"] = image.height;
   reply.body["scale"] = static_cast<double>(geometry.pointPixelScale);
   // Megabytes: written as base64 straight into the reply's bytes, never through the JSON model.
-  reply.base64Members.emplace_back("image", std::move(image.jpeg));
+  reply.base64Members.emplace_back("image", std::move(image.bytes));
   return reply;
 }
 
