@@ -37,13 +37,16 @@ std::uint32_t choosePort(const char* environmentValue) {
 }
 
 std::string usageText() {
-  return "usage: TervainVMAgent [--unix PATH]\n"
+  return "usage: TervainVMAgent [--unix PATH] [--desktop x11|headless|auto]\n"
          "\n"
          "Serves the host's requests, one JSON object per line, on vsock port 2035 (or\n"
          "TERVAIN_AGENT_PORT) inside a macOS guest.\n"
          "\n"
          "  --unix PATH   listen on a Unix-domain socket at PATH instead (mode 0600),\n"
          "                for development, tests and hosts that proxy vsock to a socket\n"
+         "  --desktop KIND  the desktop to drive: x11 (the X display in $DISPLAY), headless\n"
+         "                (none), or auto (x11 when $DISPLAY answers, else headless; the\n"
+         "                default, and the only choice on macOS)\n"
          "  --help        show this text\n"
          "  --version     show the protocol and build version\n";
 }
@@ -64,9 +67,17 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
       result.unixPath = argv[++i];
       continue;
     }
+    if (arg == "--desktop" && i + 1 < argc) {
+      const std::string_view kind(argv[i + 1]);
+      if (kind == "x11" || kind == "headless" || kind == "auto") {
+        result.desktop = argv[++i];
+        continue;
+      }
+    }
     result.action = CommandLine::Action::usageError;
-    result.problem = arg == "--unix" ? "--unix needs a socket path"
-                                     : "unknown argument '" + std::string(arg) + "'";
+    result.problem = arg == "--unix"      ? "--unix needs a socket path"
+                     : arg == "--desktop" ? "--desktop takes x11, headless or auto"
+                                          : "unknown argument '" + std::string(arg) + "'";
     return result;
   }
   return result;
@@ -81,7 +92,9 @@ std::string readinessLine(Desktop& desktop) {
          " screenRecording=" + word(screenRecording) + " postEvent=" + word(postEvent);
 }
 
-int runAgent(int argc, const char* const* argv, Desktop& desktop) {
+std::string desktopLine(Desktop& desktop) { return "desktop: " + std::string(desktop.kind()); }
+
+int runAgent(int argc, const char* const* argv, DesktopChooser chooseDesktop) {
   // A launcher may start us with a standard descriptor closed. The next socket or pipe would then
   // take its number, and an exec child's dup2 onto 0-2 could clobber it: fill the gap first.
   for (int fd = 0; fd <= 2; ++fd) {
@@ -103,6 +116,13 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
     case CommandLine::Action::serve:
       break;
   }
+  std::string problem;
+  Desktop* const chosen = chooseDesktop(commandLine.desktop, problem);
+  if (chosen == nullptr) {
+    std::fprintf(stderr, "TervainVMAgent: %s\n\n%s", problem.c_str(), usageText().c_str());
+    return 2;
+  }
+  Desktop& desktop = *chosen;
 
   // Writing to a host that has gone must fail with EPIPE, not end the agent.
   std::signal(SIGPIPE, SIG_IGN);
@@ -114,6 +134,7 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
     const std::string& path = *commandLine.unixPath;
     agentLog(protocol + " starting on unix socket " + path);
     agentLog(readinessLine(desktop));
+    agentLog(desktopLine(desktop));
     try {
       listener.emplace(AgentListener::UnixSocket{path});
     } catch (const AgentError& e) {
@@ -124,6 +145,7 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
     const std::uint32_t port = choosePort(std::getenv("TERVAIN_AGENT_PORT"));
     agentLog(protocol + " starting on vsock port " + std::to_string(port));
     agentLog(readinessLine(desktop));
+    agentLog(desktopLine(desktop));
     try {
       listener.emplace(port);
     } catch (const AgentError& e) {

@@ -118,7 +118,7 @@ TEST_F(X11Blocks, KeysCarryTheirModifiersAndReleaseThem) {
 
 // Characters off the keymap are checked where a real application reads them (the end-to-end
 // tests); here, that keymap characters arrive with the right shift level, and that typing leaves
-// the keymap as it found it however many batches it took.
+// the keymap as it found it.
 TEST_F(X11Blocks, TypingUsesTheKeymapAndLeavesItAsItWas) {
   XWindow window(100, 100, 400, 300, 0x336699);
   ASSERT_TRUE(window.valid());
@@ -142,9 +142,9 @@ TEST_F(X11Blocks, TypingUsesTheKeymapAndLeavesItAsItWas) {
   }
   EXPECT_EQ(got, plain);
 
-  // More characters off the keymap than there are spare keycodes: several batches.
-  std::u32string text = U"Wörld ü€→日本😀ß";
-  for (char32_t c = 0x4e00; c < 0x4e00 + 150; ++c) text += c;
+  // Characters off the keymap, bound and cleared again. (Many batches are left to the
+  // application tests: every mapping change makes the window manager grab its keys again.)
+  const std::u32string text = U"Wörld ü€→日本😀ß";
   ASSERT_TRUE(input.type(text));
   EXPECT_EQ(keymap(), before);
 }

@@ -5,6 +5,7 @@
 #include <X11/keysym.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <vector>
@@ -133,7 +134,8 @@ bool Input::key(KeySymValue keysym, bool down, ModifierKeys modifiers) {
     if (!keymap.load(display)) return false;
     const std::vector<KeyCode> spares = keymap.spares();
     if (spares.empty()) return false;
-    std::vector<KeySym> levels(static_cast<std::size_t>(keymap.perCode), keysym);
+    std::vector<KeySym> levels(static_cast<std::size_t>(keymap.perCode), NoSymbol);
+    std::fill_n(levels.begin(), std::min(2, keymap.perCode), keysym);
     // The last spare: typing rotates from the first ones.
     XChangeKeyboardMapping(display, spares.back(), keymap.perCode, levels.data(), 1);
     bound = true;
@@ -192,9 +194,11 @@ bool Input::type(std::u32string_view text) {
     const auto bind = [&](bool set) {
       return connection.run([&](Display* display) {
         for (const auto& [keysym, code] : bound) {
-          // Every level carries the character, so a held Shift cannot change it.
-          std::vector<KeySym> levels(static_cast<std::size_t>(keymap.perCode),
-                                     set ? keysym : NoSymbol);
+          // The plain and shifted levels of the first group carry the character, so a held
+          // Shift cannot change it; the rest stays empty, which the server turns into a plain
+          // one-group key.
+          std::vector<KeySym> levels(static_cast<std::size_t>(keymap.perCode), NoSymbol);
+          if (set) std::fill_n(levels.begin(), std::min(2, keymap.perCode), keysym);
           XChangeKeyboardMapping(display, code, keymap.perCode, levels.data(), 1);
         }
         return true;

@@ -50,8 +50,9 @@ class Input {
   // character is neither on the keymap nor can be bound (no spare keycode).
   bool type(std::u32string_view text);
 
-  // Time a remapping needs to reach the clients, in microseconds (see above).
-  static constexpr unsigned int kRemapSettleMicros = 8'000;
+  // Time a remapping needs to reach the clients, in microseconds (see above). An idle machine
+  // needs 5 ms; a busy one (a CI runner building in parallel) several times that.
+  static constexpr unsigned int kRemapSettleMicros = 25'000;
 
  private:
   bool modifierKeys(Display* display, ModifierKeys modifiers, bool down);
