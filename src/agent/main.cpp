@@ -3,5 +3,5 @@
 #include "platform/platform_desktop.h"
 
 int main(int argc, char** argv) {
-  return tervain::runAgent(argc, argv, tervain::platformDesktop());
+  return tervain::runAgent(argc, argv, tervain::platformDesktop);
 }

@@ -42,7 +42,7 @@ std::uint32_t choosePort(const char* environmentValue) {
 }
 
 std::string usageText() {
-  return "usage: TervainVMAgent [--unix PATH]\n"
+  return "usage: TervainVMAgent [--unix PATH] [--desktop x11|headless|auto]\n"
          "\n"
          "Serves the host's requests, one JSON object per line, on vsock port 2035 (or\n"
          "TERVAIN_AGENT_PORT) inside a macOS guest.\n"
@@ -53,6 +53,9 @@ std::string usageText() {
          "                ask for the privacy grants the agent lacks (macOS shows its prompts\n"
          "                and lists the agent in System Settings), print each one's state and\n"
          "                exit: 0 when all are granted, 1 otherwise\n"
+         "  --desktop KIND  the desktop to drive: x11 (the X display in $DISPLAY), headless\n"
+         "                (none), or auto (x11 when $DISPLAY answers, else headless; the\n"
+         "                default, and the only choice on macOS)\n"
          "  --help        show this text\n"
          "  --version     show the protocol and build version\n";
 }
@@ -77,9 +80,17 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
       result.unixPath = argv[++i];
       continue;
     }
+    if (arg == "--desktop" && i + 1 < argc) {
+      const std::string_view kind(argv[i + 1]);
+      if (kind == "x11" || kind == "headless" || kind == "auto") {
+        result.desktop = argv[++i];
+        continue;
+      }
+    }
     result.action = CommandLine::Action::usageError;
-    result.problem = arg == "--unix" ? "--unix needs a socket path"
-                                     : "unknown argument '" + std::string(arg) + "'";
+    result.problem = arg == "--unix"      ? "--unix needs a socket path"
+                     : arg == "--desktop" ? "--desktop takes x11, headless or auto"
+                                          : "unknown argument '" + std::string(arg) + "'";
     return result;
   }
   return result;
@@ -200,7 +211,9 @@ void stopOnSignals(std::optional<std::string> socketPath) {
 
 }  // namespace
 
-int runAgent(int argc, const char* const* argv, Desktop& desktop) {
+std::string desktopLine(Desktop& desktop) { return "desktop: " + std::string(desktop.kind()); }
+
+int runAgent(int argc, const char* const* argv, DesktopChooser chooseDesktop) {
   // A launcher may start us with a standard descriptor closed. The next socket or pipe would then
   // take its number, and an exec child's dup2 onto 0-2 could clobber it: fill the gap first.
   for (int fd = 0; fd <= 2; ++fd) {
@@ -215,17 +228,25 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
       std::printf("TervainVMAgent protocol v%d (build %.*s)\n", AgentWire::version,
                   static_cast<int>(kBuildVersion.size()), kBuildVersion.data());
       return 0;
-    case CommandLine::Action::requestGrants: {
-      const std::string report = requestGrantsReport(desktop);
-      std::fputs(report.c_str(), stdout);
-      return report.find("not granted") == std::string::npos ? 0 : 1;
-    }
     case CommandLine::Action::usageError:
       std::fprintf(stderr, "TervainVMAgent: %s\n\n%s", commandLine.problem.c_str(),
                    usageText().c_str());
       return 2;
+    case CommandLine::Action::requestGrants:
     case CommandLine::Action::serve:
       break;
+  }
+  std::string problem;
+  Desktop* const chosen = chooseDesktop(commandLine.desktop, problem);
+  if (chosen == nullptr) {
+    std::fprintf(stderr, "TervainVMAgent: %s\n\n%s", problem.c_str(), usageText().c_str());
+    return 2;
+  }
+  Desktop& desktop = *chosen;
+  if (commandLine.action == CommandLine::Action::requestGrants) {
+    const std::string report = requestGrantsReport(desktop);
+    std::fputs(report.c_str(), stdout);
+    return report.find("not granted") == std::string::npos ? 0 : 1;
   }
 
   // Writing to a host that has gone must fail with EPIPE, not end the agent.
@@ -238,6 +259,7 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
     const std::string& path = *commandLine.unixPath;
     agentLog(protocol + " starting on unix socket " + path);
     agentLog(readinessLine(desktop));
+    agentLog(desktopLine(desktop));
     try {
       listener.emplace(AgentListener::UnixSocket{path});
     } catch (const AgentError& e) {
@@ -249,6 +271,7 @@ int runAgent(int argc, const char* const* argv, Desktop& desktop) {
     const std::uint32_t port = choosePort(std::getenv("TERVAIN_AGENT_PORT"));
     agentLog(protocol + " starting on vsock port " + std::to_string(port));
     agentLog(readinessLine(desktop));
+    agentLog(desktopLine(desktop));
     try {
       listener.emplace(port);
     } catch (const AgentError& e) {

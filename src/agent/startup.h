@@ -21,6 +21,7 @@ struct CommandLine {
   enum class Action { serve, help, version, requestGrants, usageError };
   Action action = Action::serve;
   std::optional<std::string> unixPath;  // --unix PATH: listen there instead of on vsock
+  std::string desktop = "auto";         // --desktop x11|headless|auto
   std::string problem;                  // what was wrong, for usageError
 };
 
@@ -39,9 +40,17 @@ std::string execShellLine(const char* disableValue, bool agentShellInstalled,
 // to do; then the note about screen recording. Asks the desktop to prompt first.
 std::string requestGrantsReport(Desktop& desktop);
 
-// The whole agent: parses the command line, logs, listens, serves for good. Returns only with an
-// exit status (help, version, usage error, or a listener that could not be made). SIGTERM and
-// SIGINT log the stop, remove the Unix socket file it made and exit with status 0.
-int runAgent(int argc, const char* const* argv, Desktop& desktop);
+// "desktop: x11" (or "headless", "macos"): which desktop the agent drives, logged after the
+// readiness line.
+std::string desktopLine(Desktop& desktop);
+
+// Makes the desktop named by --desktop ("x11", "headless" or "auto"): the process-wide desktop,
+// or nullptr with the reason in problem when this build or platform cannot serve that choice.
+using DesktopChooser = Desktop* (*)(std::string_view choice, std::string& problem);
+
+// The whole agent: parses the command line, chooses the desktop, logs, listens, serves for
+// good. Returns only with an exit status (help, version, usage error, or a listener that could
+// not be made).
+int runAgent(int argc, const char* const* argv, DesktopChooser chooseDesktop);
 
 }  // namespace tervain

@@ -44,6 +44,17 @@ TEST(StartupTest, CommandLine) {
   EXPECT_EQ(parse({"--unix", ""}).action, Action::usageError);
   EXPECT_EQ(parse({"--port", "5"}).action, Action::usageError);
   EXPECT_EQ(parse({"--port", "5"}).problem, "unknown argument '--port'");
+
+  EXPECT_EQ(parse({}).desktop, "auto");
+  for (const char* kind : {"x11", "headless", "auto"}) {
+    EXPECT_EQ(parse({"--desktop", kind, "--unix", "/s"}).desktop, kind);
+  }
+  for (const std::vector<const char*>& bad :
+       {std::vector<const char*>{"--desktop"}, {"--desktop", "X11"}, {"--desktop", "wayland"},
+        {"--desktop", ""}}) {
+    EXPECT_EQ(parse(bad).action, Action::usageError);
+    EXPECT_EQ(parse(bad).problem, "--desktop takes x11, headless or auto");
+  }
 }
 
 TEST(StartupTest, ReadinessLineQueriesEachGrant) {

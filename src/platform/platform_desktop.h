@@ -1,11 +1,15 @@
 // The desktop of the platform this build is for, chosen by the build.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 #include "platform/desktop.h"
 
 namespace tervain {
 
-// The process-wide desktop adapter, made on first use.
-Desktop& platformDesktop();
+// The process-wide desktop named by --desktop ("x11", "headless" or "auto"), made on first use;
+// nullptr with the reason in problem when this build or platform cannot serve that choice.
+Desktop* platformDesktop(std::string_view choice, std::string& problem);
 
 }  // namespace tervain

@@ -1,12 +1,16 @@
-// Every build that is not for macOS serves a headless desktop.
+// A build for neither macOS nor X11 serves a headless desktop.
 #include "platform/headless_desktop.h"
 #include "platform/platform_desktop.h"
 
 namespace tervain {
 
-Desktop& platformDesktop() {
+Desktop* platformDesktop(std::string_view choice, std::string& problem) {
   static HeadlessDesktop desktop;
-  return desktop;
+  if (choice == "x11") {
+    problem = "this agent was built without the X11 libraries: --desktop x11 is not available";
+    return nullptr;
+  }
+  return &desktop;
 }
 
 }  // namespace tervain

@@ -10,9 +10,13 @@
 
 namespace tervain {
 
-Desktop& platformDesktop() {
+Desktop* platformDesktop(std::string_view choice, std::string& problem) {
   static macos::MacDesktop desktop;
-  return desktop;
+  if (choice != "auto") {
+    problem = "--desktop takes only auto on macOS";
+    return nullptr;
+  }
+  return &desktop;
 }
 
 namespace macos {

@@ -1,0 +1,235 @@
+#include "platform/x11/x11_desktop.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <thread>
+#include <utility>
+
+#include "platform/x11/x11_keys.h"
+#include "platform/x11/x11_screen.h"
+
+// Xlib defines Status as a macro; the seam's LaunchResult::Status and CapturedImage::Status
+// are what this file means.
+#undef Status
+
+namespace tervain {
+namespace {
+
+class X11Element final : public Element {};
+
+// One monitor as the capture side lists it.
+class X11Display final : public ShareableDisplay {
+ public:
+  explicit X11Display(const x11::Monitor& monitor) : monitor(monitor) {}
+  x11::Monitor monitor;
+};
+
+x11::ModifierKeys modifierKeys(Modifiers modifiers) {
+  x11::ModifierKeys keys = 0;
+  if (modifiers & Modifier::shift) keys |= x11::ModifierKey::shift;
+  if (modifiers & Modifier::control) keys |= x11::ModifierKey::control;
+  if (modifiers & Modifier::option) keys |= x11::ModifierKey::alt;
+  if (modifiers & Modifier::command) keys |= x11::ModifierKey::super;
+  return keys;
+}
+
+// Root window pixels of a point; coordinates outside int's range are clamped (X clamps to the
+// screen anyway).
+int pixel(double coordinate) {
+  if (!std::isfinite(coordinate)) return 0;
+  return static_cast<int>(std::clamp(std::round(coordinate), -1e9, 1e9));
+}
+
+unsigned int buttonNumber(MouseButton button) {
+  switch (button) {
+    case MouseButton::left: return 1;
+    case MouseButton::center: return 2;
+    case MouseButton::right: return 3;
+  }
+  return 1;
+}
+
+// A surrogate pair may be split between two chunks: the high half waits here, per thread (one
+// request at a time runs on a connection's thread), for the chunk after it.
+thread_local char16_t pendingHighSurrogate = 0;
+
+std::u32string codePoints(const std::u16string& chunk) {
+  std::u32string out;
+  for (const char16_t unit : chunk) {
+    if (pendingHighSurrogate != 0) {
+      const char16_t high = std::exchange(pendingHighSurrogate, 0);
+      if (unit >= 0xdc00 && unit <= 0xdfff) {
+        out += static_cast<char32_t>(0x10000 + ((high - 0xd800) << 10) + (unit - 0xdc00));
+        continue;
+      }
+      out += U'\uFFFD';
+    }
+    if (unit >= 0xd800 && unit <= 0xdbff) {
+      pendingHighSurrogate = unit;
+    } else if (unit >= 0xdc00 && unit <= 0xdfff) {
+      out += U'\uFFFD';
+    } else {
+      out += unit;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+X11Desktop::X11Desktop(std::string displayName)
+    : inputConnection(displayName), captureConnection(displayName) {}
+
+bool X11Desktop::screenCaptureAccess() { return captureConnection.answers(); }
+
+bool X11Desktop::postEventAccess() { return input.available(); }
+
+std::vector<DisplayInfo> X11Desktop::displays(std::uint32_t maxDisplays) {
+  std::vector<DisplayInfo> result;
+  for (const x11::Monitor& m : x11::monitors(inputConnection)) {
+    if (result.size() == maxDisplays) break;
+    result.push_back({m.id, m.width, m.height, m.primary});
+  }
+  return result;
+}
+
+std::optional<Point> X11Desktop::pointerLocation() {
+  const auto at = x11::pointer(inputConnection);
+  if (!at) return std::nullopt;
+  return Point{static_cast<double>(at->x), static_cast<double>(at->y)};
+}
+
+Modifiers X11Desktop::supportedModifiers() const {
+  // X has no fn key: it never reaches applications as a modifier.
+  return Modifier::shift | Modifier::control | Modifier::option | Modifier::command;
+}
+
+bool X11Desktop::postPointerMove(Point at, std::optional<MouseButton>, Modifiers modifiers) {
+  // The server knows which buttons are down: a motion with one held is a drag by itself.
+  return input.moveTo(pixel(at.x), pixel(at.y), modifierKeys(modifiers));
+}
+
+bool X11Desktop::postMouseButton(MouseButton button, bool down, Point at, int,
+                                 Modifiers modifiers) {
+  // X buttons act where the pointer is, and clients count multiple clicks by their timing.
+  return input.moveTo(pixel(at.x), pixel(at.y)) &&
+         input.button(buttonNumber(button), down, modifierKeys(modifiers));
+}
+
+bool X11Desktop::postScroll(std::int32_t verticalLines, std::int32_t horizontalLines,
+                            Modifiers modifiers) {
+  return input.scroll(verticalLines, horizontalLines, modifierKeys(modifiers));
+}
+
+bool X11Desktop::postKey(std::uint16_t keyCode, bool down, Modifiers modifiers) {
+  const auto keysym = x11::keysymForKeyCode(keyCode);
+  return keysym && input.key(*keysym, down, modifierKeys(modifiers));
+}
+
+bool X11Desktop::typeText(const std::u16string& chunk) {
+  const std::u32string text = codePoints(chunk);
+  return text.empty() || input.type(text);
+}
+
+void X11Desktop::sleepMicros(std::uint32_t micros) {
+  std::this_thread::sleep_for(std::chrono::microseconds(micros));
+}
+
+ElementRef X11Desktop::applicationElement(std::int32_t) { return std::make_shared<X11Element>(); }
+
+std::optional<std::int32_t> X11Desktop::frontmostApplicationPid() {
+  return x11::activeWindowPid(inputConnection);
+}
+
+std::optional<std::string> X11Desktop::runningApplicationName(std::int32_t pid) {
+  std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+  std::string name;
+  if (!comm || !std::getline(comm, name) || name.empty()) return std::nullopt;
+  return name;
+}
+
+void X11Desktop::launchApplication(const std::string& name,
+                                   std::function<void(LaunchResult)> completion) {
+  const auto target = x11::resolveApplication(name, launchEnvironment);
+  if (!target) {
+    completion({LaunchResult::Status::notFound,
+                "no desktop entry or program of that name"});
+    return;
+  }
+  if (const int error = x11::startDetached(*target, launchEnvironment)) {
+    completion({LaunchResult::Status::failed, std::strerror(error)});
+    return;
+  }
+  completion({LaunchResult::Status::launched, {}});
+}
+
+ShareableContent X11Desktop::copyShareableContent() {
+  ShareableContent content;
+  const std::vector<x11::Monitor> monitors = x11::monitors(captureConnection);
+  if (monitors.empty()) {
+    content.error = "the X display does not answer";
+    return content;
+  }
+  for (const x11::Monitor& m : monitors) content.displays.push_back(std::make_shared<X11Display>(m));
+  return content;
+}
+
+ContentFilterGeometry X11Desktop::contentFilterGeometry(const ShareableDisplay& display) {
+  const auto& m = static_cast<const X11Display&>(display).monitor;
+  return {static_cast<double>(m.width), static_cast<double>(m.height), 1.0f};
+}
+
+CapturedImage X11Desktop::captureImage(const ShareableDisplay& display,
+                                       const CaptureRequest& request) {
+  const auto& m = static_cast<const X11Display&>(display).monitor;
+  CapturedImage image;
+  x11::Area area{m.x, m.y, m.width, m.height};
+  if (request.region) {
+    // Points relative to the display are pixels on X11; the region is cut to the display.
+    const int left = std::clamp(pixel(request.region->x), 0, m.width);
+    const int top = std::clamp(pixel(request.region->y), 0, m.height);
+    const int right = std::clamp(pixel(request.region->x + request.region->width), left, m.width);
+    const int bottom = std::clamp(pixel(request.region->y + request.region->height), top, m.height);
+    area = {m.x + left, m.y + top, right - left, bottom - top};
+  }
+  const int width = static_cast<int>(std::clamp<std::int64_t>(request.pixelWidth, 1, 1 << 15));
+  const int height = static_cast<int>(std::clamp<std::int64_t>(request.pixelHeight, 1, 1 << 15));
+  const int quality = static_cast<int>(std::lround(request.quality * 100));
+
+  std::vector<std::uint8_t> scaled;
+  x11::Encoded encoded;
+  std::string error;
+  const bool grabbed = capture.grab(area, request.showsCursor, [&](const x11::Pixels& pixels) {
+    x11::Pixels source = pixels;
+    if (pixels.width != width || pixels.height != height) {
+      source = x11::scaleNearest(pixels, width, height, scaled);
+    }
+    encoded = request.format == ImageFormat::png ? x11::encodePng(source)
+                                                 : x11::encodeJpeg(source, quality);
+  }, error);
+  if (!grabbed) {
+    image.status = CapturedImage::Status::captureFailed;
+    image.error = error;
+    return image;
+  }
+  if (!encoded.ok) {
+    image.status = CapturedImage::Status::encodingFailed;
+    image.error = encoded.error;
+    return image;
+  }
+  image.bytes = std::move(encoded.bytes);
+  image.width = width;
+  image.height = height;
+  return image;
+}
+
+void X11Desktop::runMainLoop() {
+  for (;;) ::pause();
+}
+
+}  // namespace tervain

@@ -1,0 +1,86 @@
+// The desktop of an X11 session (Xorg or Xvfb): a conversion-only adapter from the desktop
+// seam to the X11 building blocks beside it. Every rule of the operations stays above the seam;
+// here, values change shape only: wire key codes to keysyms, modifier flags to modifier keys,
+// points to root window pixels (one point is one pixel on X11, and the global origin is the
+// root window's), UTF-16 chunks to code points.
+//
+// Accessibility is not here yet: its methods answer as on a headless machine (not trusted, API
+// disabled) until the AT-SPI adapter takes them over.
+#pragma once
+
+#include <string>
+
+#include "platform/desktop.h"
+#include "platform/x11/app_launch.h"
+#include "platform/x11/x11_capture.h"
+#include "platform/x11/x11_connection.h"
+#include "platform/x11/x11_input.h"
+
+namespace tervain {
+
+class X11Desktop : public Desktop {
+ public:
+  // displayName: an X display name; empty means $DISPLAY. Nothing is opened before first use.
+  explicit X11Desktop(std::string displayName = {});
+
+  std::string_view kind() const override { return "x11"; }
+
+  // The AT-SPI adapter answers this once it exists.
+  bool accessibilityTrusted() override { return false; }
+  bool screenCaptureAccess() override;
+  bool postEventAccess() override;
+
+  std::vector<DisplayInfo> displays(std::uint32_t maxDisplays) override;
+  std::optional<Point> pointerLocation() override;
+
+  Modifiers supportedModifiers() const override;
+  bool postPointerMove(Point at, std::optional<MouseButton> held, Modifiers modifiers) override;
+  bool postMouseButton(MouseButton button, bool down, Point at, int clickCount,
+                       Modifiers modifiers) override;
+  bool postScroll(std::int32_t verticalLines, std::int32_t horizontalLines,
+                  Modifiers modifiers) override;
+  bool postKey(std::uint16_t keyCode, bool down, Modifiers modifiers) override;
+  bool typeText(const std::u16string& chunk) override;
+  void sleepMicros(std::uint32_t micros) override;
+
+  // ---- Accessibility: answered as a machine without it, until the AT-SPI adapter. ----
+  ElementRef applicationElement(std::int32_t pid) override;
+  AXResult setMessagingTimeout(const Element&, float) override { return AXError::apiDisabled; }
+  AXResult copyAttributeValue(const Element&, const std::string&, AXValue&) override {
+    return AXError::apiDisabled;
+  }
+  AXResult copyActionNames(const Element&, AXValue&) override { return AXError::apiDisabled; }
+  AXResult performAction(const Element&, const std::string&) override {
+    return AXError::apiDisabled;
+  }
+  AXResult isAttributeSettable(const Element&, const std::string&, bool&) override {
+    return AXError::apiDisabled;
+  }
+  AXResult setAttributeValue(const Element&, const std::string&, const AXWritableValue&) override {
+    return AXError::apiDisabled;
+  }
+  AXResult elementAtPoint(float, float, float, ElementRef&) override {
+    return AXError::apiDisabled;
+  }
+
+  std::optional<std::int32_t> frontmostApplicationPid() override;
+  std::optional<std::string> runningApplicationName(std::int32_t pid) override;
+  void launchApplication(const std::string& name,
+                         std::function<void(LaunchResult)> completion) override;
+
+  ShareableContent copyShareableContent() override;
+  ContentFilterGeometry contentFilterGeometry(const ShareableDisplay& display) override;
+  CapturedImage captureImage(const ShareableDisplay& display,
+                             const CaptureRequest& request) override;
+
+  [[noreturn]] void runMainLoop() override;
+
+ private:
+  x11::Connection inputConnection;
+  x11::Connection captureConnection;  // captures never wait behind input
+  x11::Input input{inputConnection};
+  x11::Capture capture{captureConnection};
+  x11::LaunchEnvironment launchEnvironment = x11::LaunchEnvironment::current();
+};
+
+}  // namespace tervain

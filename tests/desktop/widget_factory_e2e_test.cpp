@@ -1,0 +1,209 @@
+// The agent driving a real application on the test desktop: gtk3-widget-factory, launched by
+// name through the agent, and read back through the agent's screenshots, the pointer and the
+// clipboard. The factory's layout is fixed (its own static content, DejaVu fonts); positions
+// below are relative to its window, which the window manager places where it likes.
+#include <gtest/gtest.h>
+// clang-format off
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <poll.h>
+#include <signal.h>
+#include <turbojpeg.h>
+// clang-format on
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "agent_process.h"
+#include "core/base64.h"
+#include "core/json.h"
+#include "desktop/test_desktop.h"
+#include "desktop/x_window.h"
+
+namespace tervain::testing {
+namespace {
+
+struct Image {
+  int width = 0, height = 0;
+  std::vector<unsigned char> rgb;
+  // The pixels of a rectangle, row by row.
+  std::vector<unsigned char> region(int x, int y, int w, int h) const {
+    std::vector<unsigned char> out;
+    for (int row = y; row < y + h; ++row) {
+      const auto* start = &rgb[static_cast<std::size_t>((row * width + x) * 3)];
+      out.insert(out.end(), start, start + w * 3);
+    }
+    return out;
+  }
+};
+
+// The mean absolute difference of two equally sized pixel runs.
+double difference(const std::vector<unsigned char>& a, const std::vector<unsigned char>& b) {
+  if (a.size() != b.size() || a.empty()) return 1e9;
+  double sum = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) sum += std::abs(int(a[i]) - int(b[i]));
+  return sum / static_cast<double>(a.size());
+}
+
+class WidgetFactory : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (!desktopUnavailable().empty()) return;
+    display = XOpenDisplay(nullptr);
+    agent = std::make_unique<AgentProcess>(AgentProcess::Options{.args = {"--desktop", "x11"}});
+    launchReply = agent->request(R"({"op":"launch_app","name":"gtk3-widget-factory"})");
+    window = findTopLevel(display, "gtk3-widget-factory", std::chrono::seconds(20));
+    // Drawn and idle before the first look.
+    if (window) std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  }
+  static void TearDownTestSuite() {
+    if (window && window->pid > 0) ::kill(window->pid, SIGTERM);
+    agent.reset();
+    if (display != nullptr) XCloseDisplay(display);
+    display = nullptr;
+  }
+  void SetUp() override {
+    REQUIRE_TEST_DESKTOP();
+    ASSERT_TRUE(window) << "the widget factory did not appear; launch replied "
+                        << launchReply.value_or("nothing");
+  }
+
+  static Json request(const std::string& line) {
+    const std::optional<std::string> reply = agent->request(line);
+    return reply ? Json::parse(*reply) : Json::object();
+  }
+  static Json op(const std::string& name, Json members = Json::object()) {
+    members["op"] = name;
+    return request(members.dump());
+  }
+  // A point of the factory's window, on the screen.
+  static Json at(int x, int y) { return Json{{"x", window->x + x}, {"y", window->y + y}}; }
+
+  static Image screenshot() {
+    Image image;
+    const Json reply = op("screenshot");
+    if (!reply.value("ok", false)) {
+      ADD_FAILURE() << reply.dump();
+      return image;
+    }
+    const std::optional<std::string> jpeg = base64::decode(reply["image"].get<std::string>());
+    if (!jpeg) return image;
+    tjhandle h = tjInitDecompress();
+    int sub = 0, space = 0;
+    auto* data = reinterpret_cast<const unsigned char*>(jpeg->data());
+    if (tjDecompressHeader3(h, data, jpeg->size(), &image.width, &image.height, &sub, &space) == 0) {
+      image.rgb.resize(static_cast<std::size_t>(image.width * image.height * 3));
+      tjDecompress2(h, data, jpeg->size(), image.rgb.data(), image.width, 0, image.height,
+                    TJPF_RGB, 0);
+    }
+    tjDestroy(h);
+    EXPECT_EQ(reply["width"], image.width);
+    EXPECT_EQ(reply["height"], image.height);
+    return image;
+  }
+  // A region of the factory's window in a fresh screenshot, after the application has redrawn.
+  static std::vector<unsigned char> look(int x, int y, int w, int h) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    return screenshot().region(window->x + x, window->y + y, w, h);
+  }
+
+  static inline Display* display = nullptr;
+  static inline std::unique_ptr<AgentProcess> agent;
+  static inline std::optional<std::string> launchReply;
+  static inline std::optional<TopLevel> window;
+};
+
+TEST_F(WidgetFactory, LaunchedByNameAndSeenInPingAndScreenshots) {
+  EXPECT_EQ(launchReply, R"({"ok":true})");
+  EXPECT_NE(agent->log().find("[TervainVMAgent] desktop: x11"), std::string::npos) << agent->log();
+
+  const Json ping = op("ping");
+  ASSERT_EQ(ping["displays"].size(), 1u) << ping.dump();
+  EXPECT_EQ(ping["displays"][0]["width"], 1920);
+  EXPECT_EQ(ping["displays"][0]["height"], 1080);
+  EXPECT_EQ(ping["displays"][0]["main"], true);
+  EXPECT_EQ(ping["readiness"]["postEvent"], true);
+  EXPECT_EQ(ping["readiness"]["screenRecording"], true);
+
+  const Image image = screenshot();
+  EXPECT_EQ(image.width, 1920);
+  EXPECT_EQ(image.height, 1080);
+  // The window is drawn: its area is not the empty root's black.
+  double sum = 0;
+  for (unsigned char v : image.region(window->x, window->y, 400, 300)) sum += v;
+  EXPECT_GT(sum / (400 * 300 * 3), 100.0);
+
+  const Json missing = op("launch_app", {{"name", "no-such-application-here"}});
+  EXPECT_EQ(missing["ok"], false);
+  EXPECT_TRUE(missing.value("error", "").starts_with(
+      "no application named \"no-such-application-here\" ("))
+      << missing.dump();
+}
+
+TEST_F(WidgetFactory, ClickingTheCheckBoxTogglesIt) {
+  // The enabled, unchecked "checkbutton" of page 1: 108 x 22 at (15, 397) in the window.
+  const auto box = [] { return look(15, 397, 108, 22); };
+  ASSERT_EQ(op("click", at(25, 408)), Json({{"ok", true}}));
+  const auto checked = box();
+  ASSERT_EQ(op("click", at(25, 408)), Json({{"ok", true}}));
+  const auto unchecked = box();
+  ASSERT_EQ(op("click", at(25, 408)), Json({{"ok", true}}));
+  const auto checkedAgain = box();
+  // JPEG noise and the hover shade move a few levels; a check mark moves many.
+  EXPECT_GT(difference(checked, unchecked), 2.0) << "the second click changed nothing";
+  EXPECT_LT(difference(checked, checkedAgain), difference(checked, unchecked) / 3)
+      << "the third click did not check it again";
+  ASSERT_EQ(op("click", at(25, 408)), Json({{"ok", true}}));  // as it was
+}
+
+TEST_F(WidgetFactory, DraggingTheSliderMovesItAndScrollingMovesTheText) {
+  // The enabled horizontal slider: 307 x 34 at (557, 135), its knob in the middle (50 of 100).
+  const auto slider = [] { return look(557, 135, 307, 34); };
+  const auto before = slider();
+  Json drag = {{"fromX", window->x + 710}, {"fromY", window->y + 152},
+               {"toX", window->x + 840}, {"toY", window->y + 152}};
+  ASSERT_EQ(op("drag", drag), Json({{"ok", true}}));
+  const auto after = slider();
+  EXPECT_GT(difference(before, after), 2.0) << "the knob did not move";
+  const Json cursor = op("cursor_position");  // where the drag ended
+  EXPECT_EQ(cursor["x"], window->x + 840);
+  EXPECT_EQ(cursor["y"], window->y + 152);
+
+  // The text view of lorem ipsum: 268 x 233 at (1082, 329). Down three lines and back up.
+  const auto text = [] { return look(1082, 329, 268, 233); };
+  ASSERT_EQ(op("move", at(1216, 445)), Json({{"ok", true}}));
+  const auto top = text();
+  ASSERT_EQ(op("scroll", {{"dy", -3}}), Json({{"ok", true}}));
+  const auto down = text();
+  ASSERT_EQ(op("scroll", {{"dy", 3}}), Json({{"ok", true}}));
+  const auto back = text();
+  EXPECT_GT(difference(top, down), 2.0) << "scrolling down moved nothing";
+  EXPECT_LT(difference(top, back), difference(top, down) / 3) << "scrolling up did not come back";
+}
+
+TEST_F(WidgetFactory, TypedUnicodeTextComesBackThroughTheClipboard) {
+  // The first enabled, empty entry: 356 x 34 at (15, 149).
+  ASSERT_EQ(op("click", at(193, 166)), Json({{"ok", true}}));
+  // GTK reads the whole keymap again on its first mapping change, which can take longer than
+  // the settle time on a loaded machine: one character first, checked on its own.
+  EXPECT_EQ(op("type", {{"text", "é"}}), Json({{"ok", true}}));
+  EXPECT_EQ(op("key", {{"chord", "ctrl+a"}}), Json({{"ok", true}}));
+  EXPECT_EQ(op("key", {{"chord", "ctrl+c"}}), Json({{"ok", true}}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(clipboardText(display), "é");
+  std::string text = "Grüße, naïve café — €5 → 日本語 😀 ß ";
+  for (int i = 0; i < 6; ++i) text += "Ωμέγα ∑ ×÷ ";  // more distinct characters than spare keys
+  EXPECT_EQ(op("type", {{"text", text}}), Json({{"ok", true}}));
+  EXPECT_EQ(op("key", {{"chord", "ctrl+a"}}), Json({{"ok", true}}));
+  EXPECT_EQ(op("key", {{"chord", "ctrl+c"}}), Json({{"ok", true}}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(clipboardText(display), text);
+  // Emptied again for the next run of the suite.
+  EXPECT_EQ(op("key", {{"chord", "delete"}}), Json({{"ok", true}}));
+}
+
+}  // namespace
+}  // namespace tervain::testing
