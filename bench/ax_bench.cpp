@@ -49,7 +49,7 @@ class BenchDesktop final : public HeadlessDesktop {
   ElementRef application;
 
   bool accessibilityTrusted() override { return true; }
-  ElementRef createApplicationElement(std::int32_t) override { return application; }
+  ElementRef applicationElement(std::int32_t) override { return application; }
   AXResult setMessagingTimeout(const Element&, float) override { return AXError::success; }
   AXResult copyAttributeValue(const Element& element, const std::string& attribute,
                               AXValue& out) override {

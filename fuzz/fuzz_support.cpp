@@ -3,7 +3,7 @@
 namespace tervain::fuzzing {
 
 void scriptDesktop(testing::FakeDesktop& desktop) {
-  desktop.displays = {{1, 1920, 1080, true}};
+  desktop.screens = {{1, 1920, 1080, true}};
   desktop.pointer = Point{10.5, 20.25};
   testing::FakeNode leaf;
   leaf.attributes["AXRole"] = std::string("AXButton");
@@ -21,7 +21,7 @@ void scriptDesktop(testing::FakeDesktop& desktop) {
   desktop.frontmost = 42;
   desktop.applicationNames[42] = "Fuzz";
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = button;
+  desktop.elementAt = button;
   desktop.captureDisplays = {{{1440, 900, 2.0f}}};
 }
 
@@ -29,7 +29,6 @@ void quietContext(AgentContext& context) {
   context.startWorker = [](std::function<void()> job) { job(); };
   context.screenshotTimeout = std::chrono::milliseconds(1000);
   context.launchTimeout = std::chrono::milliseconds(10);
-  context.openToolPath = "/bin/false";
 }
 
 bool isStreamingOp(std::string_view op) { return op == "exec" || op == "shell-events"; }

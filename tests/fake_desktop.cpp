@@ -1,37 +1,69 @@
 #include "fake_desktop.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 
 namespace tervain::testing {
 namespace {
 
-// A created event that counts itself among the living until it is released.
-struct LiveFakeEvent final : FakeEvent {
-  LiveFakeEvent(FakeEvent e, std::shared_ptr<std::atomic<int>> counter)
-      : FakeEvent(std::move(e)), counter(std::move(counter)) {
-    ++*this->counter;
-  }
-  ~LiveFakeEvent() override { --*counter; }
-  std::shared_ptr<std::atomic<int>> counter;
-};
+std::string number(double v) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.17g", v);
+  return text;
+}
 
-FakeEvent& asFake(InputEvent& event) {
-  auto* fake = dynamic_cast<FakeEvent*>(&event);
-  if (fake == nullptr) throw std::logic_error("not a FakeDesktop event");
-  return *fake;
+std::string point(Point at) { return "(" + number(at.x) + "," + number(at.y) + ")"; }
+
+std::string buttonName(MouseButton button) {
+  switch (button) {
+    case MouseButton::left:
+      return "left";
+    case MouseButton::right:
+      return "right";
+    case MouseButton::center:
+      return "center";
+  }
+  return "?";
+}
+
+std::string modifiersSuffix(Modifiers modifiers, bool always) {
+  if (modifiers == 0 && !always) return {};
+  char text[32];
+  std::snprintf(text, sizeof text, " mods 0x%x", static_cast<unsigned>(modifiers));
+  return text;
 }
 
 }  // namespace
 
+std::string describe(const TimelineStep& step) {
+  if (step.kind == TimelineStep::Kind::sleep) return "sleep " + std::to_string(step.micros);
+  const FakeInput& e = step.input;
+  switch (e.kind) {
+    case FakeInput::Kind::move:
+      return "move " + point(e.at) + (e.button ? " held " + buttonName(*e.button) : "") +
+             modifiersSuffix(e.modifiers, false);
+    case FakeInput::Kind::button:
+      return std::string(e.down ? "press " : "release ") + buttonName(*e.button) + " " +
+             point(e.at) + " click " + std::to_string(e.clickCount) +
+             modifiersSuffix(e.modifiers, false);
+    case FakeInput::Kind::scroll:
+      return "scroll (" + std::to_string(e.vertical) + "," + std::to_string(e.horizontal) + ")" +
+             modifiersSuffix(e.modifiers, false);
+    case FakeInput::Kind::key:
+      return "key " + std::to_string(e.keyCode) + (e.down ? " down" : " up") +
+             modifiersSuffix(e.modifiers, true);
+    case FakeInput::Kind::text:
+      return "text " + std::to_string(e.text.size()) + " units";
+  }
+  return "?";
+}
+
 FakeDesktop::FakeDesktop() {
-  systemWide = addElement(FakeNode{});
-  onOpen = [](const std::string&, std::function<void(std::optional<std::string>)> done) {
-    done(std::nullopt);
-  };
+  onLaunch = [](const std::string&, std::function<void(LaunchResult)> done) { done({}); };
   onCapture = [](int, std::int64_t w, std::int64_t h) {
     CapturedImage image;
-    image.jpeg = std::string("\xFF\xD8\xFF\xE0 fake jpeg \xFF\xD9", 16);
+    image.bytes = std::string("\xFF\xD8\xFF\xE0 fake jpeg \xFF\xD9", 16);
     image.width = w;
     image.height = h;
     return image;
@@ -57,7 +89,7 @@ FakeNode& FakeDesktop::node(const Element& element) {
 
 FakeNode& FakeDesktop::node(const ElementRef& element) { return node(*element); }
 
-std::vector<FakeDesktop::CaptureRequest> FakeDesktop::captures() const {
+std::vector<FakeDesktop::Capture> FakeDesktop::captures() const {
   std::lock_guard lock(mutex);
   return captureRequests;
 }
@@ -67,10 +99,10 @@ std::vector<TimelineStep> FakeDesktop::timeline() const {
   return steps;
 }
 
-std::vector<FakeEvent> FakeDesktop::posted() const {
-  std::vector<FakeEvent> events;
+std::vector<FakeInput> FakeDesktop::posted() const {
+  std::vector<FakeInput> events;
   for (const TimelineStep& step : timeline()) {
-    if (step.kind == TimelineStep::Kind::post) events.push_back(step.event);
+    if (step.kind == TimelineStep::Kind::post) events.push_back(step.input);
   }
   return events;
 }
@@ -94,98 +126,54 @@ bool FakeDesktop::postEventAccess() {
   return postEvents;
 }
 
-std::vector<std::uint32_t> FakeDesktop::activeDisplayList(std::uint32_t maxDisplays) {
-  std::vector<std::uint32_t> ids;
-  for (const Display& d : displays) {
-    if (ids.size() == maxDisplays) break;
-    ids.push_back(d.id);
+std::vector<DisplayInfo> FakeDesktop::displays(std::uint32_t maxDisplays) {
+  std::vector<DisplayInfo> listed;
+  for (const DisplayInfo& d : screens) {
+    if (listed.size() == maxDisplays) break;
+    listed.push_back(d);
   }
-  return ids;
-}
-
-std::int64_t FakeDesktop::displayPixelsWide(std::uint32_t display) {
-  for (const Display& d : displays) {
-    if (d.id == display) return d.width;
-  }
-  return 0;
-}
-
-std::int64_t FakeDesktop::displayPixelsHigh(std::uint32_t display) {
-  for (const Display& d : displays) {
-    if (d.id == display) return d.height;
-  }
-  return 0;
-}
-
-bool FakeDesktop::displayIsMain(std::uint32_t display) {
-  for (const Display& d : displays) {
-    if (d.id == display) return d.main;
-  }
-  return false;
+  return listed;
 }
 
 std::optional<Point> FakeDesktop::pointerLocation() { return pointer; }
 
-InputEventPtr FakeDesktop::make(FakeEvent event) {
-  if (refuseEvent && refuseEvent(event)) return nullptr;
+bool FakeDesktop::post(FakeInput input) {
+  if (refuseInput && refuseInput(input)) return false;
   std::lock_guard lock(mutex);
-  event.serial = ++serial;
-  return std::make_unique<LiveFakeEvent>(std::move(event), liveEvents);
+  steps.push_back({TimelineStep::Kind::post, std::move(input), 0});
+  return true;
 }
 
-InputEventPtr FakeDesktop::createMouseEvent(EventType type, Point at, MouseButton button) {
-  FakeEvent e;
-  e.kind = FakeEvent::Kind::mouse;
-  e.type = type;
-  e.at = at;
-  e.button = button;
-  return make(std::move(e));
+bool FakeDesktop::postPointerMove(Point at, std::optional<MouseButton> held, Modifiers mods) {
+  return post({.kind = FakeInput::Kind::move, .at = at, .button = held, .modifiers = mods});
 }
 
-InputEventPtr FakeDesktop::createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) {
-  FakeEvent e;
-  e.kind = FakeEvent::Kind::keyboard;
-  e.virtualKey = virtualKey;
-  e.keyDown = keyDown;
-  return make(std::move(e));
+bool FakeDesktop::postMouseButton(MouseButton button, bool down, Point at, int clickCount,
+                                  Modifiers mods) {
+  return post({.kind = FakeInput::Kind::button, .at = at, .button = button, .down = down,
+               .clickCount = clickCount, .modifiers = mods});
 }
 
-InputEventPtr FakeDesktop::createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount,
-                                                  std::int32_t wheel1, std::int32_t wheel2,
-                                                  std::int32_t wheel3) {
-  FakeEvent e;
-  e.kind = FakeEvent::Kind::scroll;
-  e.type = EventType::scrollWheel;
-  e.unit = unit;
-  e.wheelCount = wheelCount;
-  e.wheel1 = wheel1;
-  e.wheel2 = wheel2;
-  e.wheel3 = wheel3;
-  return make(std::move(e));
+bool FakeDesktop::postScroll(std::int32_t verticalLines, std::int32_t horizontalLines,
+                             Modifiers mods) {
+  return post({.kind = FakeInput::Kind::scroll, .modifiers = mods, .vertical = verticalLines,
+               .horizontal = horizontalLines});
 }
 
-void FakeDesktop::setIntegerValueField(InputEvent& event, EventField field, std::int64_t value) {
-  if (field == EventField::mouseEventClickState) asFake(event).clickState = value;
+bool FakeDesktop::postKey(std::uint16_t keyCode, bool down, Modifiers mods) {
+  return post({.kind = FakeInput::Kind::key, .down = down, .modifiers = mods, .keyCode = keyCode});
 }
 
-void FakeDesktop::setFlags(InputEvent& event, EventFlags flags) { asFake(event).flags = flags; }
-
-void FakeDesktop::keyboardSetUnicodeString(InputEvent& event, const std::u16string& units) {
-  asFake(event).unicode = units;
-}
-
-void FakeDesktop::postEvent(InputEvent& event) {
-  FakeEvent copy = asFake(event);
-  std::lock_guard lock(mutex);
-  steps.push_back({TimelineStep::Kind::post, std::move(copy), 0});
+bool FakeDesktop::typeText(const std::u16string& chunk) {
+  return post({.kind = FakeInput::Kind::text, .text = chunk});
 }
 
 void FakeDesktop::sleepMicros(std::uint32_t micros) {
   std::lock_guard lock(mutex);
-  steps.push_back({TimelineStep::Kind::sleep, FakeEvent{}, micros});
+  steps.push_back({TimelineStep::Kind::sleep, FakeInput{}, micros});
 }
 
-ElementRef FakeDesktop::createApplicationElement(std::int32_t pid) {
+ElementRef FakeDesktop::applicationElement(std::int32_t pid) {
   {
     std::lock_guard lock(mutex);
     applicationElementsCreated.push_back(pid);
@@ -197,8 +185,6 @@ ElementRef FakeDesktop::createApplicationElement(std::int32_t pid) {
   dead.actionNamesResult = AXError::cannotComplete;
   return addElement(std::move(dead));
 }
-
-ElementRef FakeDesktop::createSystemWideElement() { return systemWide; }
 
 AXResult FakeDesktop::setMessagingTimeout(const Element& element, float seconds) {
   const int id = idOf(element);
@@ -256,12 +242,12 @@ AXResult FakeDesktop::setAttributeValue(const Element& element, const std::strin
   return it == n.setResults.end() ? AXError::success : it->second;
 }
 
-AXResult FakeDesktop::copyElementAtPosition(const Element&, float x, float y, ElementRef& out) {
+AXResult FakeDesktop::elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) {
   {
     std::lock_guard lock(mutex);
-    hitTests.emplace_back(x, y);
+    hitTests.push_back({x, y, timeoutSeconds});
   }
-  if (elementAtResult == AXError::success) out = elementAtPoint;
+  if (elementAtResult == AXError::success) out = elementAt;
   return elementAtResult;
 }
 
@@ -273,19 +259,13 @@ std::optional<std::string> FakeDesktop::runningApplicationName(std::int32_t pid)
   return it->second;
 }
 
-bool FakeDesktop::fileExists(const std::string& path) {
-  std::lock_guard lock(mutex);
-  existenceChecks.push_back(path);
-  return existingFiles.count(path) != 0;
-}
-
-void FakeDesktop::openApplication(const std::string& path,
-                                  std::function<void(std::optional<std::string>)> completion) {
+void FakeDesktop::launchApplication(const std::string& name,
+                                    std::function<void(LaunchResult)> completion) {
   {
     std::lock_guard lock(mutex);
-    opened.push_back(path);
+    launched.push_back(name);
   }
-  onOpen(path, std::move(completion));
+  onLaunch(name, std::move(completion));
 }
 
 ShareableContent FakeDesktop::copyShareableContent() {
@@ -303,15 +283,14 @@ ContentFilterGeometry FakeDesktop::contentFilterGeometry(const ShareableDisplay&
   return captureDisplays.at(static_cast<std::size_t>(fake.index)).geometry;
 }
 
-CapturedImage FakeDesktop::captureImage(const ShareableDisplay& display, std::int64_t pixelWidth,
-                                        std::int64_t pixelHeight, bool showsCursor,
-                                        double jpegQuality) {
+CapturedImage FakeDesktop::captureImage(const ShareableDisplay& display,
+                                        const CaptureRequest& request) {
   const auto& fake = dynamic_cast<const FakeDisplay&>(display);
   {
     std::lock_guard lock(mutex);
-    captureRequests.push_back({fake.index, pixelWidth, pixelHeight, showsCursor, jpegQuality});
+    captureRequests.push_back({fake.index, request});
   }
-  return onCapture(fake.index, pixelWidth, pixelHeight);
+  return onCapture(fake.index, request.pixelWidth, request.pixelHeight);
 }
 
 void FakeDesktop::runMainLoop() { std::abort(); }

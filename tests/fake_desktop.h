@@ -1,6 +1,6 @@
 // A scripted desktop for the tests: grants, displays, pointer, accessibility trees, workspace and
-// capture are set up by the test; every created and posted event and every sleep is recorded in
-// one timeline, so pacing is checked exactly and without waiting.
+// capture are set up by the test; every posted input and every sleep is recorded in one
+// timeline, so pacing is checked exactly and without waiting.
 #pragma once
 
 #include <atomic>
@@ -8,7 +8,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -16,33 +15,31 @@
 
 namespace tervain::testing {
 
-struct FakeEvent : InputEvent {
-  enum class Kind { mouse, keyboard, scroll };
-  Kind kind = Kind::mouse;
-  int serial = 0;  // creation order, from 1
-  // Mouse
-  EventType type = EventType::mouseMoved;
-  Point at;
-  MouseButton button = MouseButton::left;
-  std::optional<std::int64_t> clickState;
-  // Keyboard
-  std::uint16_t virtualKey = 0;
-  bool keyDown = false;
-  std::optional<EventFlags> flags;
-  std::u16string unicode;
-  // Scroll
-  ScrollUnit unit = ScrollUnit::line;
-  std::uint32_t wheelCount = 0;
-  std::int32_t wheel1 = 0, wheel2 = 0, wheel3 = 0;
+// One input the operations posted, as the seam received it.
+struct FakeInput {
+  enum class Kind { move, button, scroll, key, text };
+  Kind kind = Kind::move;
+  Point at;                           // move, button
+  std::optional<MouseButton> button;  // button: the button; move: the one held, if any
+  bool down = false;                  // button, key
+  int clickCount = 0;                 // button
+  Modifiers modifiers = 0;
+  std::int32_t vertical = 0, horizontal = 0;  // scroll
+  std::uint16_t keyCode = 0;                  // key
+  std::u16string text;                        // text
 };
 
-// One step of the recorded timeline: a posted event (a copy as it was posted) or a sleep.
+// One step of the recorded timeline: a posted input or a sleep.
 struct TimelineStep {
   enum class Kind { post, sleep };
   Kind kind;
-  FakeEvent event;
+  FakeInput input;
   std::uint32_t micros = 0;
 };
+
+// One line per step ("press left (10,20) click 1", "sleep 40000", "key 6 down mods 0x9"), so
+// tests compare whole sequences at once. Coordinates are printed exactly (%.17g).
+std::string describe(const TimelineStep& step);
 
 // One scripted accessibility element. Attributes not in the map read as
 // kAXErrorAttributeUnsupported unless an error is scripted for them.
@@ -83,16 +80,12 @@ class FakeDesktop final : public Desktop {
   bool accessibility = true, screenRecording = true, postEvents = true;
   std::atomic<int> grantQueries{0};
 
-  struct Display {
-    std::uint32_t id;
-    std::int64_t width, height;
-    bool main;
-  };
-  std::vector<Display> displays;
+  std::vector<DisplayInfo> screens;
   std::optional<Point> pointer = Point{0, 0};
+  Modifiers modifiers = Modifier::all;  // what supportedModifiers() answers
 
-  // Consulted before every event creation; returning true makes that creation fail.
-  std::function<bool(const FakeEvent&)> refuseEvent;
+  // Consulted before every input is posted; returning true makes that post fail.
+  std::function<bool(const FakeInput&)> refuseInput;
 
   // Accessibility: elements are made by the test and live in the desktop.
   ElementRef addElement(FakeNode node);
@@ -100,27 +93,26 @@ class FakeDesktop final : public Desktop {
   FakeNode& node(const Element& element);
   int idOf(const Element& element) const;
   std::map<std::int32_t, ElementRef> applications;  // pid -> application element
-  ElementRef systemWide;
   AXResult elementAtResult = AXError::noValue;
-  ElementRef elementAtPoint;                        // returned with elementAtResult
+  ElementRef elementAt;                             // returned with elementAtResult
   // Records: (element id, what) in call order.
   std::vector<std::pair<int, float>> messagingTimeouts;
   std::vector<std::pair<int, std::string>> performed;
   std::vector<std::pair<int, AXWritableValue>> written;
-  std::vector<std::pair<float, float>> hitTests;
+  struct HitTest {
+    float x, y, timeoutSeconds;
+  };
+  std::vector<HitTest> hitTests;
   std::vector<std::int32_t> applicationElementsCreated;
   int liveElements() const { return *live; }
 
   // Workspace.
   std::optional<std::int32_t> frontmost;
   std::map<std::int32_t, std::string> applicationNames;
-  std::set<std::string> existingFiles;
-  std::vector<std::string> existenceChecks;
-  // Decides what an open does; by default the completion runs at once with no error.
-  std::function<void(const std::string& path,
-                     std::function<void(std::optional<std::string>)> completion)>
-      onOpen;
-  std::vector<std::string> opened;
+  // Decides what a launch does; by default the completion runs at once: launched.
+  std::function<void(const std::string& name, std::function<void(LaunchResult)> completion)>
+      onLaunch;
+  std::vector<std::string> launched;
 
   // Capture.
   std::optional<std::string> shareableContentError;
@@ -130,42 +122,34 @@ class FakeDesktop final : public Desktop {
   std::vector<CaptureDisplay> captureDisplays;
   // Produces the image for a capture; by default a small JPEG-like payload of the asked size.
   std::function<CapturedImage(int displayIndex, std::int64_t w, std::int64_t h)> onCapture;
-  struct CaptureRequest {
+  struct Capture {
     int displayIndex;
-    std::int64_t width, height;
-    bool showsCursor;
-    double quality;
+    CaptureRequest request;
   };
-  std::vector<CaptureRequest> captures() const;
+  std::vector<Capture> captures() const;
 
   // ---- Records -------------------------------------------------------------------------------
   std::vector<TimelineStep> timeline() const;
-  std::vector<FakeEvent> posted() const;
+  std::vector<FakeInput> posted() const;
   std::uint32_t totalSleepMicros() const;
-  int eventsCreated() const { return serial; }
-  int eventsAlive() const { return *liveEvents; }
 
   // ---- Desktop -------------------------------------------------------------------------------
+  std::string_view kind() const override { return "fake"; }
   bool accessibilityTrusted() override;
   bool screenCaptureAccess() override;
   bool postEventAccess() override;
-  std::vector<std::uint32_t> activeDisplayList(std::uint32_t maxDisplays) override;
-  std::int64_t displayPixelsWide(std::uint32_t display) override;
-  std::int64_t displayPixelsHigh(std::uint32_t display) override;
-  bool displayIsMain(std::uint32_t display) override;
+  std::vector<DisplayInfo> displays(std::uint32_t maxDisplays) override;
   std::optional<Point> pointerLocation() override;
-  InputEventPtr createMouseEvent(EventType type, Point at, MouseButton button) override;
-  InputEventPtr createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) override;
-  InputEventPtr createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount,
-                                       std::int32_t wheel1, std::int32_t wheel2,
-                                       std::int32_t wheel3) override;
-  void setIntegerValueField(InputEvent& event, EventField field, std::int64_t value) override;
-  void setFlags(InputEvent& event, EventFlags flags) override;
-  void keyboardSetUnicodeString(InputEvent& event, const std::u16string& units) override;
-  void postEvent(InputEvent& event) override;
+  Modifiers supportedModifiers() const override { return modifiers; }
+  bool postPointerMove(Point at, std::optional<MouseButton> held, Modifiers modifiers) override;
+  bool postMouseButton(MouseButton button, bool down, Point at, int clickCount,
+                       Modifiers modifiers) override;
+  bool postScroll(std::int32_t verticalLines, std::int32_t horizontalLines,
+                  Modifiers modifiers) override;
+  bool postKey(std::uint16_t keyCode, bool down, Modifiers modifiers) override;
+  bool typeText(const std::u16string& chunk) override;
   void sleepMicros(std::uint32_t micros) override;
-  ElementRef createApplicationElement(std::int32_t pid) override;
-  ElementRef createSystemWideElement() override;
+  ElementRef applicationElement(std::int32_t pid) override;
   AXResult setMessagingTimeout(const Element& element, float seconds) override;
   AXResult copyAttributeValue(const Element& element, const std::string& attribute,
                               AXValue& out) override;
@@ -175,30 +159,25 @@ class FakeDesktop final : public Desktop {
                                bool& settable) override;
   AXResult setAttributeValue(const Element& element, const std::string& attribute,
                              const AXWritableValue& value) override;
-  AXResult copyElementAtPosition(const Element& systemWideElement, float x, float y,
-                                 ElementRef& out) override;
+  AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) override;
   std::optional<std::int32_t> frontmostApplicationPid() override;
   std::optional<std::string> runningApplicationName(std::int32_t pid) override;
-  bool fileExists(const std::string& path) override;
-  void openApplication(const std::string& path,
-                       std::function<void(std::optional<std::string>)> completion) override;
+  void launchApplication(const std::string& name,
+                         std::function<void(LaunchResult)> completion) override;
   ShareableContent copyShareableContent() override;
   ContentFilterGeometry contentFilterGeometry(const ShareableDisplay& display) override;
-  CapturedImage captureImage(const ShareableDisplay& display, std::int64_t pixelWidth,
-                             std::int64_t pixelHeight, bool showsCursor,
-                             double jpegQuality) override;
+  CapturedImage captureImage(const ShareableDisplay& display,
+                             const CaptureRequest& request) override;
   [[noreturn]] void runMainLoop() override;
 
  private:
-  InputEventPtr make(FakeEvent event);
+  bool post(FakeInput input);
 
   mutable std::mutex mutex;
-  int serial = 0;
-  std::shared_ptr<std::atomic<int>> liveEvents = std::make_shared<std::atomic<int>>(0);
   std::vector<TimelineStep> steps;
   std::shared_ptr<std::atomic<int>> live = std::make_shared<std::atomic<int>>(0);
   std::vector<std::unique_ptr<FakeNode>> nodes;  // by element id - 1
-  std::vector<CaptureRequest> captureRequests;
+  std::vector<Capture> captureRequests;
 };
 
 }  // namespace tervain::testing

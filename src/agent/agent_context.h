@@ -20,10 +20,8 @@ struct AgentContext {
 
   // How long "screenshot" waits for its capture before it answers "screenshot timed out".
   std::chrono::milliseconds screenshotTimeout{15'000};
-  // How long "launch_app" waits for the workspace to acknowledge an open.
+  // How long "launch_app" waits for the desktop to acknowledge a launch.
   std::chrono::milliseconds launchTimeout{15'000};
-  // The program that resolves an application name when no bundle is found ("open -a NAME").
-  std::string openToolPath = "/usr/bin/open";
   // Runs a job off the calling thread. The job owns everything it touches, since it may outlive
   // the request that started it. By default each job gets a new detached thread.
   std::function<void(std::function<void()>)> startWorker = [](std::function<void()> job) {

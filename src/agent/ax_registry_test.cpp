@@ -58,10 +58,10 @@ TEST_F(AXRegistryTest, HoldsItsElementsUntilResetOrDestroyed) {
   watched = element;
   registry.registerElement(std::move(element));
   registry.registerElement(watched.lock());
-  EXPECT_EQ(desktop.liveElements(), 2);  // the system-wide element and this one
+  EXPECT_EQ(desktop.liveElements(), 1);
   registry.reset();
   EXPECT_TRUE(watched.expired());
-  EXPECT_EQ(desktop.liveElements(), 1);
+  EXPECT_EQ(desktop.liveElements(), 0);
 }
 
 }  // namespace

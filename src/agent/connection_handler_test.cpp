@@ -42,7 +42,7 @@ TEST_F(DispatchTest, UnserialisableReplyBecomesTheFixedLine) {
 }
 
 TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
-  desktop.displays = {{69733378, 1920, 1080, true}};
+  desktop.screens = {{69733378, 1920, 1080, true}};
   desktop.accessibility = false;
   desktop.screenRecording = false;
   desktop.postEvents = false;
@@ -58,11 +58,11 @@ TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
 }
 
 TEST_F(DispatchTest, PingReportsAtMostEightDisplays) {
-  for (std::uint32_t id = 1; id <= 10; ++id) desktop.displays.push_back({id, 800, 600, id == 1});
+  for (std::uint32_t id = 1; id <= 10; ++id) desktop.screens.push_back({id, 800, 600, id == 1});
   const Json displays = reply(R"({"op":"ping"})")["displays"];
   ASSERT_EQ(displays.size(), 8u);
   EXPECT_EQ(displays[7]["id"], 8);
-  desktop.displays.clear();
+  desktop.screens.clear();
   EXPECT_EQ(reply(R"({"op":"ping"})")["displays"], Json::array());
 }
 

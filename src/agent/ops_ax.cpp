@@ -21,10 +21,11 @@
 #include <variant>
 #include <vector>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_ax.h"
 #include "core/ax_text.h"
 #include "core/json_writer.h"
 #include "core/request_members.h"
+#include "core/vocabulary.h"
 
 namespace tervain {
 namespace {
@@ -41,17 +42,16 @@ constexpr std::int64_t kMaxDepth = 25;
 constexpr float kMessagingTimeoutSeconds = 1.5f;
 constexpr std::size_t kValueCharacters = 250;
 
-// Attribute and action names, built once: every element of a dump reads most of them.
-const std::string kRole = "AXRole";
-const std::string kSubrole = "AXSubrole";
-const std::string kTitle = "AXTitle";
-const std::string kValue = "AXValue";
-const std::string kEnabled = "AXEnabled";
-const std::string kFocused = "AXFocused";
-const std::string kPosition = "AXPosition";
-const std::string kSize = "AXSize";
-const std::string kChildren = "AXChildren";
-const std::string kPress = "AXPress";
+const std::string& kRole = AX::role;
+const std::string& kSubrole = AX::subrole;
+const std::string& kTitle = AX::title;
+const std::string& kValue = AX::value;
+const std::string& kEnabled = AX::enabled;
+const std::string& kFocused = AX::focused;
+const std::string& kPosition = AX::position;
+const std::string& kSize = AX::size;
+const std::string& kChildren = AX::children;
+const std::string& kPress = AX::press;
 
 // The platform's number objects: integers, reals and booleans alike.
 std::optional<bool> numberTruth(const AXValue& value) {
@@ -71,50 +71,28 @@ std::vector<ElementRef>* elementList(AXValue& value) {
   return list;
 }
 
-}  // namespace
-
 // ---- Refs ------------------------------------------------------------------------------------
 
-ElementRef ConnectionHandler::resolveRef(const Json& request) const {
+// The element that the request's "ref" names on this connection, or null.
+ElementRef resolveRef(const OperationContext& context, const Json& request) {
   const std::string* ref = stringMember(request, "ref");
   if (ref == nullptr) return nullptr;
-  return axRegistry[*ref];
+  return context.refs[*ref];
 }
 
-Reply ConnectionHandler::staleRefReply(const Json& request) {
+// The failure reply for a ref that names nothing (or an element that has gone away).
+Reply staleRefReply(const Json& request) {
   const std::string* ref = stringMember(request, "ref");
   return Reply::failure("element ref \"" + (ref != nullptr ? *ref : std::string("?")) +
                         "\" is unknown or stale \u2014 refs are only valid until the next "
                         "ax_dump; re-dump and retry");
 }
 
-std::string ConnectionHandler::describe(AXResult code) {
-  switch (code) {
-    case AXError::success:
-      return "success";
-    case AXError::invalidUIElement:
-      return "kAXErrorInvalidUIElement \u2014 stale element";
-    case AXError::cannotComplete:
-      return "kAXErrorCannotComplete \u2014 the app did not respond in time";
-    case AXError::attributeUnsupported:
-      return "attribute unsupported";
-    case AXError::actionUnsupported:
-      return "action unsupported";
-    case AXError::notImplemented:
-      return "the app does not implement this AX request";
-    case AXError::apiDisabled:
-      return "kAXErrorAPIDisabled \u2014 accessibility is disabled for this app";
-    case AXError::noValue:
-      return "no value";
-    default:
-      return "AXError " + std::to_string(code);
-  }
-}
-
 // ---- Attribute readers -----------------------------------------------------------------------
 
-std::optional<std::string> ConnectionHandler::copyString(const Element& element,
-                                                         const std::string& attribute) {
+// Attribute readers; nothing when the read fails or the value is of another type.
+std::optional<std::string> copyString(Desktop& desktop, const Element& element,
+                                      const std::string& attribute) {
   AXValue value;
   if (desktop.copyAttributeValue(element, attribute, value) != AXError::success) {
     return std::nullopt;
@@ -125,8 +103,8 @@ std::optional<std::string> ConnectionHandler::copyString(const Element& element,
   return std::move(*text);
 }
 
-std::optional<bool> ConnectionHandler::copyBool(const Element& element,
-                                                const std::string& attribute) {
+std::optional<bool> copyBool(Desktop& desktop, const Element& element,
+                             const std::string& attribute) {
   AXValue value;
   if (desktop.copyAttributeValue(element, attribute, value) != AXError::success) {
     return std::nullopt;
@@ -134,7 +112,11 @@ std::optional<bool> ConnectionHandler::copyBool(const Element& element,
   return numberTruth(value);
 }
 
-std::optional<ConnectionHandler::Frame> ConnectionHandler::copyFrame(const Element& element) {
+struct Frame {
+  std::int64_t x, y, w, h;
+};
+
+std::optional<Frame> copyFrame(Desktop& desktop, const Element& element) {
   AXValue position;
   if (desktop.copyAttributeValue(element, kPosition, position) != AXError::success) {
     return std::nullopt;
@@ -153,7 +135,7 @@ std::optional<ConnectionHandler::Frame> ConnectionHandler::copyFrame(const Eleme
   return Frame{*x, *y, *w, *h};
 }
 
-std::optional<std::string> ConnectionHandler::copyValueDescription(const Element& element) {
+std::optional<std::string> copyValueDescription(Desktop& desktop, const Element& element) {
   AXValue value;
   if (desktop.copyAttributeValue(element, kValue, value) != AXError::success) {
     return std::nullopt;
@@ -178,37 +160,40 @@ std::optional<std::string> ConnectionHandler::copyValueDescription(const Element
 
 // ---- Nodes -----------------------------------------------------------------------------------
 
-void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxDepth,
-                                  std::int64_t& budget, std::string& out) {
+// One node of a dump, appended to out as JSON text: registers the element, reads its attributes
+// and, while depth and the shared budget allow, its children.
+void buildNode(OperationContext& context, const ElementRef& element, int depth, int maxDepth,
+               std::int64_t& budget, std::string& out) {
+  Desktop& desktop = context.desktop;
   const std::int64_t remaining = --budget;
   out += R"({"ref":)";
-  appendJsonString(out, axRegistry.registerElement(element));
+  appendJsonString(out, context.refs.registerElement(element));
   if (!element) {  // nothing to read; the ref resolves to nothing
     out.push_back('}');
     return;
   }
   const Element& e = *element;
 
-  if (const auto role = copyString(e, kRole)) {
+  if (const auto role = copyString(desktop, e, kRole)) {
     out += R"(,"role":)";
     appendJsonString(out, *role);
   }
-  if (const auto subrole = copyString(e, kSubrole)) {
+  if (const auto subrole = copyString(desktop, e, kSubrole)) {
     out += R"(,"subrole":)";
     appendJsonString(out, *subrole);
   }
-  if (const auto title = copyString(e, kTitle); title && !title->empty()) {
+  if (const auto title = copyString(desktop, e, kTitle); title && !title->empty()) {
     out += R"(,"title":)";
     appendJsonString(out, *title);
   }
-  if (const auto value = copyValueDescription(e)) {
+  if (const auto value = copyValueDescription(desktop, e)) {
     out += R"(,"value":)";
     appendJsonString(out, *value);
   }
   // Written only when they differ from what a host assumes: enabled, and not focused.
-  if (copyBool(e, kEnabled) == false) out += R"(,"enabled":false)";
-  if (copyBool(e, kFocused) == true) out += R"(,"focused":true)";
-  if (const auto frame = copyFrame(e)) {
+  if (copyBool(desktop, e, kEnabled) == false) out += R"(,"enabled":false)";
+  if (copyBool(desktop, e, kFocused) == true) out += R"(,"focused":true)";
+  if (const auto frame = copyFrame(desktop, e)) {
     out += R"(,"frame":{"x":)" + std::to_string(frame->x) + R"(,"y":)" +
            std::to_string(frame->y) + R"(,"w":)" + std::to_string(frame->w) + R"(,"h":)" +
            std::to_string(frame->h) + "}";
@@ -239,7 +224,7 @@ void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxD
       std::size_t built = 0;
       for (std::size_t i = 0; i < examined && budget >= 1; ++i, ++built) {
         if (i != 0) out.push_back(',');
-        buildNode((*children)[i], depth + 1, maxDepth, budget, out);
+        buildNode(context, (*children)[i], depth + 1, maxDepth, budget, out);
       }
       if (built == 0) {
         out.resize(start);
@@ -254,9 +239,35 @@ void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxD
   out.push_back('}');
 }
 
+}  // namespace
+
+std::string describeAXResult(AXResult code) {
+  switch (code) {
+    case AXError::success:
+      return "success";
+    case AXError::invalidUIElement:
+      return "kAXErrorInvalidUIElement \u2014 stale element";
+    case AXError::cannotComplete:
+      return "kAXErrorCannotComplete \u2014 the app did not respond in time";
+    case AXError::attributeUnsupported:
+      return "attribute unsupported";
+    case AXError::actionUnsupported:
+      return "action unsupported";
+    case AXError::notImplemented:
+      return "the app does not implement this AX request";
+    case AXError::apiDisabled:
+      return "kAXErrorAPIDisabled \u2014 accessibility is disabled for this app";
+    case AXError::noValue:
+      return "no value";
+    default:
+      return "AXError " + std::to_string(code);
+  }
+}
+
 // ---- Operations ------------------------------------------------------------------------------
 
-Reply ConnectionHandler::opAXDump(const Json& request) {
+Reply opAXDump(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
 
   std::int32_t pid = 0;
@@ -274,14 +285,14 @@ Reply ConnectionHandler::opAXDump(const Json& request) {
       std::clamp(integerMember(request, "maxDepth").value_or(kDefaultDepth), kMinDepth, kMaxDepth);
 
   // Only now, with a target chosen, do the previous dump's refs go.
-  axRegistry.reset();
+  context.refs.reset();
 
-  const ElementRef application = desktop.createApplicationElement(pid);
+  const ElementRef application = desktop.applicationElement(pid);
   if (application) desktop.setMessagingTimeout(*application, kMessagingTimeoutSeconds);
 
   std::int64_t budget = kNodeBudget;
   std::string tree;
-  buildNode(application, 0, static_cast<int>(depthLimit), budget, tree);
+  buildNode(context, application, 0, static_cast<int>(depthLimit), budget, tree);
 
   Reply reply = Reply::success();
   reply.jsonMembers.emplace_back("tree", std::move(tree));
@@ -290,7 +301,8 @@ Reply ConnectionHandler::opAXDump(const Json& request) {
   return reply;
 }
 
-Reply ConnectionHandler::opAXElementAt(const Json& request) {
+Reply opAXElementAt(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
 
   // Integers only: unlike the pointer operations, a fractional point is refused.
@@ -298,31 +310,27 @@ Reply ConnectionHandler::opAXElementAt(const Json& request) {
   const std::optional<std::int64_t> y = integerMember(request, "y");
   if (!x || !y) return Reply::failure("ax_element_at requires x and y");
 
-  const ElementRef systemWide = desktop.createSystemWideElement();
   ElementRef found;
-  AXResult code = AXError::failure;
-  if (systemWide) {
-    desktop.setMessagingTimeout(*systemWide, kMessagingTimeoutSeconds);
-    code = desktop.copyElementAtPosition(*systemWide, static_cast<float>(*x),
-                                         static_cast<float>(*y), found);
-  }
+  const AXResult code = desktop.elementAtPoint(static_cast<float>(*x), static_cast<float>(*y),
+                                               kMessagingTimeoutSeconds, found);
   if (code != AXError::success || !found) {
     return Reply::failure("no accessible element at (" + std::to_string(*x) + ", " +
-                          std::to_string(*y) + ") (" + describe(code) + ")");
+                          std::to_string(*y) + ") (" + describeAXResult(code) + ")");
   }
 
   // One node, no children; its ref joins those of the last dump.
   std::int64_t budget = 1;
   Reply reply = Reply::success();
   std::string node;
-  buildNode(found, 0, 0, budget, node);
+  buildNode(context, found, 0, 0, budget, node);
   reply.jsonMembers.emplace_back("node", std::move(node));
   return reply;
 }
 
-Reply ConnectionHandler::opAXAction(const Json& request) {
+Reply opAXAction(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
-  const ElementRef element = resolveRef(request);
+  const ElementRef element = resolveRef(context, request);
   if (!element) return staleRefReply(request);
 
   const std::string* asked = stringMember(request, "action");
@@ -342,13 +350,14 @@ Reply ConnectionHandler::opAXAction(const Json& request) {
     case AXError::invalidUIElement:
       return staleRefReply(request);
     default:
-      return Reply::failure(action + " failed (" + describe(code) + ")");
+      return Reply::failure(action + " failed (" + describeAXResult(code) + ")");
   }
 }
 
-Reply ConnectionHandler::opAXSetValue(const Json& request) {
+Reply opAXSetValue(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
-  const ElementRef element = resolveRef(request);
+  const ElementRef element = resolveRef(context, request);
   if (!element) return staleRefReply(request);
 
   const std::string* value = stringMember(request, "value");
@@ -364,18 +373,19 @@ Reply ConnectionHandler::opAXSetValue(const Json& request) {
   const AXResult code = desktop.setAttributeValue(*element, kValue, AXWritableValue(*value));
   if (code == AXError::success) return Reply::success();
   if (code == AXError::invalidUIElement) return staleRefReply(request);
-  return Reply::failure("setting AXValue failed (" + describe(code) + ")");
+  return Reply::failure("setting AXValue failed (" + describeAXResult(code) + ")");
 }
 
-Reply ConnectionHandler::opAXFocus(const Json& request) {
+Reply opAXFocus(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
-  const ElementRef element = resolveRef(request);
+  const ElementRef element = resolveRef(context, request);
   if (!element) return staleRefReply(request);
 
   const AXResult code = desktop.setAttributeValue(*element, kFocused, AXWritableValue(true));
   if (code == AXError::success) return Reply::success();
   if (code == AXError::invalidUIElement) return staleRefReply(request);
-  return Reply::failure("focusing failed (" + describe(code) + ")");
+  return Reply::failure("focusing failed (" + describeAXResult(code) + ")");
 }
 
 }  // namespace tervain

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/connection_handler.h"
+#include "agent/ops_ax.h"
 #include "fake_desktop.h"
 
 namespace tervain {
@@ -135,7 +136,7 @@ TEST_F(AXTest, HitTestAddsTheNextRefAndKeepsTheDumpRefs) {
   const ElementRef button = withRole("AXButton");
   frontmost(element({}, {button, element()}));
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = button;
+  desktop.elementAt = button;
   EXPECT_EQ(refsOf(tree()), refRange(1, 3));
 
   const Json hit = send({{"op", "ax_element_at"}, {"x", 5}, {"y", 6}});
@@ -207,7 +208,7 @@ TEST_F(AXTest, HandlesAreReleasedOnTheNextDumpAndWithTheHandler) {
 TEST_F(AXTest, RegistryHoldsHitElementsUntilTheNextDump) {
   ElementRef hit = element();
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = hit;
+  desktop.elementAt = hit;
   const long held = hit.use_count();
   send({{"op", "ax_element_at"}, {"x", 1}, {"y", 1}});
   send({{"op", "ax_element_at"}, {"x", 1}, {"y", 1}});
@@ -572,14 +573,15 @@ TEST_F(AXTest, ElementAtAsksTheSystemWideElementWithATimeout) {
                      {"AXSize", Size{80, 24}}};
   node.actionNames = std::vector<std::string>{"AXPress"};
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = element(std::move(node), leaves(3));
+  desktop.elementAt = element(std::move(node), leaves(3));
 
   const Json reply = send({{"op", "ax_element_at"}, {"x", -200}, {"y", 50}});
   EXPECT_EQ(reply, Json::parse(R"({"ok":true,"node":{"ref":"e1","role":"AXButton","title":"OK",
       "frame":{"x":-201,"y":40,"w":80,"h":24},"actions":["AXPress"]}})"));
-  EXPECT_EQ(desktop.hitTests, (std::vector<std::pair<float, float>>{{-200.0f, 50.0f}}));
-  EXPECT_EQ(desktop.messagingTimeouts,
-            (std::vector<std::pair<int, float>>{{desktop.idOf(*desktop.systemWide), 1.5f}}));
+  ASSERT_EQ(desktop.hitTests.size(), 1u);
+  EXPECT_EQ(desktop.hitTests[0].x, -200.0f);
+  EXPECT_EQ(desktop.hitTests[0].y, 50.0f);
+  EXPECT_EQ(desktop.hitTests[0].timeoutSeconds, 1.5f);
 }
 
 TEST_F(AXTest, ElementAtFailuresDescribeTheResultCode) {
@@ -590,11 +592,11 @@ TEST_F(AXTest, ElementAtFailuresDescribeTheResultCode) {
   EXPECT_EQ(error({{"op", "ax_element_at"}, {"x", -5}, {"y", 0}}),
             "no accessible element at (-5, 0) (AXError -25200)");
   desktop.elementAtResult = AXError::success;
-  desktop.elementAtPoint = nullptr;
+  desktop.elementAt = nullptr;
   EXPECT_EQ(error({{"op", "ax_element_at"}, {"x", 1}, {"y", 2}}),
             "no accessible element at (1, 2) (success)");
   // Failures mint no ref.
-  desktop.elementAtPoint = element();
+  desktop.elementAt = element();
   EXPECT_EQ(send({{"op", "ax_element_at"}, {"x", 1}, {"y", 2}})["node"]["ref"], "e1");
 }
 
@@ -742,25 +744,25 @@ TEST_F(AXActionTest, FocusFailures) {
 // ---- describe --------------------------------------------------------------------------------
 
 TEST(AXDescribeTest, EveryRowOfTheTable) {
-  EXPECT_EQ(ConnectionHandler::describe(0), "success");
-  EXPECT_EQ(ConnectionHandler::describe(-25202), "kAXErrorInvalidUIElement \u2014 stale element");
-  EXPECT_EQ(ConnectionHandler::describe(-25204),
+  EXPECT_EQ(describeAXResult(0), "success");
+  EXPECT_EQ(describeAXResult(-25202), "kAXErrorInvalidUIElement \u2014 stale element");
+  EXPECT_EQ(describeAXResult(-25204),
             "kAXErrorCannotComplete \u2014 the app did not respond in time");
-  EXPECT_EQ(ConnectionHandler::describe(-25205), "attribute unsupported");
-  EXPECT_EQ(ConnectionHandler::describe(-25206), "action unsupported");
-  EXPECT_EQ(ConnectionHandler::describe(-25208), "the app does not implement this AX request");
-  EXPECT_EQ(ConnectionHandler::describe(-25211),
+  EXPECT_EQ(describeAXResult(-25205), "attribute unsupported");
+  EXPECT_EQ(describeAXResult(-25206), "action unsupported");
+  EXPECT_EQ(describeAXResult(-25208), "the app does not implement this AX request");
+  EXPECT_EQ(describeAXResult(-25211),
             "kAXErrorAPIDisabled \u2014 accessibility is disabled for this app");
-  EXPECT_EQ(ConnectionHandler::describe(-25212), "no value");
+  EXPECT_EQ(describeAXResult(-25212), "no value");
 }
 
 TEST(AXDescribeTest, OtherCodesAreNumbered) {
-  EXPECT_EQ(ConnectionHandler::describe(-25200), "AXError -25200");
+  EXPECT_EQ(describeAXResult(-25200), "AXError -25200");
   for (const AXResult code : {-25201, -25203, -25207, -25209, -25210, -25213, -25214}) {
-    EXPECT_EQ(ConnectionHandler::describe(code), "AXError " + std::to_string(code));
+    EXPECT_EQ(describeAXResult(code), "AXError " + std::to_string(code));
   }
-  EXPECT_EQ(ConnectionHandler::describe(1), "AXError 1");
-  EXPECT_EQ(ConnectionHandler::describe(std::numeric_limits<AXResult>::min()),
+  EXPECT_EQ(describeAXResult(1), "AXError 1");
+  EXPECT_EQ(describeAXResult(std::numeric_limits<AXResult>::min()),
             "AXError -2147483648");
 }
 

@@ -1,14 +1,14 @@
 // "exec": hands the connection to an ExecSession for the rest of its life.
 #include <string>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_exec.h"
 #include "core/agent_wire.h"
 #include "core/exec_session.h"
 #include "core/request_members.h"
 
 namespace tervain {
 
-void ConnectionHandler::runExec(std::string_view requestLine) {
+bool runExec(OperationContext& context, std::string_view requestLine) {
   // Parsed before the pending bytes are taken: the line is a view into the line buffer.
   const std::optional<Json> request = parseRequestObject(requestLine);
   if (!request) {
@@ -21,12 +21,13 @@ void ConnectionHandler::runExec(std::string_view requestLine) {
     line += "\",\"";
     line += Wire::messageKey;
     line += "\":\"exec request did not parse\"}\n";
-    writeAll(line);
-    return;
+    writeAll(context.fd, line);
+    return false;
   }
-  ExecSession session(fd, lines.takePending(), std::string(ExecSession::defaultDulkPath),
+  ExecSession session(context.fd, context.lines.takePending(), std::string(ExecSession::defaultDulkPath),
                       ExecSession::defaultPipeGraceMillis);
   session.run(*request);
+  return false;
 }
 
 }  // namespace tervain

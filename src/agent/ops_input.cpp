@@ -1,16 +1,15 @@
 // Input synthesis: "click", "move", "drag", "scroll" (pointer) and "type", "key" (keyboard).
 //
-// Every operation checks the input-synthesis grant before it reads any member, then creates
-// events through the desktop and posts them with fixed pacing. Pacing goes through
-// Desktop::sleepMicros so the tests see every delay in order. Where two events form a pair (a
-// press and its release), both are created before either is posted, so a creation failure never
-// leaves a button or a key held down.
+// Every operation checks the input-synthesis grant before it reads any member, then posts events
+// through the desktop with fixed pacing. Pacing goes through Desktop::sleepMicros so the tests
+// see every delay in order. A press that cannot be posted ends a click or a key with an error
+// before its release is tried; a drag is best effort throughout.
 #include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_input.h"
 #include "core/key_map.h"
 #include "core/request_members.h"
 #include "core/utf16.h"
@@ -45,67 +44,53 @@ Point pointAt(std::int64_t x, std::int64_t y) {
   return {static_cast<double>(x), static_cast<double>(y)};
 }
 
-struct ButtonEvents {
-  EventType down;
-  EventType up;
-  MouseButton button;
-};
-
 // Exact, case-sensitive names; every other value (and no value) is the left button.
-ButtonEvents selectButton(const Json& request) {
+MouseButton selectButton(const Json& request) {
   const std::string* name = stringMember(request, "button");
-  if (name != nullptr && *name == "right") {
-    return {EventType::rightMouseDown, EventType::rightMouseUp, MouseButton::right};
-  }
-  if (name != nullptr && *name == "middle") {
-    return {EventType::otherMouseDown, EventType::otherMouseUp, MouseButton::center};
-  }
-  return {EventType::leftMouseDown, EventType::leftMouseUp, MouseButton::left};
-}
-
-// Creates and posts one event, skipping it silently when it cannot be created.
-void postIfCreated(Desktop& desktop, InputEventPtr event) {
-  if (event) desktop.postEvent(*event);
+  if (name != nullptr && *name == "right") return MouseButton::right;
+  if (name != nullptr && *name == "middle") return MouseButton::center;
+  return MouseButton::left;
 }
 
 }  // namespace
 
-Reply ConnectionHandler::opClick(const Json& request) {
+Reply opClick(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::optional<std::int64_t> x = intField(request, "x");
   const std::optional<std::int64_t> y = intField(request, "y");
   if (!x || !y) return Reply::failure("click requires x and y");
   const std::int64_t count = std::clamp<std::int64_t>(intField(request, "count").value_or(1), 1, 3);
-  const ButtonEvents button = selectButton(request);
+  const MouseButton button = selectButton(request);
   const Point at = pointAt(*x, *y);
 
-  postIfCreated(desktop, desktop.createMouseEvent(EventType::mouseMoved, at, MouseButton::left));
-  for (std::int64_t n = 1; n <= count; ++n) {
-    InputEventPtr down = desktop.createMouseEvent(button.down, at, button.button);
-    InputEventPtr up = desktop.createMouseEvent(button.up, at, button.button);
-    if (!down || !up) return Reply::failure("could not create the mouse event");
-    // The click state makes the second round a double-click and the third a triple-click.
-    desktop.setIntegerValueField(*down, EventField::mouseEventClickState, n);
-    desktop.setIntegerValueField(*up, EventField::mouseEventClickState, n);
-    desktop.postEvent(*down);
+  desktop.postPointerMove(at, std::nullopt, 0);
+  for (int n = 1; n <= count; ++n) {
+    // The click count makes the second round a double-click and the third a triple-click.
+    if (!desktop.postMouseButton(button, true, at, n, 0)) {
+      return Reply::failure("could not create the mouse event");
+    }
     desktop.sleepMicros(kPressHoldMicros);
-    desktop.postEvent(*up);
+    if (!desktop.postMouseButton(button, false, at, n, 0)) {
+      return Reply::failure("could not create the mouse event");
+    }
     if (n < count) desktop.sleepMicros(kBetweenClicksMicros);
   }
   return Reply::success();
 }
 
-Reply ConnectionHandler::opMove(const Json& request) {
+Reply opMove(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::optional<std::int64_t> x = intField(request, "x");
   const std::optional<std::int64_t> y = intField(request, "y");
   if (!x || !y) return Reply::failure("move requires x and y");
-  postIfCreated(
-      desktop, desktop.createMouseEvent(EventType::mouseMoved, pointAt(*x, *y), MouseButton::left));
+  desktop.postPointerMove(pointAt(*x, *y), std::nullopt, 0);
   return Reply::success();
 }
 
-Reply ConnectionHandler::opDrag(const Json& request) {
+Reply opDrag(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::optional<std::int64_t> toX = intField(request, "toX");
   const std::optional<std::int64_t> toY = intField(request, "toY");
@@ -116,12 +101,11 @@ Reply ConnectionHandler::opDrag(const Json& request) {
   if (const auto fromY = intField(request, "fromY")) start.y = static_cast<double>(*fromY);
   const Point to = pointAt(*toX, *toY);
 
-  // A drag is best effort throughout: an event that cannot be created is left out and the
+  // A drag is best effort throughout: an event that cannot be posted is left out and the
   // sequence goes on with its timing intact.
-  postIfCreated(desktop, desktop.createMouseEvent(EventType::mouseMoved, start, MouseButton::left));
+  desktop.postPointerMove(start, std::nullopt, 0);
   desktop.sleepMicros(kDragSettleMicros);
-  postIfCreated(desktop,
-                desktop.createMouseEvent(EventType::leftMouseDown, start, MouseButton::left));
+  desktop.postMouseButton(MouseButton::left, true, start, 1, 0);
   for (int i = 1; i <= kDragSteps; ++i) {
     const double t = static_cast<double>(i) / kDragSteps;
     // The last step is exactly the target: computed as start + (to - start) * 1.0 it could
@@ -130,15 +114,15 @@ Reply ConnectionHandler::opDrag(const Json& request) {
                            ? to
                            : Point{start.x + (to.x - start.x) * t, start.y + (to.y - start.y) * t};
     desktop.sleepMicros(kDragStepMicros);
-    postIfCreated(desktop,
-                  desktop.createMouseEvent(EventType::leftMouseDragged, step, MouseButton::left));
+    desktop.postPointerMove(step, MouseButton::left, 0);
   }
   desktop.sleepMicros(kDragSettleMicros);
-  postIfCreated(desktop, desktop.createMouseEvent(EventType::leftMouseUp, to, MouseButton::left));
+  desktop.postMouseButton(MouseButton::left, false, to, 1, 0);
   return Reply::success();
 }
 
-Reply ConnectionHandler::opScroll(const Json& request) {
+Reply opScroll(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const auto clampLines = [](std::optional<std::int64_t> v) -> std::optional<std::int64_t> {
     if (!v) return std::nullopt;
@@ -149,40 +133,34 @@ Reply ConnectionHandler::opScroll(const Json& request) {
   if (dy.value_or(0) == 0 && dx.value_or(0) == 0) {
     return Reply::failure("scroll requires dx and/or dy");
   }
-  // One event carries the whole amount: wheel 1 is vertical, wheel 2 horizontal.
-  InputEventPtr event =
-      desktop.createScrollWheelEvent(ScrollUnit::line, 2, static_cast<std::int32_t>(dy.value_or(0)),
-                                     static_cast<std::int32_t>(dx.value_or(0)), 0);
-  if (!event) return Reply::failure("could not create the scroll event");
-  desktop.postEvent(*event);
+  // One event carries the whole amount on both axes.
+  if (!desktop.postScroll(static_cast<std::int32_t>(dy.value_or(0)),
+                          static_cast<std::int32_t>(dx.value_or(0)), 0)) {
+    return Reply::failure("could not create the scroll event");
+  }
   return Reply::success();
 }
 
-Reply ConnectionHandler::opType(const Json& request) {
+Reply opType(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::string* text = stringMember(request, "text");
   if (text == nullptr || text->empty()) return Reply::failure("type requires non-empty \"text\"");
 
   // Chunks are cut by code unit count alone: a surrogate pair or a combining sequence that
-  // straddles a boundary is split between two events. Receivers put the halves back together.
+  // straddles a boundary is split between two chunks. Receivers put the halves back together.
   const std::u16string units = utf8ToUtf16(*text);
   for (std::size_t offset = 0; offset < units.size(); offset += kTypeChunkUnits) {
-    const std::u16string chunk = units.substr(offset, kTypeChunkUnits);
-    // Virtual key 0 with a Unicode string attached: the application takes the string as typed
-    // text, whatever the keyboard layout.
-    InputEventPtr down = desktop.createKeyboardEvent(0, true);
-    InputEventPtr up = desktop.createKeyboardEvent(0, false);
-    if (!down || !up) return Reply::failure("could not create the keyboard event");
-    desktop.keyboardSetUnicodeString(*down, chunk);
-    desktop.keyboardSetUnicodeString(*up, chunk);
-    desktop.postEvent(*down);
-    desktop.postEvent(*up);
+    if (!desktop.typeText(units.substr(offset, kTypeChunkUnits))) {
+      return Reply::failure("could not create the keyboard event");
+    }
     desktop.sleepMicros(kTypeChunkMicros);
   }
   return Reply::success();
 }
 
-Reply ConnectionHandler::opKey(const Json& request) {
+Reply opKey(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::string* chord = stringMember(request, "chord");
   if (chord == nullptr || chord->empty()) {
@@ -190,17 +168,17 @@ Reply ConnectionHandler::opKey(const Json& request) {
   }
   const std::optional<KeyStroke> stroke = KeyMap::stroke(*chord);
   if (!stroke) return Reply::failure("unrecognized key in chord \"" + *chord + "\"");
+  if ((stroke->modifiers & ~desktop.supportedModifiers()) != 0) {
+    return Reply::failure("this desktop cannot hold every modifier of chord \"" + *chord + "\"");
+  }
 
-  InputEventPtr down = desktop.createKeyboardEvent(stroke->keyCode, true);
-  InputEventPtr up = desktop.createKeyboardEvent(stroke->keyCode, false);
-  if (!down || !up) return Reply::failure("could not create the keyboard event");
-  // Always set, also to 0: a new key event picks up the modifiers currently held on the
-  // keyboard, and the chord must mean the same whatever the guest's keyboard state.
-  desktop.setFlags(*down, stroke->flags);
-  desktop.setFlags(*up, stroke->flags);
-  desktop.postEvent(*down);
+  // The modifiers are exactly the chord's, also when it has none: the chord must mean the same
+  // whatever the guest's keyboard state.
+  if (!desktop.postKey(stroke->keyCode, true, stroke->modifiers)) {
+    return Reply::failure("could not create the keyboard event");
+  }
   desktop.sleepMicros(kKeyHoldMicros);
-  desktop.postEvent(*up);
+  desktop.postKey(stroke->keyCode, false, stroke->modifiers);
   return Reply::success();
 }
 

@@ -1,25 +1,24 @@
 // Status operations ("ping", "cursor_position") and "launch_app".
-#include <cstring>
 #include <memory>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_misc.h"
 #include "agent/result_box.h"
 #include "core/agent_wire.h"
 #include "core/request_members.h"
-#include "platform/child_process.h"
 
 namespace tervain {
 
-Reply ConnectionHandler::opPing() {
+Reply opPing(OperationContext& context, const Json&) {
+  Desktop& desktop = context.desktop;
   constexpr std::uint32_t kMaxDisplays = 8;
   Json displays = Json::array();
-  for (const std::uint32_t id : desktop.activeDisplayList(kMaxDisplays)) {
+  for (const DisplayInfo& info : desktop.displays(kMaxDisplays)) {
     if (displays.size() == kMaxDisplays) break;
     Json& display = displays.emplace_back(Json::object());
-    display["id"] = id;
-    display["width"] = desktop.displayPixelsWide(id);
-    display["height"] = desktop.displayPixelsHigh(id);
-    display["main"] = desktop.displayIsMain(id);
+    display["id"] = info.id;
+    display["width"] = info.pixelWidth;
+    display["height"] = info.pixelHeight;
+    display["main"] = info.main;
   }
   // Queried on every request: a grant given after start-up shows here at once.
   const bool accessibility = desktop.accessibilityTrusted();
@@ -37,7 +36,8 @@ Reply ConnectionHandler::opPing() {
   return reply;
 }
 
-Reply ConnectionHandler::opCursorPosition() {
+Reply opCursorPosition(OperationContext& context, const Json&) {
+  Desktop& desktop = context.desktop;
   static constexpr const char* kNoEvent = "could not read the cursor position (no event source)";
   const std::optional<Point> at = desktop.pointerLocation();
   if (!at) return Reply::failure(kNoEvent);
@@ -51,44 +51,27 @@ Reply ConnectionHandler::opCursorPosition() {
   return reply;
 }
 
-Reply ConnectionHandler::opLaunchApp(const Json& request) {
+Reply opLaunchApp(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   const std::string* name = stringMember(request, "name");
   if (name == nullptr || name->empty()) {
     return Reply::failure("launch_app requires a non-empty \"name\"");
   }
-  const std::string bundle = name->ends_with(".app") ? *name : *name + ".app";
-  std::string found;
-  for (const char* folder :
-       {"/Applications/", "/System/Applications/", "/System/Applications/Utilities/"}) {
-    if (desktop.fileExists(folder + bundle)) {
-      found = folder + bundle;
+
+  // The completion may come after this request has given up waiting, so it holds its own share
+  // of the box. A completion that never comes is taken as a launch in progress.
+  auto outcome = std::make_shared<ResultBox<LaunchResult>>();
+  desktop.launchApplication(*name,
+                            [outcome](LaunchResult result) { outcome->put(std::move(result)); });
+  const std::optional<LaunchResult> result = outcome->waitFor(context.agent.launchTimeout);
+  if (!result) return Reply::success();
+  switch (result->status) {
+    case LaunchResult::Status::launched:
       break;
-    }
-  }
-
-  if (!found.empty()) {
-    // The completion may come after this request has given up waiting, so it holds its own
-    // share of the box. A completion that never comes is taken as a launch in progress.
-    auto outcome = std::make_shared<ResultBox<std::optional<std::string>>>();
-    desktop.openApplication(
-        found, [outcome](std::optional<std::string> error) { outcome->put(std::move(error)); });
-    const std::optional<std::optional<std::string>> error = outcome->waitFor(context.launchTimeout);
-    if (error && *error) return Reply::failure("could not launch " + *name + ": " + **error);
-    return Reply::success();
-  }
-
-  // No bundle in the usual folders: "open -a" knows every other place an application can be.
-  pid_t pid = -1;
-  if (const int rc = spawnWithStandardStreams(context.openToolPath, {"-a", *name}, pid)) {
-    return Reply::failure("could not launch " + *name + ": " + std::strerror(rc));
-  }
-  int status = 0;
-  if (const int rc = waitForExit(pid, status)) {
-    return Reply::failure("could not launch " + *name + ": " + std::strerror(rc));
-  }
-  if (status != 0) {
-    return Reply::failure("no application named \"" + *name + "\" (open -a exited " +
-                          std::to_string(status) + ")");
+    case LaunchResult::Status::notFound:
+      return Reply::failure("no application named \"" + *name + "\" (" + result->detail + ")");
+    case LaunchResult::Status::failed:
+      return Reply::failure("could not launch " + *name + ": " + result->detail);
   }
   return Reply::success();
 }

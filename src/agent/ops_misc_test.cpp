@@ -12,6 +12,7 @@
 #include "agent/connection_handler.h"
 #include "agent_process.h"
 #include "fake_desktop.h"
+#include "platform/child_process.h"
 
 namespace tervain {
 namespace {
@@ -20,30 +21,11 @@ using namespace std::chrono_literals;
 
 class LaunchAppTest : public ::testing::Test {
  protected:
-  LaunchAppTest() { context.openToolPath = dir.file("no-open-here"); }
-
   Reply run(std::string_view line) { return handler.dispatch(line); }
   Reply launch(const std::string& name) {
     return run(Json({{"op", "launch_app"}, {"name", name}}).dump());
   }
 
-  // A stand-in for "open" that records its arguments, one per line, and exits with the status.
-  std::string standIn(const std::string& body) {
-    const std::string path = dir.file("open");
-    std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" << dir.file("args") << "'\n"
-                        << body << "\n";
-    ::chmod(path.c_str(), 0755);
-    context.openToolPath = path;
-    return path;
-  }
-  std::string recordedArguments() const {
-    std::ifstream in(dir.file("args"));
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-
-  testing::TempDir dir;
   testing::FakeDesktop desktop;
   AgentContext context{desktop};
   ConnectionHandler handler{-1, context};
@@ -55,99 +37,115 @@ TEST_F(LaunchAppTest, NameMustBeANonEmptyString) {
         R"({"op":"launch_app","name":7})", R"({"op":"launch_app","name":null})"}) {
     EXPECT_EQ(run(line).error(), "launch_app requires a non-empty \"name\"") << line;
   }
-  EXPECT_TRUE(desktop.existenceChecks.empty());
+  EXPECT_TRUE(desktop.launched.empty());
 }
 
-TEST_F(LaunchAppTest, FoldersAreTriedInOrderUntilOneHoldsTheBundle) {
-  desktop.existingFiles = {"/System/Applications/Utilities/Terminal.app"};
-  EXPECT_EQ(launch("Terminal").body, Json({{"ok", true}}));
-  EXPECT_EQ(
-      desktop.existenceChecks,
-      (std::vector<std::string>{"/Applications/Terminal.app", "/System/Applications/Terminal.app",
-                                "/System/Applications/Utilities/Terminal.app"}));
-  EXPECT_EQ(desktop.opened,
-            std::vector<std::string>{"/System/Applications/Utilities/Terminal.app"});
-}
-
-TEST_F(LaunchAppTest, TheApplicationsFolderWinsOverTheSystemOnes) {
-  desktop.existingFiles = {"/Applications/Safari.app", "/System/Applications/Safari.app"};
-  EXPECT_TRUE(launch("Safari.app").ok());
-  EXPECT_EQ(desktop.existenceChecks, std::vector<std::string>{"/Applications/Safari.app"});
-  EXPECT_EQ(desktop.opened, std::vector<std::string>{"/Applications/Safari.app"});
-}
-
-TEST_F(LaunchAppTest, TheBundleSuffixIsCaseSensitive) {
-  standIn("exit 0");
-  EXPECT_TRUE(launch("TextEdit.APP").ok());
-  EXPECT_EQ(desktop.existenceChecks.front(), "/Applications/TextEdit.APP.app");
-  EXPECT_TRUE(desktop.opened.empty());
-  EXPECT_EQ(recordedArguments(), "-a\nTextEdit.APP\n") << "open gets the name as sent";
-}
-
-TEST_F(LaunchAppTest, AWorkspaceErrorNamesTheApplicationAsSent) {
-  desktop.existingFiles = {"/System/Applications/TextEdit.app"};
-  desktop.onOpen = [](const std::string&, std::function<void(std::optional<std::string>)> done) {
-    done("The application cannot be opened because it is damaged.");
+TEST_F(LaunchAppTest, EachOutcomeHasItsReplyNamingTheApplicationAsSent) {
+  const struct {
+    LaunchResult result;
+    const char* error;  // nothing: success
+  } cases[] = {
+      {{LaunchResult::Status::launched, {}}, nullptr},
+      {{LaunchResult::Status::notFound, "open -a exited 1"},
+       "no application named \"Text Edit.APP\" (open -a exited 1)"},
+      {{LaunchResult::Status::failed, "The application cannot be opened because it is damaged."},
+       "could not launch Text Edit.APP: The application cannot be opened because it is damaged."},
   };
-  EXPECT_EQ(launch("TextEdit").error(),
-            "could not launch TextEdit: The application cannot be opened because it is damaged.");
+  for (const auto& c : cases) {
+    desktop.onLaunch = [&c](const std::string&, std::function<void(LaunchResult)> done) {
+      done(c.result);
+    };
+    const Reply reply = launch("Text Edit.APP");
+    if (c.error == nullptr) {
+      EXPECT_EQ(reply.body, Json({{"ok", true}}));
+    } else {
+      EXPECT_EQ(reply.error(), c.error);
+    }
+  }
+  EXPECT_EQ(desktop.launched, std::vector<std::string>(3, "Text Edit.APP"));
 }
 
 TEST_F(LaunchAppTest, ACompletionThatComesLateIsNotAnErrorAndStillHasItsOutcomeHolder) {
   context.launchTimeout = 50ms;
-  desktop.existingFiles = {"/Applications/Slow.app"};
-  std::function<void(std::optional<std::string>)> pending;
-  desktop.onOpen = [&pending](const std::string&,
-                              std::function<void(std::optional<std::string>)> done) {
+  std::function<void(LaunchResult)> pending;
+  desktop.onLaunch = [&pending](const std::string&, std::function<void(LaunchResult)> done) {
     pending = std::move(done);
   };
   EXPECT_EQ(launch("Slow").body, Json({{"ok", true}}));
   ASSERT_TRUE(pending);
   // The completion arrives after the request has been answered, from another thread.
-  std::thread late([done = std::move(pending)] { done("too late to matter"); });
+  std::thread late([done = std::move(pending)] {
+    done({LaunchResult::Status::failed, "too late to matter"});
+  });
   late.join();
 }
 
-TEST_F(LaunchAppTest, FallbackSucceedsWhenOpenExitsZero) {
-  standIn("exit 0");
-  EXPECT_EQ(launch("Foo").body, Json({{"ok", true}}));
-  EXPECT_EQ(recordedArguments(), "-a\nFoo\n");
+// ---- `open -a`, the way a desktop resolves a name it has no bundle for -----------------------
+
+class OpenToolTest : public ::testing::Test {
+ protected:
+  // A stand-in for "open" that records its arguments, one per line, and runs body.
+  std::string standIn(const std::string& body) {
+    const std::string path = dir.file("open");
+    std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" << dir.file("args") << "'\n"
+                        << body << "\n";
+    ::chmod(path.c_str(), 0755);
+    return path;
+  }
+  std::string read(const std::string& name) const {
+    std::ifstream in(dir.file(name));
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+  testing::TempDir dir;
+};
+
+TEST_F(OpenToolTest, ExitStatusDecidesTheOutcome) {
+  using Status = LaunchResult::Status;
+  const struct {
+    const char* body;
+    Status status;
+    const char* detail;
+  } cases[] = {
+      {"exit 0", Status::launched, ""},
+      {"exit 1", Status::notFound, "open -a exited 1"},
+      {"exit 42", Status::notFound, "open -a exited 42"},
+      {"kill -9 $$", Status::notFound, "open -a exited 9"},
+  };
+  for (const auto& c : cases) {
+    const LaunchResult result = launchWithOpenTool(standIn(c.body), "Text Edit");
+    EXPECT_EQ(result.status, c.status) << c.body;
+    EXPECT_EQ(result.detail, c.detail) << c.body;
+    EXPECT_EQ(read("args"), "-a\nText Edit\n") << "open gets the name as sent";
+  }
 }
 
-TEST_F(LaunchAppTest, FallbackReportsOpensExitStatus) {
-  standIn("exit 1");
-  EXPECT_EQ(launch("Foo").error(), "no application named \"Foo\" (open -a exited 1)");
-  standIn("exit 42");
-  EXPECT_EQ(launch("Foo").error(), "no application named \"Foo\" (open -a exited 42)");
-  standIn("kill -9 $$");
-  EXPECT_EQ(launch("Foo").error(), "no application named \"Foo\" (open -a exited 9)");
-}
-
-TEST_F(LaunchAppTest, FallbackThatCannotStartReportsTheSystemError) {
-  context.openToolPath = dir.file("missing/open");
-  EXPECT_EQ(launch("Foo").error(), "could not launch Foo: No such file or directory");
+TEST_F(OpenToolTest, AToolThatCannotStartReportsTheSystemError) {
+  LaunchResult result = launchWithOpenTool(dir.file("missing/open"), "Foo");
+  EXPECT_EQ(result.status, LaunchResult::Status::failed);
+  EXPECT_EQ(result.detail, "No such file or directory");
   const std::string notExecutable = dir.file("plain");
   std::ofstream(notExecutable) << "not a program\n";
-  context.openToolPath = notExecutable;
-  EXPECT_EQ(launch("Foo").error(), "could not launch Foo: Permission denied");
+  result = launchWithOpenTool(notExecutable, "Foo");
+  EXPECT_EQ(result.detail, "Permission denied");
 }
 
-TEST_F(LaunchAppTest, FallbackSharesOnlyTheStandardStreams) {
+TEST_F(OpenToolTest, TheToolSharesOnlyTheStandardStreams) {
   // A descriptor the agent holds without close-on-exec, as a socket of another connection may.
   const int held = ::open("/dev/null", O_RDONLY);
   ASSERT_GE(held, 0);
   const int high = ::fcntl(held, F_DUPFD, 40);
   ::close(held);
   ASSERT_GE(high, 40);
-  standIn("for fd in 0 1 2 " + std::to_string(high) +
-          "; do [ -e /proc/$$/fd/$fd ] && echo $fd; done > '" + dir.file("fds") + "'; exit 0");
-  EXPECT_TRUE(launch("Foo").ok());
+  const std::string tool =
+      standIn("for fd in 0 1 2 " + std::to_string(high) +
+              "; do [ -e /proc/$$/fd/$fd ] && echo $fd; done > '" + dir.file("fds") + "'; exit 0");
+  EXPECT_EQ(launchWithOpenTool(tool, "Foo").status, LaunchResult::Status::launched);
   ::close(high);
-  std::ifstream in(dir.file("fds"));
-  std::stringstream seen;
-  seen << in.rdbuf();
   if (::access("/proc/self/fd", F_OK) != 0) GTEST_SKIP() << "no /proc to look into";
-  EXPECT_EQ(seen.str(), "0\n1\n2\n");
+  EXPECT_EQ(read("fds"), "0\n1\n2\n");
 }
 
 }  // namespace

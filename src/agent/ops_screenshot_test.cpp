@@ -42,7 +42,7 @@ class ScreenshotTest : public ::testing::Test {
     desktop.onCapture = [gate](int, std::int64_t w, std::int64_t h) {
       gate.wait_for(10s);
       CapturedImage image;
-      image.jpeg = "late";
+      image.bytes = "late";
       image.width = w;
       image.height = h;
       return image;
@@ -71,7 +71,7 @@ TEST_F(ScreenshotTest, ReplyCarriesTheImageAsBase64AndItsSize) {
   const std::string jpeg("\xFF\xD8\xFF\xE0\x00\x10JFIF\x00\xFF\xD9", 14);
   desktop.onCapture = [&jpeg](int, std::int64_t, std::int64_t) {
     CapturedImage image;
-    image.jpeg = jpeg;
+    image.bytes = jpeg;
     image.width = 2878;  // what the platform delivered, not what was asked for
     image.height = 1798;
     return image;
@@ -91,10 +91,13 @@ TEST_F(ScreenshotTest, ReplyCarriesTheImageAsBase64AndItsSize) {
 
   const auto captures = desktop.captures();
   ASSERT_EQ(captures.size(), 1u);
-  EXPECT_EQ(captures[0].width, 2880);
-  EXPECT_EQ(captures[0].height, 1800);
-  EXPECT_TRUE(captures[0].showsCursor);
-  EXPECT_EQ(captures[0].quality, 0.7);
+  const CaptureRequest& asked = captures[0].request;
+  EXPECT_EQ(asked.pixelWidth, 2880);
+  EXPECT_EQ(asked.pixelHeight, 1800);
+  EXPECT_FALSE(asked.region) << "the whole display";
+  EXPECT_TRUE(asked.showsCursor);
+  EXPECT_EQ(asked.format, ImageFormat::jpeg);
+  EXPECT_EQ(asked.quality, 0.7);
 }
 
 TEST_F(ScreenshotTest, PixelSizeIsTheTruncatedProductInDoubles) {
@@ -102,8 +105,8 @@ TEST_F(ScreenshotTest, PixelSizeIsTheTruncatedProductInDoubles) {
   const Json sent = wire(R"({"op":"screenshot"})");
   const double scale = static_cast<double>(1.1f);
   EXPECT_EQ(sent["scale"], scale);
-  EXPECT_EQ(desktop.captures().at(0).width, static_cast<std::int64_t>(1000.9 * scale));
-  EXPECT_EQ(desktop.captures().at(0).height, static_cast<std::int64_t>(333.3 * scale));
+  EXPECT_EQ(desktop.captures().at(0).request.pixelWidth, static_cast<std::int64_t>(1000.9 * scale));
+  EXPECT_EQ(desktop.captures().at(0).request.pixelHeight, static_cast<std::int64_t>(333.3 * scale));
 }
 
 TEST_F(ScreenshotTest, DisplayIndexIsAnExactIntegerAndOutOfRangeMeansTheFirst) {

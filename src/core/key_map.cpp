@@ -6,11 +6,11 @@
 namespace tervain::KeyMap {
 namespace {
 
-constexpr std::uint64_t kCommand = 0x100000;
-constexpr std::uint64_t kControl = 0x40000;
-constexpr std::uint64_t kAlternate = 0x80000;
-constexpr std::uint64_t kShift = 0x20000;
-constexpr std::uint64_t kSecondaryFn = 0x800000;
+constexpr Modifiers kCommand = Modifier::command;
+constexpr Modifiers kControl = Modifier::control;
+constexpr Modifiers kAlternate = Modifier::option;
+constexpr Modifiers kShift = Modifier::shift;
+constexpr Modifiers kSecondaryFn = Modifier::fn;
 
 // Lower-cases a chord for lookup. Every name in the tables is ASCII, so besides the ASCII
 // letters only the few code points that a full Unicode lower-casing and canonical comparison
@@ -43,10 +43,10 @@ std::string lowerForLookup(std::string_view chord) {
 
 }  // namespace
 
-const std::unordered_map<std::string, std::uint64_t>& modifierFlags() {
+const std::unordered_map<std::string, Modifiers>& modifierFlags() {
   // A function-local static: built exactly once, thread-safely, on first use.
   // clang-format off
-  static const std::unordered_map<std::string, std::uint64_t> table = {
+  static const std::unordered_map<std::string, Modifiers> table = {
       {"cmd", kCommand},      {"command", kCommand}, {"meta", kCommand},
       {"super", kCommand},    {"ctrl", kControl},    {"control", kControl},
       {"alt", kAlternate},    {"opt", kAlternate},   {"option", kAlternate},
@@ -115,7 +115,7 @@ std::optional<KeyStroke> stroke(std::string_view chord) {
   for (const std::string_view modifier : parts) {
     // Modifiers are looked up as written (lower-cased, no aliases); unknown ones are ignored.
     const auto flag = modifierFlags().find(std::string(modifier));
-    if (flag != modifierFlags().end()) result.flags |= flag->second;
+    if (flag != modifierFlags().end()) result.modifiers |= flag->second;
   }
   return result;
 }

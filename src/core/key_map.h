@@ -7,21 +7,24 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "core/vocabulary.h"
+
 namespace tervain {
 
-// One key press: the virtual key code and the modifier flags carried on its events.
+// One key press: the virtual key code (the macOS US-layout codes are the wire's key identity on
+// every desktop) and the modifiers held while it is pressed.
 struct KeyStroke {
   std::uint16_t keyCode = 0;
-  std::uint64_t flags = 0;  // CGEventFlags bits
+  Modifiers modifiers = 0;
 
   friend bool operator==(const KeyStroke&, const KeyStroke&) = default;
 };
 
 namespace KeyMap {
 
-// Modifier name -> flag bit (11 names). Built once on first use; immutable afterwards, so any
+// Modifier name -> modifier (11 names). Built once on first use; immutable afterwards, so any
 // thread may read it.
-const std::unordered_map<std::string, std::uint64_t>& modifierFlags();
+const std::unordered_map<std::string, Modifiers>& modifierFlags();
 
 // Key name -> virtual key code of the US (ANSI) layout (76 names). Built once on first use.
 const std::unordered_map<std::string, std::uint16_t>& keyCodes();

@@ -30,9 +30,9 @@ TEST(KeyMapTablesTest, HoldExactlyTheNamedEntries) {
   EXPECT_EQ(KeyMap::keyCodes().at("l"), 37);
   EXPECT_EQ(KeyMap::keyCodes().at("forwarddelete"), 117);
   EXPECT_EQ(KeyMap::keyCodes().at("f15"), 113);
-  EXPECT_EQ(KeyMap::modifierFlags().at("fn"), 0x800000u);
-  EXPECT_EQ(KeyMap::modifierFlags().at("super"), 0x100000u);
-  EXPECT_EQ(KeyMap::modifierFlags().at("option"), 0x80000u);
+  EXPECT_EQ(KeyMap::modifierFlags().at("fn"), Modifier::fn);
+  EXPECT_EQ(KeyMap::modifierFlags().at("super"), Modifier::command);
+  EXPECT_EQ(KeyMap::modifierFlags().at("option"), Modifier::option);
   EXPECT_EQ(KeyMap::keyCodes().count("A"), 0u);
   EXPECT_EQ(KeyMap::keyCodes().count("f16"), 0u);
   EXPECT_EQ(KeyMap::keyCodes().count("+"), 0u);
@@ -44,7 +44,7 @@ TEST(KeyMapTablesTest, FirstUseFromManyThreadsSeesOneTable) {
   for (std::size_t i = 0; i < seen.size(); ++i) {
     threads.emplace_back([&seen, i] {
       seen[i] = &KeyMap::keyCodes();
-      EXPECT_EQ(KeyMap::stroke("cmd+s"), (KeyStroke{1, 0x100000}));
+      EXPECT_EQ(KeyMap::stroke("cmd+s"), (KeyStroke{1, Modifier::command}));
     });
   }
   for (auto& t : threads) t.join();
@@ -67,16 +67,16 @@ TEST(KeyMapNormalizeTest, AppliesTheEightAliasesOnly) {
 }
 
 TEST(KeyMapChordTest, ModifiersCombineIntoFlags) {
-  EXPECT_EQ(strokeOf("Cmd+Shift+Z"), (KeyStroke{6, 0x120000}));
-  EXPECT_EQ(strokeOf("ctrl+alt+delete"), (KeyStroke{51, 0xC0000}));
-  EXPECT_EQ(strokeOf("ctrl+alt+backspace"), (KeyStroke{51, 0xC0000}));
-  EXPECT_EQ(strokeOf("command+enter"), (KeyStroke{36, 0x100000}));
+  EXPECT_EQ(strokeOf("Cmd+Shift+Z"), (KeyStroke{6, Modifier::command | Modifier::shift}));
+  EXPECT_EQ(strokeOf("ctrl+alt+delete"), (KeyStroke{51, Modifier::control | Modifier::option}));
+  EXPECT_EQ(strokeOf("ctrl+alt+backspace"), (KeyStroke{51, Modifier::control | Modifier::option}));
+  EXPECT_EQ(strokeOf("command+enter"), (KeyStroke{36, Modifier::command}));
   EXPECT_EQ(strokeOf("enter"), (KeyStroke{36, 0}));
-  EXPECT_EQ(strokeOf("shift+arrowup"), (KeyStroke{126, 0x20000}));
-  EXPECT_EQ(strokeOf("shift+ArrowUp"), (KeyStroke{126, 0x20000}));
-  EXPECT_EQ(strokeOf("fn+f1"), (KeyStroke{122, 0x800000}));
-  EXPECT_EQ(strokeOf("meta+super+cmd+a"), (KeyStroke{0, 0x100000}));
-  EXPECT_EQ(strokeOf("cmd+="), (KeyStroke{24, 0x100000}));
+  EXPECT_EQ(strokeOf("shift+arrowup"), (KeyStroke{126, Modifier::shift}));
+  EXPECT_EQ(strokeOf("shift+ArrowUp"), (KeyStroke{126, Modifier::shift}));
+  EXPECT_EQ(strokeOf("fn+f1"), (KeyStroke{122, Modifier::fn}));
+  EXPECT_EQ(strokeOf("meta+super+cmd+a"), (KeyStroke{0, Modifier::command}));
+  EXPECT_EQ(strokeOf("cmd+="), (KeyStroke{24, Modifier::command}));
   EXPECT_EQ(strokeOf("A"), (KeyStroke{0, 0}));
 }
 
@@ -89,7 +89,7 @@ TEST(KeyMapChordTest, UnknownModifiersAreSkipped) {
 }
 
 TEST(KeyMapChordTest, EmptyPartsAreDropped) {
-  const KeyStroke cmdS{1, 0x100000};
+  const KeyStroke cmdS{1, Modifier::command};
   EXPECT_EQ(strokeOf("cmd++s"), cmdS);
   EXPECT_EQ(strokeOf("+cmd+s+"), cmdS);
   EXPECT_EQ(strokeOf("cmd+s"), cmdS);
@@ -107,7 +107,7 @@ TEST(KeyMapChordTest, UnrecognisedChords) {
 }
 
 TEST(KeyMapChordTest, NonAsciiThatLowerCasesOrCanonicalisesToATableName) {
-  EXPECT_EQ(strokeOf("cmd+\xE2\x84\xAA"), (KeyStroke{40, 0x100000}));  // KELVIN SIGN
+  EXPECT_EQ(strokeOf("cmd+\xE2\x84\xAA"), (KeyStroke{40, Modifier::command}));  // KELVIN SIGN
   EXPECT_EQ(strokeOf("\xCD\xBE"), (KeyStroke{41, 0}));                 // GREEK QUESTION MARK
   EXPECT_EQ(strokeOf("\xE1\xBF\xAF"), (KeyStroke{50, 0}));             // GREEK VARIA
 }

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "core/posix/spawn_platform.h"
 
@@ -49,6 +50,21 @@ int waitForExit(pid_t pid, int& status) {
   }
   status = WIFSIGNALED(raw) ? WTERMSIG(raw) : WEXITSTATUS(raw);
   return 0;
+}
+
+LaunchResult launchWithOpenTool(const std::string& tool, const std::string& name) {
+  pid_t pid = -1;
+  if (const int rc = spawnWithStandardStreams(tool, {"-a", name}, pid)) {
+    return {LaunchResult::Status::failed, std::strerror(rc)};
+  }
+  int status = 0;
+  if (const int rc = waitForExit(pid, status)) {
+    return {LaunchResult::Status::failed, std::strerror(rc)};
+  }
+  if (status != 0) {
+    return {LaunchResult::Status::notFound, "open -a exited " + std::to_string(status)};
+  }
+  return {LaunchResult::Status::launched, {}};
 }
 
 }  // namespace tervain

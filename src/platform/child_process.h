@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/desktop.h"
+
 namespace tervain {
 
 // Starts the program at path with the given arguments (argv[0] is path) and the agent's
@@ -19,5 +21,11 @@ int spawnWithStandardStreams(const std::string& path, const std::vector<std::str
 // when a signal ended it, the signal's number), or the error number when it cannot be waited
 // for.
 int waitForExit(pid_t pid, int& status);
+
+// Launches an application by name through a command-line tool that resolves names
+// (`TOOL -a NAME`) and waits for it: launched when it exits 0, notFound with
+// "open -a exited N" otherwise, failed with the system's text when it cannot be started or
+// waited for. For desktops whose platform offers such a tool.
+LaunchResult launchWithOpenTool(const std::string& tool, const std::string& name);
 
 }  // namespace tervain

@@ -1,11 +1,13 @@
 // The desktop seam: every call the operations make into the guest's desktop.
 //
-// The interface mirrors the platform calls closely, one method per call or small group, so that
-// every rule of the operations (validation order, messages, limits, clamping, rounding, pacing)
-// lives in portable code that runs in the tests, while a platform adapter only forwards and
-// converts. Values cross the seam as plain C++ values; platform objects that must outlive a call
-// (accessibility elements, events, shareable displays) cross as opaque handles that the adapter
-// subclasses and releases in its destructor.
+// Methods name capabilities (post a mouse button at a point, type a chunk of text, the element
+// at a point), small enough that every desktop adapter (macOS, X11 with AT-SPI) only converts,
+// and every rule of the operations (validation order, messages, limits, clamping, rounding,
+// pacing, chunking) lives above the seam in portable code that runs in the tests. Names, result
+// codes and key codes are the wire's own (core/vocabulary.h, core/key_map.h). Values cross the
+// seam as plain C++ values; platform objects that must outlive a call (accessibility elements,
+// shareable displays) cross as opaque handles that the adapter subclasses and releases in its
+// destructor.
 //
 // Threading: methods are called from connection threads in parallel, and the capture methods
 // from a worker thread. Implementations must be safe for that; the platform services are.
@@ -16,8 +18,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
+
+#include "core/vocabulary.h"
 
 namespace tervain {
 
@@ -33,42 +39,23 @@ struct Size {
   double height = 0;
 };
 
-// ---- Input events ----------------------------------------------------------------------------
+enum class MouseButton : std::uint8_t { left, right, center };
 
-// Event types, mouse buttons, fields and flags with the platform's own values.
-enum class EventType : std::uint32_t {
-  leftMouseDown = 1,
-  leftMouseUp = 2,
-  rightMouseDown = 3,
-  rightMouseUp = 4,
-  mouseMoved = 5,
-  leftMouseDragged = 6,
-  scrollWheel = 22,
-  otherMouseDown = 25,
-  otherMouseUp = 26,
+// One display: its id, its current mode's size in pixels, and whether it is the main one.
+struct DisplayInfo {
+  std::uint32_t id = 0;
+  std::int64_t pixelWidth = 0;
+  std::int64_t pixelHeight = 0;
+  bool main = false;
 };
 
-enum class MouseButton : std::uint32_t { left = 0, right = 1, center = 2 };
-
-enum class ScrollUnit : std::uint32_t { pixel = 0, line = 1 };
-
-enum class EventField : std::uint32_t { mouseEventClickState = 1 };
-
-using EventFlags = std::uint64_t;
-namespace EventFlag {
-inline constexpr EventFlags shift = 0x20000;
-inline constexpr EventFlags control = 0x40000;
-inline constexpr EventFlags alternate = 0x80000;
-inline constexpr EventFlags command = 0x100000;
-inline constexpr EventFlags secondaryFn = 0x800000;
-}  // namespace EventFlag
-
-// A created, not yet posted input event. Released (destroyed) after posting or on failure.
-class InputEvent {
- public:
-  virtual ~InputEvent() = default;
+// Where a name was launched from, or why not.
+struct LaunchResult {
+  enum class Status { launched, notFound, failed };
+  Status status = Status::launched;
+  // notFound: what the platform said ("open -a exited 1"); failed: the error's description.
+  std::string detail;
 };
-using InputEventPtr = std::unique_ptr<InputEvent>;
 
 // ---- Accessibility ---------------------------------------------------------------------------
 
@@ -79,27 +66,6 @@ class Element {
   virtual ~Element() = default;
 };
 using ElementRef = std::shared_ptr<const Element>;
-
-// Platform accessibility result codes (signed 32-bit).
-using AXResult = std::int32_t;
-namespace AXError {
-inline constexpr AXResult success = 0;
-inline constexpr AXResult failure = -25200;
-inline constexpr AXResult illegalArgument = -25201;
-inline constexpr AXResult invalidUIElement = -25202;
-inline constexpr AXResult invalidUIElementObserver = -25203;
-inline constexpr AXResult cannotComplete = -25204;
-inline constexpr AXResult attributeUnsupported = -25205;
-inline constexpr AXResult actionUnsupported = -25206;
-inline constexpr AXResult notificationUnsupported = -25207;
-inline constexpr AXResult notImplemented = -25208;
-inline constexpr AXResult notificationAlreadyRegistered = -25209;
-inline constexpr AXResult notificationNotRegistered = -25210;
-inline constexpr AXResult apiDisabled = -25211;
-inline constexpr AXResult noValue = -25212;
-inline constexpr AXResult parameterizedAttributeUnsupported = -25213;
-inline constexpr AXResult notEnoughPrecision = -25214;
-}  // namespace AXError
 
 // A URL value, kept as its absolute string.
 struct AXUrl {
@@ -142,11 +108,29 @@ struct ContentFilterGeometry {
   float pointPixelScale = 1;
 };
 
+struct Rect {
+  double x = 0;
+  double y = 0;
+  double width = 0;
+  double height = 0;
+};
+
+enum class ImageFormat { jpeg, png };
+
+struct CaptureRequest {
+  std::optional<Rect> region;  // in points, relative to the display; nothing = the whole display
+  std::int64_t pixelWidth = 0;  // size of the image to produce
+  std::int64_t pixelHeight = 0;
+  bool showsCursor = true;
+  ImageFormat format = ImageFormat::jpeg;
+  double quality = 0.7;  // JPEG only, 0..1
+};
+
 struct CapturedImage {
   enum class Status { ok, captureFailed, encodingFailed };
   Status status = Status::ok;
   std::string error;  // the platform error's description when capture failed
-  std::string jpeg;   // the encoded bytes when ok
+  std::string bytes;  // the encoded image when ok
   std::int64_t width = 0;   // the image's own pixel size
   std::int64_t height = 0;
 };
@@ -157,44 +141,55 @@ class Desktop {
  public:
   virtual ~Desktop() = default;
 
+  // What this desktop is ("macos", "x11", "headless"), for logs.
+  virtual std::string_view kind() const = 0;
+
   // Privacy grants, queried afresh on every call; none of them prompts.
-  virtual bool accessibilityTrusted() = 0;   // AXIsProcessTrusted
-  virtual bool screenCaptureAccess() = 0;    // CGPreflightScreenCaptureAccess
-  virtual bool postEventAccess() = 0;        // CGPreflightPostEventAccess
+  virtual bool accessibilityTrusted() = 0;
+  virtual bool screenCaptureAccess() = 0;
+  virtual bool postEventAccess() = 0;
 
-  // Displays: CGGetActiveDisplayList with room for maxDisplays (empty on failure), and the
-  // per-display queries of the current mode.
-  virtual std::vector<std::uint32_t> activeDisplayList(std::uint32_t maxDisplays) = 0;
-  virtual std::int64_t displayPixelsWide(std::uint32_t display) = 0;
-  virtual std::int64_t displayPixelsHigh(std::uint32_t display) = 0;
-  virtual bool displayIsMain(std::uint32_t display) = 0;
-
-  // The pointer location from an empty event (CGEventCreate(NULL) + CGEventGetLocation), in
-  // global points with the origin at the top-left of the main display; nothing when no event
-  // can be created.
+  // Displays: at most maxDisplays, the main one flagged; empty on failure.
+  virtual std::vector<DisplayInfo> displays(std::uint32_t maxDisplays) = 0;
+  // The pointer location in global points, origin at the top-left of the main display; nothing
+  // when the platform cannot tell.
   virtual std::optional<Point> pointerLocation() = 0;
 
-  // Event creation with a null event source; each may fail (nullptr).
-  virtual InputEventPtr createMouseEvent(EventType type, Point at, MouseButton button) = 0;
-  virtual InputEventPtr createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) = 0;
-  virtual InputEventPtr createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount,
-                                               std::int32_t wheel1, std::int32_t wheel2,
-                                               std::int32_t wheel3) = 0;
-  virtual void setIntegerValueField(InputEvent& event, EventField field, std::int64_t value) = 0;
-  virtual void setFlags(InputEvent& event, EventFlags flags) = 0;
-  virtual void keyboardSetUnicodeString(InputEvent& event, const std::u16string& units) = 0;
-  // Posts at the HID event tap. The caller releases the event afterwards.
-  virtual void postEvent(InputEvent& event) = 0;
+  // ---- Input. Each call posts one event (or the platform's equivalent) and answers false when
+  // it could not be made, in which case nothing was posted. Points are global, top-left origin,
+  // in points.
 
+  // The modifiers this desktop can express (an X11 desktop has no fn); callers refuse others.
+  virtual Modifiers supportedModifiers() const = 0;
+  // A pointer move; `held` names the button that is down (a drag), if any.
+  virtual bool postPointerMove(Point at, std::optional<MouseButton> held, Modifiers modifiers) = 0;
+  // A button press or release at a point; clickCount 1..3 makes the n-th click of a double or
+  // triple click.
+  virtual bool postMouseButton(MouseButton button, bool down, Point at, int clickCount,
+                               Modifiers modifiers) = 0;
+  // Scrolls by whole lines: positive vertical scrolls up, positive horizontal scrolls left.
+  virtual bool postScroll(std::int32_t verticalLines, std::int32_t horizontalLines,
+                          Modifiers modifiers) = 0;
+  // A key of the wire's key table (a macOS US-layout virtual key code) pressed or released with
+  // exactly these modifiers held, whatever the keyboard's own state.
+  virtual bool postKey(std::uint16_t keyCode, bool down, Modifiers modifiers) = 0;
+  // Types one chunk of text (at most 16 UTF-16 units, possibly half a surrogate pair at either
+  // end) whatever the keyboard layout.
+  virtual bool typeText(const std::u16string& chunk) = 0;
   // Pacing of input sequences goes through here so tests can check it without waiting.
   virtual void sleepMicros(std::uint32_t micros) = 0;
 
-  // Accessibility elements (Create rule: the returned handle owns its reference).
-  virtual ElementRef createApplicationElement(std::int32_t pid) = 0;
-  virtual ElementRef createSystemWideElement() = 0;
+  // ---- Accessibility, in the wire's names and result codes (core/vocabulary.h); the adapter
+  // converts. Handles own their platform reference.
+  virtual ElementRef applicationElement(std::int32_t pid) = 0;
   virtual AXResult setMessagingTimeout(const Element& element, float seconds) = 0;
   virtual AXResult copyAttributeValue(const Element& element, const std::string& attribute,
                                       AXValue& out) = 0;
+  // The same attributes of several elements; an adapter may have all the reads in flight at
+  // once. out[i][j] is element i's attribute j. This base version reads one by one.
+  virtual void copyAttributeValues(const std::vector<ElementRef>& elements,
+                                   const std::vector<std::string>& attributes,
+                                   std::vector<std::vector<std::pair<AXResult, AXValue>>>& out);
   // The action names, converted like any array value.
   virtual AXResult copyActionNames(const Element& element, AXValue& out) = 0;
   virtual AXResult performAction(const Element& element, const std::string& action) = 0;
@@ -202,31 +197,26 @@ class Desktop {
                                        bool& settable) = 0;
   virtual AXResult setAttributeValue(const Element& element, const std::string& attribute,
                                      const AXWritableValue& value) = 0;
-  virtual AXResult copyElementAtPosition(const Element& systemWide, float x, float y,
-                                         ElementRef& out) = 0;
+  // The deepest element at a global point, asking applications with this messaging timeout.
+  virtual AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) = 0;
 
-  // Workspace.
+  // ---- Workspace.
   virtual std::optional<std::int32_t> frontmostApplicationPid() = 0;
   // The localised name of the running application with that pid; nothing when there is no such
   // application or it has no name.
   virtual std::optional<std::string> runningApplicationName(std::int32_t pid) = 0;
-  // File or folder existence (NSFileManager fileExistsAtPath:).
-  virtual bool fileExists(const std::string& path) = 0;
-  // Opens the application bundle at path with a default configuration. The completion runs once,
-  // on a thread of the platform's choosing, with the error's description or nothing; it may run
-  // after the caller stopped waiting, so it must own everything it touches.
-  virtual void openApplication(const std::string& path,
-                               std::function<void(std::optional<std::string> error)> completion) = 0;
+  // Resolves and launches an application by name the platform's way (macOS: a bundle in the
+  // application folders, else `open -a`). The completion runs once, on any thread, possibly
+  // after the caller stopped waiting, so it owns what it touches.
+  virtual void launchApplication(const std::string& name,
+                                 std::function<void(LaunchResult)> completion) = 0;
 
-  // Screen capture. Both calls block until the platform answers; they run on a worker thread,
-  // never on a connection thread.
+  // ---- Screen capture. The calls block until the platform answers; they run on a worker
+  // thread, never on a connection thread.
   virtual ShareableContent copyShareableContent() = 0;
   virtual ContentFilterGeometry contentFilterGeometry(const ShareableDisplay& display) = 0;
-  // Captures one image of the whole display at pixelWidth x pixelHeight, with or without the
-  // cursor, and encodes it as JPEG at the given quality (0..1).
-  virtual CapturedImage captureImage(const ShareableDisplay& display, std::int64_t pixelWidth,
-                                     std::int64_t pixelHeight, bool showsCursor,
-                                     double jpegQuality) = 0;
+  virtual CapturedImage captureImage(const ShareableDisplay& display,
+                                     const CaptureRequest& request) = 0;
 
   // Parks the calling (main) thread for good, serving the platform's main run loop.
   [[noreturn]] virtual void runMainLoop() = 0;

@@ -1,6 +1,5 @@
 #include "platform/headless_desktop.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,26 +14,16 @@ void HeadlessDesktop::sleepMicros(std::uint32_t micros) {
   std::this_thread::sleep_for(std::chrono::microseconds(micros));
 }
 
-ElementRef HeadlessDesktop::createApplicationElement(std::int32_t) {
+ElementRef HeadlessDesktop::applicationElement(std::int32_t) {
   return std::make_shared<HeadlessElement>();
 }
 
-ElementRef HeadlessDesktop::createSystemWideElement() {
-  return std::make_shared<HeadlessElement>();
+void HeadlessDesktop::launchApplication(const std::string&,
+                                        std::function<void(LaunchResult)> completion) {
+  completion({LaunchResult::Status::failed, "this machine has no desktop workspace"});
 }
 
-bool HeadlessDesktop::fileExists(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0;
-}
-
-void HeadlessDesktop::openApplication(const std::string&,
-                                      std::function<void(std::optional<std::string>)> completion) {
-  completion(std::string("this machine has no desktop workspace"));
-}
-
-CapturedImage HeadlessDesktop::captureImage(const ShareableDisplay&, std::int64_t, std::int64_t,
-                                            bool, double) {
+CapturedImage HeadlessDesktop::captureImage(const ShareableDisplay&, const CaptureRequest&) {
   CapturedImage image;
   image.status = CapturedImage::Status::captureFailed;
   image.error = "this machine has no displays";

@@ -1,41 +1,32 @@
-// The desktop of a machine without one: every build that is not for macOS.
+// The desktop of a machine without one: every build that has no desktop adapter.
 #pragma once
 
 #include "platform/desktop.h"
 
 namespace tervain {
 
-// No grants, no displays, no pointer, no frontmost application; events cannot be created and
-// capture lists no displays. Accessibility calls answer kAXErrorAPIDisabled. Sleeping and file
-// existence are real.
+// No grants, no displays, no pointer, no frontmost application; no input can be posted and
+// capture lists no displays. Accessibility calls answer AXError::apiDisabled. Sleeping is real.
 class HeadlessDesktop : public Desktop {
  public:
+  std::string_view kind() const override { return "headless"; }
+
   bool accessibilityTrusted() override { return false; }
   bool screenCaptureAccess() override { return false; }
   bool postEventAccess() override { return false; }
 
-  std::vector<std::uint32_t> activeDisplayList(std::uint32_t) override { return {}; }
-  std::int64_t displayPixelsWide(std::uint32_t) override { return 0; }
-  std::int64_t displayPixelsHigh(std::uint32_t) override { return 0; }
-  bool displayIsMain(std::uint32_t) override { return false; }
-
+  std::vector<DisplayInfo> displays(std::uint32_t) override { return {}; }
   std::optional<Point> pointerLocation() override { return std::nullopt; }
 
-  InputEventPtr createMouseEvent(EventType, Point, MouseButton) override { return nullptr; }
-  InputEventPtr createKeyboardEvent(std::uint16_t, bool) override { return nullptr; }
-  InputEventPtr createScrollWheelEvent(ScrollUnit, std::uint32_t, std::int32_t, std::int32_t,
-                                       std::int32_t) override {
-    return nullptr;
-  }
-  void setIntegerValueField(InputEvent&, EventField, std::int64_t) override {}
-  void setFlags(InputEvent&, EventFlags) override {}
-  void keyboardSetUnicodeString(InputEvent&, const std::u16string&) override {}
-  void postEvent(InputEvent&) override {}
-
+  Modifiers supportedModifiers() const override { return Modifier::all; }
+  bool postPointerMove(Point, std::optional<MouseButton>, Modifiers) override { return false; }
+  bool postMouseButton(MouseButton, bool, Point, int, Modifiers) override { return false; }
+  bool postScroll(std::int32_t, std::int32_t, Modifiers) override { return false; }
+  bool postKey(std::uint16_t, bool, Modifiers) override { return false; }
+  bool typeText(const std::u16string&) override { return false; }
   void sleepMicros(std::uint32_t micros) override;
 
-  ElementRef createApplicationElement(std::int32_t pid) override;
-  ElementRef createSystemWideElement() override;
+  ElementRef applicationElement(std::int32_t pid) override;
   AXResult setMessagingTimeout(const Element&, float) override { return AXError::apiDisabled; }
   AXResult copyAttributeValue(const Element&, const std::string&, AXValue&) override {
     return AXError::apiDisabled;
@@ -50,7 +41,7 @@ class HeadlessDesktop : public Desktop {
   AXResult setAttributeValue(const Element&, const std::string&, const AXWritableValue&) override {
     return AXError::apiDisabled;
   }
-  AXResult copyElementAtPosition(const Element&, float, float, ElementRef&) override {
+  AXResult elementAtPoint(float, float, float, ElementRef&) override {
     return AXError::apiDisabled;
   }
 
@@ -58,14 +49,12 @@ class HeadlessDesktop : public Desktop {
   std::optional<std::string> runningApplicationName(std::int32_t) override {
     return std::nullopt;
   }
-  bool fileExists(const std::string& path) override;
-  void openApplication(const std::string& path,
-                       std::function<void(std::optional<std::string>)> completion) override;
+  void launchApplication(const std::string& name,
+                         std::function<void(LaunchResult)> completion) override;
 
   ShareableContent copyShareableContent() override { return {}; }
   ContentFilterGeometry contentFilterGeometry(const ShareableDisplay&) override { return {}; }
-  CapturedImage captureImage(const ShareableDisplay&, std::int64_t, std::int64_t, bool,
-                             double) override;
+  CapturedImage captureImage(const ShareableDisplay&, const CaptureRequest&) override;
 
   [[noreturn]] void runMainLoop() override;
 };

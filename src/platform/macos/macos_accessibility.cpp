@@ -142,14 +142,9 @@ AXValue convertValue(CFTypeRef value) {
 
 // A creation that yields null still gives a handle (the portable code uses it unchecked, as
 // the platform's own callers may): every call on it answers kAXErrorIllegalArgument.
-ElementRef MacDesktop::createApplicationElement(std::int32_t pid) {
+ElementRef MacDesktop::applicationElement(std::int32_t pid) {
   return std::make_shared<const MacElement>(
       CFRef<AXUIElementRef>(AXUIElementCreateApplication(static_cast<pid_t>(pid))));
-}
-
-ElementRef MacDesktop::createSystemWideElement() {
-  return std::make_shared<const MacElement>(
-      CFRef<AXUIElementRef>(AXUIElementCreateSystemWide()));
 }
 
 AXResult MacDesktop::setMessagingTimeout(const Element& element, float seconds) {
@@ -214,13 +209,13 @@ AXResult MacDesktop::setAttributeValue(const Element& element, const std::string
   return AXUIElementSetAttributeValue(ref, name.get(), text.get());
 }
 
-AXResult MacDesktop::copyElementAtPosition(const Element& systemWide, float x, float y,
-                                           ElementRef& out) {
+AXResult MacDesktop::elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) {
   out = nullptr;
-  const AXUIElementRef ref = refOf(systemWide);
-  if (!ref) return AXError::illegalArgument;
+  const CFRef<AXUIElementRef> systemWide(AXUIElementCreateSystemWide());
+  if (!systemWide) return AXError::illegalArgument;
+  AXUIElementSetMessagingTimeout(systemWide.get(), timeoutSeconds);
   AXUIElementRef raw = nullptr;
-  const ::AXError result = AXUIElementCopyElementAtPosition(ref, x, y, &raw);
+  const ::AXError result = AXUIElementCopyElementAtPosition(systemWide.get(), x, y, &raw);
   // Adopted whatever the result, so a reference handed out with an error is not leaked.
   ElementRef found = adopt(raw);
   if (result == kAXErrorSuccess) out = std::move(found);

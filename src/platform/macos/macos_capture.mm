@@ -1,4 +1,4 @@
-// Screen capture through ScreenCaptureKit and JPEG encoding through NSBitmapImageRep.
+// Screen capture through ScreenCaptureKit and JPEG or PNG encoding through NSBitmapImageRep.
 // Objective-C++ (ARC) because ScreenCaptureKit offers only classes and completion handlers.
 //
 // The seam's capture calls are blocking: each bridges one completion handler with a dispatch
@@ -90,15 +90,18 @@ ContentFilterGeometry MacDesktop::contentFilterGeometry(const ShareableDisplay& 
   }
 }
 
-CapturedImage MacDesktop::captureImage(const ShareableDisplay& display, std::int64_t pixelWidth,
-                                       std::int64_t pixelHeight, bool showsCursor,
-                                       double jpegQuality) {
+CapturedImage MacDesktop::captureImage(const ShareableDisplay& display,
+                                       const CaptureRequest& request) {
   @autoreleasepool {
     SCContentFilter* filter = wholeDisplayFilter(display);
     SCStreamConfiguration* configuration = [[SCStreamConfiguration alloc] init];
-    configuration.width = pixelWidth > 0 ? static_cast<size_t>(pixelWidth) : 0;
-    configuration.height = pixelHeight > 0 ? static_cast<size_t>(pixelHeight) : 0;
-    configuration.showsCursor = showsCursor;
+    configuration.width = request.pixelWidth > 0 ? static_cast<size_t>(request.pixelWidth) : 0;
+    configuration.height = request.pixelHeight > 0 ? static_cast<size_t>(request.pixelHeight) : 0;
+    configuration.showsCursor = request.showsCursor;
+    if (request.region) {
+      configuration.sourceRect = CGRect{CGPoint{request.region->x, request.region->y},
+                                        CGSize{request.region->width, request.region->height}};
+    }
 
     auto box = std::make_shared<ImageBox>();
     dispatch_semaphore_t done = dispatch_semaphore_create(0);
@@ -124,13 +127,16 @@ CapturedImage MacDesktop::captureImage(const ShareableDisplay& display, std::int
     captured.height = static_cast<std::int64_t>(CGImageGetHeight(image));
 
     NSBitmapImageRep* bitmap = [[NSBitmapImageRep alloc] initWithCGImage:image];
-    NSData* jpeg = [bitmap representationUsingType:NSBitmapImageFileTypeJPEG
-                                        properties:@{NSImageCompressionFactor : @(jpegQuality)}];
-    if (!jpeg) {
+    NSData* encoded =
+        request.format == ImageFormat::png
+            ? [bitmap representationUsingType:NSBitmapImageFileTypePNG properties:@{}]
+            : [bitmap representationUsingType:NSBitmapImageFileTypeJPEG
+                                   properties:@{NSImageCompressionFactor : @(request.quality)}];
+    if (!encoded) {
       captured.status = CapturedImage::Status::encodingFailed;
       return captured;
     }
-    captured.jpeg.assign(static_cast<const char*>(jpeg.bytes), jpeg.length);
+    captured.bytes.assign(static_cast<const char*>(encoded.bytes), encoded.length);
     return captured;
   }
 }

@@ -18,23 +18,68 @@ Desktop& platformDesktop() {
 namespace macos {
 namespace {
 
-// A created event; the reference is released when the portable code lets go of the event.
-class MacInputEvent final : public InputEvent {
- public:
-  explicit MacInputEvent(CGEventRef event) : event(event) {}
-  CGEventRef get() const { return event.get(); }
-
- private:
-  CFRef<CGEventRef> event;
-};
-
-InputEventPtr wrap(CGEventRef event) {
-  if (!event) return nullptr;
-  return std::make_unique<MacInputEvent>(event);
+// The portable modifiers as CoreGraphics event flags.
+CGEventFlags flagsOf(Modifiers modifiers) {
+  CGEventFlags flags = 0;
+  if (modifiers & Modifier::shift) flags |= kCGEventFlagMaskShift;
+  if (modifiers & Modifier::control) flags |= kCGEventFlagMaskControl;
+  if (modifiers & Modifier::option) flags |= kCGEventFlagMaskAlternate;
+  if (modifiers & Modifier::command) flags |= kCGEventFlagMaskCommand;
+  if (modifiers & Modifier::fn) flags |= kCGEventFlagMaskSecondaryFn;
+  return flags;
 }
 
-// Every event the portable code hands back was made by this adapter.
-CGEventRef eventOf(InputEvent& event) { return static_cast<MacInputEvent&>(event).get(); }
+CGMouseButton cgButton(MouseButton button) {
+  switch (button) {
+    case MouseButton::right:
+      return kCGMouseButtonRight;
+    case MouseButton::center:
+      return kCGMouseButtonCenter;
+    case MouseButton::left:
+      break;
+  }
+  return kCGMouseButtonLeft;
+}
+
+CGEventType buttonEventType(MouseButton button, bool down) {
+  switch (button) {
+    case MouseButton::right:
+      return down ? kCGEventRightMouseDown : kCGEventRightMouseUp;
+    case MouseButton::center:
+      return down ? kCGEventOtherMouseDown : kCGEventOtherMouseUp;
+    case MouseButton::left:
+      break;
+  }
+  return down ? kCGEventLeftMouseDown : kCGEventLeftMouseUp;
+}
+
+CGEventType moveEventType(std::optional<MouseButton> held) {
+  if (!held) return kCGEventMouseMoved;
+  switch (*held) {
+    case MouseButton::right:
+      return kCGEventRightMouseDragged;
+    case MouseButton::center:
+      return kCGEventOtherMouseDragged;
+    case MouseButton::left:
+      break;
+  }
+  return kCGEventLeftMouseDragged;
+}
+
+// Posts at the HID event tap. Pointer and scroll events keep the flags they were created with
+// unless modifiers are asked for; key events always carry exactly the ones asked for.
+bool post(CGEventRef created, std::optional<Modifiers> modifiers) {
+  const CFRef<CGEventRef> event(created);
+  if (!event) return false;
+  if (modifiers) CGEventSetFlags(event.get(), flagsOf(*modifiers));
+  CGEventPost(kCGHIDEventTap, event.get());
+  return true;
+}
+
+std::optional<Modifiers> ifAny(Modifiers modifiers) {
+  if (modifiers == 0) return std::nullopt;
+  return modifiers;
+}
 
 void keepAlive(CFRunLoopTimerRef, void*) {}
 
@@ -45,27 +90,24 @@ MacDesktop::MacDesktop() {
   enterCocoaMultithreadedMode();
 }
 
+std::string_view MacDesktop::kind() const { return "macos"; }
+
 bool MacDesktop::accessibilityTrusted() { return AXIsProcessTrusted() != 0; }
 bool MacDesktop::screenCaptureAccess() { return CGPreflightScreenCaptureAccess(); }
 bool MacDesktop::postEventAccess() { return CGPreflightPostEventAccess(); }
 
-std::vector<std::uint32_t> MacDesktop::activeDisplayList(std::uint32_t maxDisplays) {
+std::vector<DisplayInfo> MacDesktop::displays(std::uint32_t maxDisplays) {
   std::vector<CGDirectDisplayID> ids(maxDisplays);
   std::uint32_t count = 0;
   if (CGGetActiveDisplayList(maxDisplays, ids.data(), &count) != kCGErrorSuccess) return {};
   ids.resize(count < maxDisplays ? count : maxDisplays);
-  return {ids.begin(), ids.end()};
+  std::vector<DisplayInfo> listed;
+  for (const CGDirectDisplayID id : ids) {
+    listed.push_back({id, static_cast<std::int64_t>(CGDisplayPixelsWide(id)),
+                      static_cast<std::int64_t>(CGDisplayPixelsHigh(id)), CGDisplayIsMain(id) != 0});
+  }
+  return listed;
 }
-
-std::int64_t MacDesktop::displayPixelsWide(std::uint32_t display) {
-  return static_cast<std::int64_t>(CGDisplayPixelsWide(display));
-}
-
-std::int64_t MacDesktop::displayPixelsHigh(std::uint32_t display) {
-  return static_cast<std::int64_t>(CGDisplayPixelsHigh(display));
-}
-
-bool MacDesktop::displayIsMain(std::uint32_t display) { return CGDisplayIsMain(display) != 0; }
 
 std::optional<Point> MacDesktop::pointerLocation() {
   const CFRef<CGEventRef> event(CGEventCreate(nullptr));
@@ -74,38 +116,56 @@ std::optional<Point> MacDesktop::pointerLocation() {
   return Point{at.x, at.y};
 }
 
-InputEventPtr MacDesktop::createMouseEvent(EventType type, Point at, MouseButton button) {
-  return wrap(CGEventCreateMouseEvent(nullptr, static_cast<CGEventType>(type),
-                                      CGPoint{at.x, at.y}, static_cast<CGMouseButton>(button)));
+Modifiers MacDesktop::supportedModifiers() const { return Modifier::all; }
+
+bool MacDesktop::postPointerMove(Point at, std::optional<MouseButton> held, Modifiers modifiers) {
+  return post(CGEventCreateMouseEvent(nullptr, moveEventType(held), CGPoint{at.x, at.y},
+                                      held ? cgButton(*held) : kCGMouseButtonLeft),
+              ifAny(modifiers));
 }
 
-InputEventPtr MacDesktop::createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) {
-  return wrap(CGEventCreateKeyboardEvent(nullptr, virtualKey, keyDown));
+bool MacDesktop::postMouseButton(MouseButton button, bool down, Point at, int clickCount,
+                                 Modifiers modifiers) {
+  const CFRef<CGEventRef> event(CGEventCreateMouseEvent(
+      nullptr, buttonEventType(button, down), CGPoint{at.x, at.y}, cgButton(button)));
+  if (!event) return false;
+  // The click state makes the second press a double-click and the third a triple-click.
+  CGEventSetIntegerValueField(event.get(), kCGMouseEventClickState, clickCount);
+  if (modifiers != 0) CGEventSetFlags(event.get(), flagsOf(modifiers));
+  CGEventPost(kCGHIDEventTap, event.get());
+  return true;
 }
 
-InputEventPtr MacDesktop::createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount,
-                                                 std::int32_t wheel1, std::int32_t wheel2,
-                                                 std::int32_t wheel3) {
-  return wrap(CGEventCreateScrollWheelEvent2(nullptr, static_cast<CGScrollEventUnit>(unit),
-                                             wheelCount, wheel1, wheel2, wheel3));
+bool MacDesktop::postScroll(std::int32_t verticalLines, std::int32_t horizontalLines,
+                            Modifiers modifiers) {
+  // Wheel 1 is vertical, wheel 2 horizontal.
+  return post(CGEventCreateScrollWheelEvent2(nullptr, kCGScrollEventUnitLine, 2, verticalLines,
+                                             horizontalLines, 0),
+              ifAny(modifiers));
 }
 
-void MacDesktop::setIntegerValueField(InputEvent& event, EventField field, std::int64_t value) {
-  CGEventSetIntegerValueField(eventOf(event), static_cast<CGEventField>(field), value);
+bool MacDesktop::postKey(std::uint16_t keyCode, bool down, Modifiers modifiers) {
+  // Always set, also to none: a new key event picks up the modifiers currently held on the
+  // keyboard.
+  return post(CGEventCreateKeyboardEvent(nullptr, keyCode, down), modifiers);
 }
 
-void MacDesktop::setFlags(InputEvent& event, EventFlags flags) {
-  CGEventSetFlags(eventOf(event), static_cast<CGEventFlags>(flags));
-}
-
-void MacDesktop::keyboardSetUnicodeString(InputEvent& event, const std::u16string& units) {
+bool MacDesktop::typeText(const std::u16string& chunk) {
+  // Virtual key 0 with a Unicode string attached: the application takes the string as typed
+  // text, whatever the keyboard layout. Both events exist before either is posted, so a failure
+  // never leaves a key down.
+  const CFRef<CGEventRef> down(CGEventCreateKeyboardEvent(nullptr, 0, true));
+  const CFRef<CGEventRef> up(CGEventCreateKeyboardEvent(nullptr, 0, false));
+  if (!down || !up) return false;
   // UniChar and char16_t are both 16-bit UTF-16 code units, distinct only to the type system.
   static_assert(sizeof(UniChar) == sizeof(char16_t));
-  CGEventKeyboardSetUnicodeString(eventOf(event), units.size(),
-                                  reinterpret_cast<const UniChar*>(units.data()));
+  const auto* units = reinterpret_cast<const UniChar*>(chunk.data());
+  CGEventKeyboardSetUnicodeString(down.get(), chunk.size(), units);
+  CGEventKeyboardSetUnicodeString(up.get(), chunk.size(), units);
+  CGEventPost(kCGHIDEventTap, down.get());
+  CGEventPost(kCGHIDEventTap, up.get());
+  return true;
 }
-
-void MacDesktop::postEvent(InputEvent& event) { CGEventPost(kCGHIDEventTap, eventOf(event)); }
 
 void MacDesktop::sleepMicros(std::uint32_t micros) {
   // usleep may refuse a second or more; the input delays are all well below that, but a whole

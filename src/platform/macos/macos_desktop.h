@@ -18,31 +18,27 @@ class MacDesktop final : public Desktop {
   // agent's own threads are plain POSIX threads.
   MacDesktop();
 
+  std::string_view kind() const override;
+
   bool accessibilityTrusted() override;
   bool screenCaptureAccess() override;
   bool postEventAccess() override;
 
-  std::vector<std::uint32_t> activeDisplayList(std::uint32_t maxDisplays) override;
-  std::int64_t displayPixelsWide(std::uint32_t display) override;
-  std::int64_t displayPixelsHigh(std::uint32_t display) override;
-  bool displayIsMain(std::uint32_t display) override;
-
+  std::vector<DisplayInfo> displays(std::uint32_t maxDisplays) override;
   std::optional<Point> pointerLocation() override;
 
-  InputEventPtr createMouseEvent(EventType type, Point at, MouseButton button) override;
-  InputEventPtr createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) override;
-  InputEventPtr createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount,
-                                       std::int32_t wheel1, std::int32_t wheel2,
-                                       std::int32_t wheel3) override;
-  void setIntegerValueField(InputEvent& event, EventField field, std::int64_t value) override;
-  void setFlags(InputEvent& event, EventFlags flags) override;
-  void keyboardSetUnicodeString(InputEvent& event, const std::u16string& units) override;
-  void postEvent(InputEvent& event) override;
-
+  Modifiers supportedModifiers() const override;
+  bool postPointerMove(Point at, std::optional<MouseButton> held, Modifiers modifiers) override;
+  bool postMouseButton(MouseButton button, bool down, Point at, int clickCount,
+                       Modifiers modifiers) override;
+  bool postScroll(std::int32_t verticalLines, std::int32_t horizontalLines,
+                  Modifiers modifiers) override;
+  bool postKey(std::uint16_t keyCode, bool down, Modifiers modifiers) override;
+  bool typeText(const std::u16string& chunk) override;
   void sleepMicros(std::uint32_t micros) override;
 
-  ElementRef createApplicationElement(std::int32_t pid) override;
-  ElementRef createSystemWideElement() override;
+  // In macos_accessibility.cpp.
+  ElementRef applicationElement(std::int32_t pid) override;
   AXResult setMessagingTimeout(const Element& element, float seconds) override;
   AXResult copyAttributeValue(const Element& element, const std::string& attribute,
                               AXValue& out) override;
@@ -52,22 +48,22 @@ class MacDesktop final : public Desktop {
                                bool& settable) override;
   AXResult setAttributeValue(const Element& element, const std::string& attribute,
                              const AXWritableValue& value) override;
-  AXResult copyElementAtPosition(const Element& systemWide, float x, float y,
-                                 ElementRef& out) override;
+  AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) override;
 
-  // In macos_workspace.mm.
+  // In macos_workspace.mm. A launch looks for NAME.app in /Applications,
+  // /System/Applications and /System/Applications/Utilities, in that order, and opens the first
+  // found through the workspace; with no bundle found, `/usr/bin/open -a NAME` resolves the
+  // name, on the calling thread.
   std::optional<std::int32_t> frontmostApplicationPid() override;
   std::optional<std::string> runningApplicationName(std::int32_t pid) override;
-  bool fileExists(const std::string& path) override;
-  void openApplication(const std::string& path,
-                       std::function<void(std::optional<std::string> error)> completion) override;
+  void launchApplication(const std::string& name,
+                         std::function<void(LaunchResult)> completion) override;
 
   // In macos_capture.mm.
   ShareableContent copyShareableContent() override;
   ContentFilterGeometry contentFilterGeometry(const ShareableDisplay& display) override;
-  CapturedImage captureImage(const ShareableDisplay& display, std::int64_t pixelWidth,
-                             std::int64_t pixelHeight, bool showsCursor,
-                             double jpegQuality) override;
+  CapturedImage captureImage(const ShareableDisplay& display,
+                             const CaptureRequest& request) override;
 
   // Runs the main run loop (CFRunLoopRun), which also serves the main dispatch queue and keeps
   // the workspace's view of running applications fresh.

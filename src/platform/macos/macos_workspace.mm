@@ -1,5 +1,5 @@
-// The workspace: the frontmost application, running applications' names, file existence and
-// opening an application. Objective-C++ (ARC) because AppKit offers these only as classes.
+// The workspace: the frontmost application, running applications' names and launching an
+// application by name. Objective-C++ (ARC) because AppKit offers these only as classes.
 //
 // Every entry point drains its own autorelease pool: the callers are long-lived POSIX threads
 // that have none of their own.
@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/child_process.h"
 #include "platform/macos/macos_desktop.h"
 
 namespace tervain::macos {
@@ -55,38 +56,49 @@ std::optional<std::string> MacDesktop::runningApplicationName(std::int32_t pid) 
   }
 }
 
-bool MacDesktop::fileExists(const std::string& path) {
-  @autoreleasepool {
-    NSString* nsPath = toNSString(path);
-    return nsPath && [NSFileManager.defaultManager fileExistsAtPath:nsPath];
-  }
+namespace {
+
+// Opens the bundle at path with a default configuration; the completion runs once, on a queue
+// of the workspace's choosing.
+void openBundle(NSString* path, std::function<void(LaunchResult)> completion) {
+  // The block owns its own copy of the completion: it may run after the caller stopped waiting.
+  auto done = std::make_shared<std::function<void(LaunchResult)>>(std::move(completion));
+  [NSWorkspace.sharedWorkspace
+      openApplicationAtURL:[NSURL fileURLWithPath:path]
+             configuration:[NSWorkspaceOpenConfiguration configuration]
+         completionHandler:^(NSRunningApplication* _Nullable, NSError* _Nullable error) {
+           @autoreleasepool {
+             if (error) {
+               (*done)({LaunchResult::Status::failed,
+                        toStdString(error.localizedDescription).value_or(std::string())});
+             } else {
+               (*done)({LaunchResult::Status::launched, {}});
+             }
+           }
+         }];
 }
 
-void MacDesktop::openApplication(const std::string& path,
-                                 std::function<void(std::optional<std::string> error)> completion) {
+}  // namespace
+
+void MacDesktop::launchApplication(const std::string& name,
+                                   std::function<void(LaunchResult)> completion) {
+  const std::string bundle = name.ends_with(".app") ? name : name + ".app";
   @autoreleasepool {
-    NSString* nsPath = toNSString(path);
-    if (!nsPath) {
-      completion(std::string("the application path is not valid UTF-8"));
-      return;
+    for (const char* folder :
+         {"/Applications/", "/System/Applications/", "/System/Applications/Utilities/"}) {
+      NSString* path = toNSString(folder + bundle);
+      if (!path) {
+        completion({LaunchResult::Status::failed, "the application path is not valid UTF-8"});
+        return;
+      }
+      if ([NSFileManager.defaultManager fileExistsAtPath:path]) {
+        openBundle(path, std::move(completion));
+        return;
+      }
     }
-    // The block owns its own copy of the completion: it may run after the caller stopped
-    // waiting, on a queue of the workspace's choosing.
-    auto done = std::make_shared<std::function<void(std::optional<std::string>)>>(
-        std::move(completion));
-    [NSWorkspace.sharedWorkspace
-        openApplicationAtURL:[NSURL fileURLWithPath:nsPath]
-               configuration:[NSWorkspaceOpenConfiguration configuration]
-           completionHandler:^(NSRunningApplication* _Nullable, NSError* _Nullable error) {
-             @autoreleasepool {
-               if (error) {
-                 (*done)(toStdString(error.localizedDescription).value_or(std::string()));
-               } else {
-                 (*done)(std::nullopt);
-               }
-             }
-           }];
   }
+  // No bundle in the usual folders: "open -a" knows every other place an application can be.
+  completion(launchWithOpenTool("/usr/bin/open", name));
 }
 
 }  // namespace tervain::macos

@@ -37,6 +37,7 @@
 @property size_t width;   // pixels
 @property size_t height;  // pixels
 @property BOOL showsCursor;
+@property CGRect sourceRect;  // points, relative to the display
 @end
 
 @interface SCScreenshotManager : NSObject

@@ -1,0 +1,18 @@
+#include "platform/desktop.h"
+
+namespace tervain {
+
+void Desktop::copyAttributeValues(const std::vector<ElementRef>& elements,
+                                  const std::vector<std::string>& attributes,
+                                  std::vector<std::vector<std::pair<AXResult, AXValue>>>& out) {
+  out.assign(elements.size(), {});
+  for (std::size_t i = 0; i < elements.size(); ++i) {
+    out[i].resize(attributes.size(), {AXError::illegalArgument, AXValue{}});
+    if (!elements[i]) continue;
+    for (std::size_t j = 0; j < attributes.size(); ++j) {
+      out[i][j].first = copyAttributeValue(*elements[i], attributes[j], out[i][j].second);
+    }
+  }
+}
+
+}  // namespace tervain
