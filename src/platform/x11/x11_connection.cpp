@@ -1,0 +1,76 @@
+#include "platform/x11/x11_connection.h"
+
+
+
+namespace tervain::x11 {
+namespace {
+
+// The error handler is process-wide in Xlib and runs on the thread that reads the error, which is
+// the thread holding that display's lock: a thread-local flag carries the failure back.
+thread_local bool requestFailed = false;
+
+int onError(Display*, XErrorEvent*) {
+  requestFailed = true;
+  return 0;
+}
+
+int onIOError(Display*) { return 0; }
+
+void initialiseOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    XInitThreads();
+    XSetErrorHandler(onError);
+    XSetIOErrorHandler(onIOError);
+  });
+}
+
+}  // namespace
+
+// Called instead of exit() when the connection breaks: the display is marked and left alone
+// (closing it would call back here), and the next run() opens a fresh one.
+void onLostConnectionExit(Display*, void* self) {
+  static_cast<Connection*>(self)->lost = true;
+  requestFailed = true;
+}
+
+Connection::Connection(std::string name) : name(std::move(name)) { initialiseOnce(); }
+
+Connection::~Connection() {
+  if (display != nullptr && !lost) XCloseDisplay(display);
+}
+
+Display* Connection::openLocked() {
+  if (display != nullptr && !lost) return display;
+  // A lost Display is leaked on purpose: Xlib cannot close it safely.
+  display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
+  lost = false;
+  if (display != nullptr) XSetIOErrorExitHandler(display, onLostConnectionExit, this);
+  return display;
+}
+
+void Connection::beginRequestsLocked() { requestFailed = false; }
+
+bool Connection::endRequestsLocked() {
+  if (!lost) XSync(display, False);
+  return !requestFailed && !lost;
+}
+
+bool Connection::takeRequestFailure() {
+  const bool failed = requestFailed;
+  requestFailed = false;
+  return failed;
+}
+
+bool Connection::answers() {
+  return run([](Display*) { return true; });
+}
+
+bool Connection::hasExtension(const char* extension) {
+  return run([extension](Display* d) {
+    int opcode = 0, event = 0, error = 0;
+    return XQueryExtension(d, extension, &opcode, &event, &error) == True;
+  });
+}
+
+}  // namespace tervain::x11

@@ -1,0 +1,58 @@
+// One connection to an X display, shared by threads under a lock.
+//
+// Xlib's defaults end the process on any protocol error and on a lost connection. This class
+// installs handlers that record errors instead: a request that fails shows as a false result of
+// run(), and a lost connection is reopened on the next use, so an X server that restarts does not
+// take the agent with it.
+#pragma once
+
+#include <X11/Xlib.h>
+
+#include <mutex>
+#include <string>
+
+namespace tervain::x11 {
+
+class Connection {
+ public:
+  // name: an X display name; empty means $DISPLAY. Nothing is opened until first use.
+  explicit Connection(std::string name = {});
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Runs fn(Display*) under the lock, opening the display first when needed, then waits for the
+  // server to have handled every request fn made. True when the display answered and no request
+  // failed. fn returns whether it got what it wanted (false makes run() false too).
+  template <typename F>
+  bool run(F&& fn) {
+    std::lock_guard lock(mutex);
+    Display* display = openLocked();
+    if (display == nullptr) return false;
+    beginRequestsLocked();
+    const bool wanted = fn(display);
+    return endRequestsLocked() && wanted;
+  }
+
+  // Inside run(): whether a request failed since the last call (or since run() began), and
+  // forget it. For code that tries a request and falls back when the server refuses it.
+  static bool takeRequestFailure();
+
+  // True when the display can be opened and answers a round trip.
+  bool answers();
+  // True when the server has the extension (for example "XTEST", "MIT-SHM").
+  bool hasExtension(const char* name);
+
+ private:
+  Display* openLocked();
+  void beginRequestsLocked();
+  bool endRequestsLocked();
+
+  std::mutex mutex;
+  std::string name;
+  Display* display = nullptr;
+  bool lost = false;  // the server went away; the Display is unusable and reopened on next use
+  friend void onLostConnectionExit(Display*, void*);
+};
+
+}  // namespace tervain::x11

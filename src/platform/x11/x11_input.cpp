@@ -1,0 +1,226 @@
+#include "platform/x11/x11_input.h"
+
+#include <X11/XKBlib.h>
+#include <X11/extensions/XTest.h>
+#include <X11/keysym.h>
+#include <unistd.h>
+
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace tervain::x11 {
+namespace {
+
+constexpr std::pair<ModifierKeys, KeySym> kModifierKeys[] = {
+    {ModifierKey::shift, XK_Shift_L},
+    {ModifierKey::control, XK_Control_L},
+    {ModifierKey::alt, XK_Alt_L},
+    {ModifierKey::super, XK_Super_L},
+};
+
+bool sendKey(Display* display, KeyCode code, bool down) {
+  return code != 0 && XTestFakeKeyEvent(display, code, down ? True : False, CurrentTime) != 0;
+}
+
+bool sendButton(Display* display, unsigned int button, bool down) {
+  return XTestFakeButtonEvent(display, button, down ? True : False, CurrentTime) != 0;
+}
+
+// The core keymap as one snapshot: where each keysym is, and which keycodes carry nothing.
+struct Keymap {
+  int minCode = 0, perCode = 0;
+  std::vector<KeySym> syms;  // (keycode - minCode) * perCode + level
+
+  bool load(Display* display) {
+    int maxCode = 0;
+    XDisplayKeycodes(display, &minCode, &maxCode);
+    KeySym* all = XGetKeyboardMapping(display, static_cast<KeyCode>(minCode),
+                                      maxCode - minCode + 1, &perCode);
+    if (all == nullptr) return false;
+    syms.assign(all, all + static_cast<std::size_t>((maxCode - minCode + 1) * perCode));
+    XFree(all);
+    return perCode > 0;
+  }
+  int codes() const { return perCode == 0 ? 0 : static_cast<int>(syms.size()) / perCode; }
+  KeySym at(int index, int level) const {
+    return level < perCode ? syms[static_cast<std::size_t>(index * perCode + level)] : NoSymbol;
+  }
+
+  struct Place {
+    KeyCode code = 0;
+    bool shifted = false;
+  };
+  // The first key carrying the keysym on its plain or shifted level of the first group.
+  std::optional<Place> find(KeySym keysym) const {
+    for (int level = 0; level < 2; ++level) {
+      for (int i = 0; i < codes(); ++i) {
+        if (at(i, level) == keysym) return Place{static_cast<KeyCode>(minCode + i), level == 1};
+      }
+    }
+    return std::nullopt;
+  }
+  std::vector<KeyCode> spares() const {
+    std::vector<KeyCode> result;
+    for (int i = 0; i < codes(); ++i) {
+      bool empty = true;
+      for (int level = 0; level < perCode && empty; ++level) empty = at(i, level) == NoSymbol;
+      if (empty) result.push_back(static_cast<KeyCode>(minCode + i));
+    }
+    return result;
+  }
+};
+
+}  // namespace
+
+bool Input::available() { return connection.hasExtension("XTEST"); }
+
+bool Input::modifierKeys(Display* display, ModifierKeys modifiers, bool down) {
+  bool ok = true;
+  const auto apply = [&](const std::pair<ModifierKeys, KeySym>& entry) {
+    if ((modifiers & entry.first) != 0) {
+      ok = sendKey(display, XKeysymToKeycode(display, entry.second), down) && ok;
+    }
+  };
+  // Pressed in order, released in reverse, like a person's chord.
+  if (down) {
+    for (const auto& entry : kModifierKeys) apply(entry);
+  } else {
+    for (auto it = std::rbegin(kModifierKeys); it != std::rend(kModifierKeys); ++it) apply(*it);
+  }
+  return ok;
+}
+
+bool Input::moveTo(int x, int y, ModifierKeys modifiers) {
+  return connection.run([&](Display* display) {
+    bool ok = modifierKeys(display, modifiers, true);
+    ok = XTestFakeMotionEvent(display, -1, x, y, CurrentTime) != 0 && ok;
+    return modifierKeys(display, modifiers, false) && ok;
+  });
+}
+
+bool Input::button(unsigned int which, bool down, ModifierKeys modifiers) {
+  return connection.run([&](Display* display) {
+    if (down) return modifierKeys(display, modifiers, true) && sendButton(display, which, true);
+    const bool ok = sendButton(display, which, false);
+    return modifierKeys(display, modifiers, false) && ok;
+  });
+}
+
+bool Input::scroll(int vertical, int horizontal, ModifierKeys modifiers) {
+  return connection.run([&](Display* display) {
+    bool ok = modifierKeys(display, modifiers, true);
+    const auto notches = [&](int amount, unsigned int positive, unsigned int negative) {
+      const unsigned int which = amount > 0 ? positive : negative;
+      for (int i = 0; i < (amount > 0 ? amount : -amount); ++i) {
+        ok = sendButton(display, which, true) && sendButton(display, which, false) && ok;
+      }
+    };
+    notches(vertical, 4, 5);
+    notches(horizontal, 6, 7);
+    return modifierKeys(display, modifiers, false) && ok;
+  });
+}
+
+bool Input::key(KeySymValue keysym, bool down, ModifierKeys modifiers) {
+  // A key the keymap lacks (F13 to F15 on many) is bound to a spare keycode for good: a press
+  // and its release come in two calls, and nothing else needs the keycode.
+  bool bound = false;
+  const bool answered = connection.run([&](Display* display) {
+    if (XKeysymToKeycode(display, keysym) != 0) return true;
+    std::lock_guard lock(typing);
+    Keymap keymap;
+    if (!keymap.load(display)) return false;
+    const std::vector<KeyCode> spares = keymap.spares();
+    if (spares.empty()) return false;
+    std::vector<KeySym> levels(static_cast<std::size_t>(keymap.perCode), keysym);
+    // The last spare: typing rotates from the first ones.
+    XChangeKeyboardMapping(display, spares.back(), keymap.perCode, levels.data(), 1);
+    bound = true;
+    return true;
+  });
+  if (!answered) return false;
+  if (bound) ::usleep(kRemapSettleMicros);
+  return connection.run([&](Display* display) {
+    const KeyCode code = XKeysymToKeycode(display, keysym);
+    if (code == 0) return false;
+    if (down) return modifierKeys(display, modifiers, true) && sendKey(display, code, true);
+    const bool ok = sendKey(display, code, false);
+    return modifierKeys(display, modifiers, false) && ok;
+  });
+}
+
+bool Input::type(std::u32string_view text) {
+  std::lock_guard lock(typing);
+  Keymap keymap;
+  KeyCode shift = 0;
+  if (!connection.run([&](Display* display) {
+        shift = XKeysymToKeycode(display, XK_Shift_L);
+        return keymap.load(display);
+      })) {
+    return false;
+  }
+  const std::vector<KeyCode> spares = keymap.spares();
+
+  std::size_t start = 0;
+  while (start < text.size()) {
+    // One batch: the longest run of text whose missing characters fit on the spare keycodes.
+    struct Stroke {
+      KeyCode code;
+      bool shifted;
+    };
+    std::vector<Stroke> strokes;
+    std::map<KeySym, KeyCode> bound;
+    std::size_t end = start;
+    for (; end < text.size(); ++end) {
+      const KeySym keysym = keysymForCodePoint(text[end]);
+      if (const auto place = keymap.find(keysym)) {
+        strokes.push_back({place->code, place->shifted});
+        continue;
+      }
+      if (const auto it = bound.find(keysym); it != bound.end()) {
+        strokes.push_back({it->second, false});
+        continue;
+      }
+      if (bound.size() == spares.size()) break;
+      const KeyCode code = spares[nextSpare++ % spares.size()];
+      bound.emplace(keysym, code);
+      strokes.push_back({code, false});
+    }
+    if (end == start) return false;  // a missing character and no spare keycode at all
+
+    const auto bind = [&](bool set) {
+      return connection.run([&](Display* display) {
+        for (const auto& [keysym, code] : bound) {
+          // Every level carries the character, so a held Shift cannot change it.
+          std::vector<KeySym> levels(static_cast<std::size_t>(keymap.perCode),
+                                     set ? keysym : NoSymbol);
+          XChangeKeyboardMapping(display, code, keymap.perCode, levels.data(), 1);
+        }
+        return true;
+      });
+    };
+    if (!bound.empty()) {
+      if (!bind(true)) return false;
+      ::usleep(kRemapSettleMicros);
+    }
+    const bool typed = connection.run([&](Display* display) {
+      bool ok = true;
+      for (const Stroke& stroke : strokes) {
+        if (stroke.shifted) ok = sendKey(display, shift, true) && ok;
+        ok = sendKey(display, stroke.code, true) && sendKey(display, stroke.code, false) && ok;
+        if (stroke.shifted) ok = sendKey(display, shift, false) && ok;
+      }
+      return ok;
+    });
+    if (!bound.empty()) {
+      ::usleep(kRemapSettleMicros);
+      if (!bind(false)) return false;
+    }
+    if (!typed) return false;
+    start = end;
+  }
+  return true;
+}
+
+}  // namespace tervain::x11

@@ -1,0 +1,64 @@
+// Input through the XTEST extension: pointer motion, buttons, scroll notches, keys with
+// modifiers, and typing of any Unicode text.
+//
+// Typing goes by the keymap where it can: a character on the keymap is its key (with Shift when
+// it sits on the shifted level). A character the keymap lacks is bound for the moment to a spare
+// keycode (one with no keysym at all), typed, and the keycode is cleared again. Clients look a
+// keycode up when they handle its event, not when it is sent, so every remapping needs a settle
+// time before the keys that use it and again before it is undone. To pay that twice per batch
+// rather than twice per character, a batch binds as many distinct characters as there are spare
+// keycodes, types the whole run of text they cover (keymap characters included), then clears
+// them; the batches rotate through the spare keycodes, so a late client never reads a keycode of
+// the batch before under the binding of the next.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string_view>
+
+#include "platform/x11/x11_connection.h"
+#include "platform/x11/x11_keys.h"
+
+namespace tervain::x11 {
+
+// Modifier keys held around an event (Super is the wire's command key, Alt its option key).
+using ModifierKeys = std::uint32_t;
+namespace ModifierKey {
+inline constexpr ModifierKeys shift = 1u << 0, control = 1u << 1, alt = 1u << 2, super = 1u << 3;
+}
+
+class Input {
+ public:
+  // The connection outlives this object.
+  explicit Input(Connection& connection) : connection(connection) {}
+
+  // True when the display answers and has XTEST.
+  bool available();
+
+  // Each returns false when the display does not answer or an event could not be made; the
+  // modifier keys are pressed before the event and released after it.
+  bool moveTo(int x, int y, ModifierKeys modifiers = 0);
+  // button: 1 left, 2 middle, 3 right. A press holds the modifiers down until the release.
+  bool button(unsigned int button, bool down, ModifierKeys modifiers = 0);
+  // Whole notches: positive vertical is up (button 4), negative down (5); positive horizontal is
+  // left (6), negative right (7). One press and release a notch.
+  bool scroll(int vertical, int horizontal, ModifierKeys modifiers = 0);
+  // A key by keysym. A keysym no key carries is bound to a spare keycode and stays bound; false
+  // (nothing sent) when there is none. A press holds the modifiers down until the release.
+  bool key(KeySymValue keysym, bool down, ModifierKeys modifiers = 0);
+  // Types text whatever the keymap; false when the display does not answer, or when a
+  // character is neither on the keymap nor can be bound (no spare keycode).
+  bool type(std::u32string_view text);
+
+  // Time a remapping needs to reach the clients, in microseconds (see above).
+  static constexpr unsigned int kRemapSettleMicros = 8'000;
+
+ private:
+  bool modifierKeys(Display* display, ModifierKeys modifiers, bool down);
+
+  Connection& connection;
+  std::mutex typing;       // one text at a time: batches of two texts would share spare keycodes
+  std::size_t nextSpare = 0;  // rotation through the spare keycodes, under typing
+};
+
+}  // namespace tervain::x11
