@@ -13,6 +13,12 @@
 //
 // Reads that fail below the root only leave members out: a dump never fails because of what the
 // interface holds, and an application that does not answer yields a root with just its ref.
+//
+// Speed: every read may be a round trip to the application, so a node reads its children's
+// attributes (and action names) in one batch before building them, which lets an adapter have
+// them all in flight at once. Only what the walk would read is asked (at most as many children
+// as the budget can still build, their children only above the depth limit), and each node's
+// output is made from those reads exactly as from reads made one by one.
 #include <algorithm>
 #include <cstdint>
 #include <optional>
@@ -53,6 +59,60 @@ const std::string& kSize = AX::size;
 const std::string& kChildren = AX::children;
 const std::string& kPress = AX::press;
 
+// What a node reads, in this order; the last one only when its children may be walked.
+const std::vector<std::string> kNodeAttributes = {kRole,    kSubrole,  kTitle, kValue, kEnabled,
+                                                  kFocused, kPosition, kSize,  kChildren};
+const std::vector<std::string> kLeafAttributes(kNodeAttributes.begin(), kNodeAttributes.end() - 1);
+
+using Read = std::pair<AXResult, AXValue>;
+
+// A node's reads, made ahead of its building in one batch.
+struct ReadAhead {
+  std::vector<Read> attributes;  // in kNodeAttributes order, possibly without the children
+  Read actionNames;
+};
+
+// Where a node's attributes come from: its batch when one was read, else the live element.
+struct Source {
+  Desktop& desktop;
+  const Element& element;
+  ReadAhead* ahead;
+
+  AXResult copy(const std::string& attribute, AXValue& out) const {
+    if (ahead != nullptr) {
+      for (std::size_t i = 0; i < ahead->attributes.size(); ++i) {
+        if (kNodeAttributes[i] != attribute) continue;
+        Read& read = ahead->attributes[i];
+        if (read.first == AXError::success) out = std::move(read.second);
+        return read.first;
+      }
+    }
+    return desktop.copyAttributeValue(element, attribute, out);
+  }
+  AXResult copyActionNames(AXValue& out) const {
+    if (ahead != nullptr) {
+      if (ahead->actionNames.first == AXError::success) out = std::move(ahead->actionNames.second);
+      return ahead->actionNames.first;
+    }
+    return desktop.copyActionNames(element, out);
+  }
+};
+
+// Reads the given elements' node attributes in one batch.
+std::vector<ReadAhead> readAhead(Desktop& desktop, const std::vector<ElementRef>& elements,
+                                 bool withChildren) {
+  std::vector<std::vector<Read>> attributes;
+  std::vector<Read> actionNames;
+  desktop.copyAttributeValues(elements, withChildren ? kNodeAttributes : kLeafAttributes,
+                              attributes, &actionNames);
+  std::vector<ReadAhead> out(elements.size());
+  for (std::size_t i = 0; i < elements.size(); ++i) {
+    out[i].attributes = std::move(attributes[i]);
+    out[i].actionNames = std::move(actionNames[i]);
+  }
+  return out;
+}
+
 // The platform's number objects: integers, reals and booleans alike.
 std::optional<bool> numberTruth(const AXValue& value) {
   if (const auto* b = std::get_if<bool>(&value)) return *b;
@@ -91,10 +151,9 @@ Reply staleRefReply(const Json& request) {
 // ---- Attribute readers -----------------------------------------------------------------------
 
 // Attribute readers; nothing when the read fails or the value is of another type.
-std::optional<std::string> copyString(Desktop& desktop, const Element& element,
-                                      const std::string& attribute) {
+std::optional<std::string> copyString(const Source& source, const std::string& attribute) {
   AXValue value;
-  if (desktop.copyAttributeValue(element, attribute, value) != AXError::success) {
+  if (source.copy(attribute, value) != AXError::success) {
     return std::nullopt;
   }
   auto* text = std::get_if<std::string>(&value);
@@ -103,10 +162,9 @@ std::optional<std::string> copyString(Desktop& desktop, const Element& element,
   return std::move(*text);
 }
 
-std::optional<bool> copyBool(Desktop& desktop, const Element& element,
-                             const std::string& attribute) {
+std::optional<bool> copyBool(const Source& source, const std::string& attribute) {
   AXValue value;
-  if (desktop.copyAttributeValue(element, attribute, value) != AXError::success) {
+  if (source.copy(attribute, value) != AXError::success) {
     return std::nullopt;
   }
   return numberTruth(value);
@@ -116,13 +174,11 @@ struct Frame {
   std::int64_t x, y, w, h;
 };
 
-std::optional<Frame> copyFrame(Desktop& desktop, const Element& element) {
+std::optional<Frame> copyFrame(const Source& source) {
   AXValue position;
-  if (desktop.copyAttributeValue(element, kPosition, position) != AXError::success) {
-    return std::nullopt;
-  }
+  if (source.copy(kPosition, position) != AXError::success) return std::nullopt;
   AXValue size;
-  if (desktop.copyAttributeValue(element, kSize, size) != AXError::success) return std::nullopt;
+  if (source.copy(kSize, size) != AXError::success) return std::nullopt;
   const auto* point = std::get_if<Point>(&position);
   const auto* extent = std::get_if<Size>(&size);
   if (point == nullptr || extent == nullptr) return std::nullopt;
@@ -135,9 +191,9 @@ std::optional<Frame> copyFrame(Desktop& desktop, const Element& element) {
   return Frame{*x, *y, *w, *h};
 }
 
-std::optional<std::string> copyValueDescription(Desktop& desktop, const Element& element) {
+std::optional<std::string> copyValueDescription(const Source& source) {
   AXValue value;
-  if (desktop.copyAttributeValue(element, kValue, value) != AXError::success) {
+  if (source.copy(kValue, value) != AXError::success) {
     return std::nullopt;
   }
   std::string text;
@@ -162,8 +218,10 @@ std::optional<std::string> copyValueDescription(Desktop& desktop, const Element&
 
 // One node of a dump, appended to out as JSON text: registers the element, reads its attributes
 // and, while depth and the shared budget allow, its children.
+// `ahead` holds the node's reads when its parent read them; otherwise (the root) the node reads
+// its own in one batch.
 void buildNode(OperationContext& context, const ElementRef& element, int depth, int maxDepth,
-               std::int64_t& budget, std::string& out) {
+               std::int64_t& budget, std::string& out, ReadAhead* ahead = nullptr) {
   Desktop& desktop = context.desktop;
   const std::int64_t remaining = --budget;
   out += R"({"ref":)";
@@ -173,33 +231,39 @@ void buildNode(OperationContext& context, const ElementRef& element, int depth, 
     return;
   }
   const Element& e = *element;
+  std::vector<ReadAhead> own;
+  if (ahead == nullptr) {
+    own = readAhead(desktop, {element}, depth < maxDepth && remaining >= 1);
+    ahead = &own[0];
+  }
+  const Source source{desktop, e, ahead};
 
-  if (const auto role = copyString(desktop, e, kRole)) {
+  if (const auto role = copyString(source, kRole)) {
     out += R"(,"role":)";
     appendJsonString(out, *role);
   }
-  if (const auto subrole = copyString(desktop, e, kSubrole)) {
+  if (const auto subrole = copyString(source, kSubrole)) {
     out += R"(,"subrole":)";
     appendJsonString(out, *subrole);
   }
-  if (const auto title = copyString(desktop, e, kTitle); title && !title->empty()) {
+  if (const auto title = copyString(source, kTitle); title && !title->empty()) {
     out += R"(,"title":)";
     appendJsonString(out, *title);
   }
-  if (const auto value = copyValueDescription(desktop, e)) {
+  if (const auto value = copyValueDescription(source)) {
     out += R"(,"value":)";
     appendJsonString(out, *value);
   }
   // Written only when they differ from what a host assumes: enabled, and not focused.
-  if (copyBool(desktop, e, kEnabled) == false) out += R"(,"enabled":false)";
-  if (copyBool(desktop, e, kFocused) == true) out += R"(,"focused":true)";
-  if (const auto frame = copyFrame(desktop, e)) {
+  if (copyBool(source, kEnabled) == false) out += R"(,"enabled":false)";
+  if (copyBool(source, kFocused) == true) out += R"(,"focused":true)";
+  if (const auto frame = copyFrame(source)) {
     out += R"(,"frame":{"x":)" + std::to_string(frame->x) + R"(,"y":)" +
            std::to_string(frame->y) + R"(,"w":)" + std::to_string(frame->w) + R"(,"h":)" +
            std::to_string(frame->h) + "}";
   }
   AXValue actions;
-  if (desktop.copyActionNames(e, actions) == AXError::success) {
+  if (source.copyActionNames(actions) == AXError::success) {
     const auto* names = std::get_if<std::vector<std::string>>(&actions);
     if (names != nullptr && !names->empty() &&
         std::all_of(names->begin(), names->end(), isValidUtf8)) {
@@ -215,16 +279,22 @@ void buildNode(OperationContext& context, const ElementRef& element, int depth, 
   // A node built with the last unit of budget does not look at its children at all.
   AXValue childrenValue;
   if (depth < maxDepth && remaining >= 1 &&
-      desktop.copyAttributeValue(e, kChildren, childrenValue) == AXError::success) {
+      source.copy(kChildren, childrenValue) == AXError::success) {
     const std::vector<ElementRef>* children = elementList(childrenValue);
     if (children != nullptr && !children->empty()) {
       const std::size_t examined = std::min(children->size(), kChildrenPerNode);
+      // The children the loop can reach: no more than the budget can still build.
+      const std::vector<ElementRef> reachable(
+          children->begin(),
+          children->begin() + static_cast<std::ptrdiff_t>(
+                                  std::min(examined, static_cast<std::size_t>(budget))));
+      std::vector<ReadAhead> reads = readAhead(desktop, reachable, depth + 1 < maxDepth);
       const std::size_t start = out.size();
       out += R"(,"children":[)";
       std::size_t built = 0;
       for (std::size_t i = 0; i < examined && budget >= 1; ++i, ++built) {
         if (i != 0) out.push_back(',');
-        buildNode(context, (*children)[i], depth + 1, maxDepth, budget, out);
+        buildNode(context, (*children)[i], depth + 1, maxDepth, budget, out, &reads[i]);
       }
       if (built == 0) {
         out.resize(start);
