@@ -14,15 +14,15 @@
 // Reads that fail below the root only leave members out: a dump never fails because of what the
 // interface holds, and an application that does not answer yields a root with just its ref.
 //
-// Speed: every read may be a round trip to the application, so a node reads its children's
-// attributes (and action names) in one batch before building them, which lets an adapter have
-// them all in flight at once. Only what the walk would read is asked (at most as many children
-// as the budget can still build, their children only above the depth limit), and each node's
-// output is made from those reads exactly as from reads made one by one.
+// Speed: every read may be a round trip to the application, so the dump first reads the tree
+// level by level, each level's attributes and action names in one batch (an adapter may have
+// them all in flight at once), within the walk's own bounds; then the walk builds each node from
+// those reads exactly as from reads made one by one, so order, budget and cuts are unchanged.
 #include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -76,14 +76,14 @@ struct ReadAhead {
 struct Source {
   Desktop& desktop;
   const Element& element;
-  ReadAhead* ahead;
+  const ReadAhead* ahead;
 
   AXResult copy(const std::string& attribute, AXValue& out) const {
     if (ahead != nullptr) {
       for (std::size_t i = 0; i < ahead->attributes.size(); ++i) {
         if (kNodeAttributes[i] != attribute) continue;
-        Read& read = ahead->attributes[i];
-        if (read.first == AXError::success) out = std::move(read.second);
+        const Read& read = ahead->attributes[i];
+        if (read.first == AXError::success) out = read.second;
         return read.first;
       }
     }
@@ -91,7 +91,7 @@ struct Source {
   }
   AXResult copyActionNames(AXValue& out) const {
     if (ahead != nullptr) {
-      if (ahead->actionNames.first == AXError::success) out = std::move(ahead->actionNames.second);
+      if (ahead->actionNames.first == AXError::success) out = ahead->actionNames.second;
       return ahead->actionNames.first;
     }
     return desktop.copyActionNames(element, out);
@@ -111,6 +111,44 @@ std::vector<ReadAhead> readAhead(Desktop& desktop, const std::vector<ElementRef>
     out[i].actionNames = std::move(actionNames[i]);
   }
   return out;
+}
+
+std::vector<ElementRef>* elementList(AXValue& value);
+
+// Reads read ahead for a whole walk, by element.
+using ReadMap = std::unordered_map<const Element*, ReadAhead>;
+
+// Reads the tree under root ahead of the walk, one batch a level, with the walk's own bounds: no
+// deeper than the depth limit, the first 48 children of each element, no more elements than the
+// budget. The walk then builds from these reads; an element the read-ahead did not reach (the
+// budget ran out on a wider level than the walk's path) reads its own.
+ReadMap readTreeAhead(Desktop& desktop, const ElementRef& root, int maxDepth,
+                      std::int64_t budget) {
+  ReadMap map;
+  std::vector<ElementRef> level = {root};
+  for (int depth = 0; !level.empty() && budget > 0; ++depth) {
+    if (static_cast<std::int64_t>(level.size()) > budget) {
+      level.resize(static_cast<std::size_t>(budget));
+    }
+    budget -= static_cast<std::int64_t>(level.size());
+    std::vector<ReadAhead> reads = readAhead(desktop, level, depth < maxDepth);
+    std::vector<ElementRef> next;
+    for (std::size_t i = 0; i < level.size(); ++i) {
+      if (!level[i] || map.count(level[i].get())) continue;
+      if (depth < maxDepth && reads[i].attributes.size() == kNodeAttributes.size() &&
+          reads[i].attributes.back().first == AXError::success) {
+        AXValue children = reads[i].attributes.back().second;
+        if (const std::vector<ElementRef>* list = elementList(children)) {
+          next.insert(next.end(), list->begin(),
+                      list->begin() + static_cast<std::ptrdiff_t>(
+                                          std::min(list->size(), kChildrenPerNode)));
+        }
+      }
+      map.emplace(level[i].get(), std::move(reads[i]));
+    }
+    level = std::move(next);
+  }
+  return map;
 }
 
 // The platform's number objects: integers, reals and booleans alike.
@@ -221,7 +259,7 @@ std::optional<std::string> copyValueDescription(const Source& source) {
 // `ahead` holds the node's reads when its parent read them; otherwise (the root) the node reads
 // its own in one batch.
 void buildNode(OperationContext& context, const ElementRef& element, int depth, int maxDepth,
-               std::int64_t& budget, std::string& out, ReadAhead* ahead = nullptr) {
+               std::int64_t& budget, std::string& out, const ReadMap* map = nullptr) {
   Desktop& desktop = context.desktop;
   const std::int64_t remaining = --budget;
   out += R"({"ref":)";
@@ -231,6 +269,10 @@ void buildNode(OperationContext& context, const ElementRef& element, int depth, 
     return;
   }
   const Element& e = *element;
+  const ReadAhead* ahead = nullptr;
+  if (map != nullptr) {
+    if (const auto found = map->find(element.get()); found != map->end()) ahead = &found->second;
+  }
   std::vector<ReadAhead> own;
   if (ahead == nullptr) {
     own = readAhead(desktop, {element}, depth < maxDepth && remaining >= 1);
@@ -283,18 +325,12 @@ void buildNode(OperationContext& context, const ElementRef& element, int depth, 
     const std::vector<ElementRef>* children = elementList(childrenValue);
     if (children != nullptr && !children->empty()) {
       const std::size_t examined = std::min(children->size(), kChildrenPerNode);
-      // The children the loop can reach: no more than the budget can still build.
-      const std::vector<ElementRef> reachable(
-          children->begin(),
-          children->begin() + static_cast<std::ptrdiff_t>(
-                                  std::min(examined, static_cast<std::size_t>(budget))));
-      std::vector<ReadAhead> reads = readAhead(desktop, reachable, depth + 1 < maxDepth);
       const std::size_t start = out.size();
       out += R"(,"children":[)";
       std::size_t built = 0;
       for (std::size_t i = 0; i < examined && budget >= 1; ++i, ++built) {
         if (i != 0) out.push_back(',');
-        buildNode(context, (*children)[i], depth + 1, maxDepth, budget, out, &reads[i]);
+        buildNode(context, (*children)[i], depth + 1, maxDepth, budget, out, map);
       }
       if (built == 0) {
         out.resize(start);
@@ -362,7 +398,9 @@ Reply opAXDump(OperationContext& context, const Json& request) {
 
   std::int64_t budget = kNodeBudget;
   std::string tree;
-  buildNode(context, application, 0, static_cast<int>(depthLimit), budget, tree);
+  const ReadMap ahead =
+      readTreeAhead(desktop, application, static_cast<int>(depthLimit), kNodeBudget);
+  buildNode(context, application, 0, static_cast<int>(depthLimit), budget, tree, &ahead);
 
   Reply reply = Reply::success();
   reply.jsonMembers.emplace_back("tree", std::move(tree));
