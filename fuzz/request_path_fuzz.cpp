@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   while (auto line = lines.next()) {
     if (line->empty()) continue;
     const std::optional<Json> request = parseRequestObject(*line);
-    const auto op = request ? ConnectionHandler::requestOp(*request) : std::nullopt;
+    const auto op = request ? requestOp(*request) : std::nullopt;
     if (op && fuzzing::isStreamingOp(*op)) continue;  // they own the socket; fuzzed elsewhere
     if (op && fuzzing::isSlowOp(*op)) continue;
     const std::string reply = handler.handleRequest(request);

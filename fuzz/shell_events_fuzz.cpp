@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "agent/connection_handler.h"
+#include "agent/ops_shell_drain.h"
 #include "core/base64.h"
 #include "core/request_members.h"
 #include "core/shell_spool.h"
@@ -118,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   AgentContext context(desktop);
   fuzzing::quietContext(context);
   ConnectionHandler handler(gAgentEnd, context);
-  handler.runShellEvents(line);
+  runShellEvents(handler.operations(), line);
   checkReply(takeReply());
   return 0;
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "agent/agent_log.h"
+#include "agent/operations.h"
 #include "core/agent_wire.h"
 #include "core/request_members.h"
 #include "vsock/tervain_vsock.h"
@@ -16,50 +17,42 @@
 namespace tervain {
 namespace {
 
-using OpCall = Reply (*)(ConnectionHandler&, const Json&);
-
-struct OpEntry {
-  std::string_view name;
-  OpCall call;
-};
-
-// The operations in the order they are matched. "exec" and "shell-events" never get here:
-// run() routes them before dispatch.
-constexpr OpEntry kOperations[] = {
-    {"ping", [](ConnectionHandler& h, const Json&) { return h.opPing(); }},
-    {"screenshot", [](ConnectionHandler& h, const Json& r) { return h.opScreenshot(r); }},
-    {"ax_dump", [](ConnectionHandler& h, const Json& r) { return h.opAXDump(r); }},
-    {"ax_element_at", [](ConnectionHandler& h, const Json& r) { return h.opAXElementAt(r); }},
-    {"ax_action", [](ConnectionHandler& h, const Json& r) { return h.opAXAction(r); }},
-    {"ax_set_value", [](ConnectionHandler& h, const Json& r) { return h.opAXSetValue(r); }},
-    {"ax_focus", [](ConnectionHandler& h, const Json& r) { return h.opAXFocus(r); }},
-    {"click", [](ConnectionHandler& h, const Json& r) { return h.opClick(r); }},
-    {"move", [](ConnectionHandler& h, const Json& r) { return h.opMove(r); }},
-    {"drag", [](ConnectionHandler& h, const Json& r) { return h.opDrag(r); }},
-    {"type", [](ConnectionHandler& h, const Json& r) { return h.opType(r); }},
-    {"key", [](ConnectionHandler& h, const Json& r) { return h.opKey(r); }},
-    {"scroll", [](ConnectionHandler& h, const Json& r) { return h.opScroll(r); }},
-    {"cursor_position", [](ConnectionHandler& h, const Json&) { return h.opCursorPosition(); }},
-    {"launch_app", [](ConnectionHandler& h, const Json& r) { return h.opLaunchApp(r); }},
-};
-
 Reply malformedRequest() {
   return Reply::failure("malformed request (want one JSON object per line with an \"op\")");
 }
 
+const Operation* findOperation(std::string_view op) {
+  for (const Operation& entry : operationTable()) {
+    if (entry.name == op) return &entry;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
-ConnectionHandler::ConnectionHandler(int fd, AgentContext& context)
-    : fd(fd), context(context), desktop(context.desktop) {}
-
-std::optional<std::string> ConnectionHandler::requestOp(const Json& request) {
+std::optional<std::string> requestOp(const Json& request) {
   const std::string* op = stringMember(request, "op");
   if (op == nullptr) return std::nullopt;
   return *op;
 }
 
+bool writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const long n = tervain_write(fd, bytes.data(), bytes.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+ConnectionHandler::ConnectionHandler(int fd, AgentContext& agent) : context(fd, agent, lines) {}
+
 void ConnectionHandler::run() {
-  auto serve = [this] {
+  const int fd = context.fd;
+  auto serve = [this, fd] {
     std::vector<char> buffer(AgentWire::readChunkBytes);
     for (;;) {
       const ssize_t n = ::read(fd, buffer.data(), buffer.size());
@@ -75,20 +68,20 @@ void ConnectionHandler::run() {
         const std::optional<std::string_view> line = lines.next();
         if (!line) break;
         if (line->empty()) continue;
+        // Parsed once; a streaming operation gets the raw line, everything else its reply
+        // written.
         const std::optional<Json> request = parseRequestObject(*line);
         const std::optional<std::string> op = request ? requestOp(*request) : std::nullopt;
-        if (op == AgentWire::Exec::op) {
-          runExec(*line);  // takes over the rest of the connection
-          keepGoing = false;
-          break;
-        }
-        if (op == AgentWire::ShellEvents::op) {
-          runShellEvents(*line);
-          continue;
+        const Operation* entry = op ? findOperation(*op) : nullptr;
+        if (entry != nullptr) {
+          if (const auto* stream = std::get_if<StreamingOperation>(&entry->function)) {
+            keepGoing = (*stream)(context, *line);
+            continue;
+          }
         }
         std::string reply = handleRequest(request);
         reply.push_back('\n');
-        keepGoing = writeAll(reply);
+        keepGoing = writeAll(fd, reply);
       }
       if (!keepGoing || lines.pendingBytes() > AgentWire::maxPendingLineBytes) break;
     }
@@ -136,30 +129,19 @@ Reply ConnectionHandler::dispatchRequest(const std::optional<Json>& request) {
   if (!request) return malformedRequest();
   const std::optional<std::string> op = requestOp(*request);
   if (!op) return malformedRequest();
-  for (const OpEntry& entry : kOperations) {
-    if (entry.name != *op) continue;
-    try {
-      return entry.call(*this, *request);
-    } catch (const std::exception& e) {
-      return Reply::failure(*op + " failed inside the agent: " + e.what());
-    } catch (...) {
-      return Reply::failure(*op + " failed inside the agent");
-    }
+  const Operation* entry = findOperation(*op);
+  const auto* call = entry != nullptr ? std::get_if<ReplyOperation>(&entry->function) : nullptr;
+  if (call == nullptr) {
+    return Reply::failure("unknown op '" + *op + "' (agent protocol v" +
+                          std::to_string(AgentWire::version) + ")");
   }
-  return Reply::failure("unknown op '" + *op + "' (agent protocol v" +
-                        std::to_string(AgentWire::version) + ")");
-}
-
-bool ConnectionHandler::writeAll(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const long n = tervain_write(fd, bytes.data(), bytes.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(n));
+  try {
+    return (*call)(context, *request);
+  } catch (const std::exception& e) {
+    return Reply::failure(*op + " failed inside the agent: " + e.what());
+  } catch (...) {
+    return Reply::failure(*op + " failed inside the agent");
   }
-  return true;
 }
 
 }  // namespace tervain

@@ -13,15 +13,21 @@
 //
 // Reads that fail below the root only leave members out: a dump never fails because of what the
 // interface holds, and an application that does not answer yields a root with just its ref.
+//
+// Speed: every read may be a round trip to the application, so the dump first reads the tree
+// level by level, each level's attributes and action names in one batch (an adapter may have
+// them all in flight at once), within the walk's own bounds; then the walk builds each node from
+// those reads exactly as from reads made one by one, so order, budget and cuts are unchanged.
 #include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_ax.h"
 #include "core/ax_text.h"
 #include "core/json_writer.h"
 #include "core/request_members.h"
@@ -53,6 +59,98 @@ const std::string& kSize = AX::size;
 const std::string& kChildren = AX::children;
 const std::string& kPress = AX::press;
 
+// What a node reads, in this order; the last one only when its children may be walked.
+const std::vector<std::string> kNodeAttributes = {kRole,    kSubrole,  kTitle, kValue, kEnabled,
+                                                  kFocused, kPosition, kSize,  kChildren};
+const std::vector<std::string> kLeafAttributes(kNodeAttributes.begin(), kNodeAttributes.end() - 1);
+
+using Read = std::pair<AXResult, AXValue>;
+
+// A node's reads, made ahead of its building in one batch.
+struct ReadAhead {
+  std::vector<Read> attributes;  // in kNodeAttributes order, possibly without the children
+  Read actionNames;
+};
+
+// Where a node's attributes come from: its batch when one was read, else the live element.
+struct Source {
+  Desktop& desktop;
+  const Element& element;
+  const ReadAhead* ahead;
+
+  AXResult copy(const std::string& attribute, AXValue& out) const {
+    if (ahead != nullptr) {
+      for (std::size_t i = 0; i < ahead->attributes.size(); ++i) {
+        if (kNodeAttributes[i] != attribute) continue;
+        const Read& read = ahead->attributes[i];
+        if (read.first == AXError::success) out = read.second;
+        return read.first;
+      }
+    }
+    return desktop.copyAttributeValue(element, attribute, out);
+  }
+  AXResult copyActionNames(AXValue& out) const {
+    if (ahead != nullptr) {
+      if (ahead->actionNames.first == AXError::success) out = ahead->actionNames.second;
+      return ahead->actionNames.first;
+    }
+    return desktop.copyActionNames(element, out);
+  }
+};
+
+// Reads the given elements' node attributes in one batch.
+std::vector<ReadAhead> readAhead(Desktop& desktop, const std::vector<ElementRef>& elements,
+                                 bool withChildren) {
+  std::vector<std::vector<Read>> attributes;
+  std::vector<Read> actionNames;
+  desktop.copyAttributeValues(elements, withChildren ? kNodeAttributes : kLeafAttributes,
+                              attributes, &actionNames);
+  std::vector<ReadAhead> out(elements.size());
+  for (std::size_t i = 0; i < elements.size(); ++i) {
+    out[i].attributes = std::move(attributes[i]);
+    out[i].actionNames = std::move(actionNames[i]);
+  }
+  return out;
+}
+
+std::vector<ElementRef>* elementList(AXValue& value);
+
+// Reads read ahead for a whole walk, by element.
+using ReadMap = std::unordered_map<const Element*, ReadAhead>;
+
+// Reads the tree under root ahead of the walk, one batch a level, with the walk's own bounds: no
+// deeper than the depth limit, the first 48 children of each element, no more elements than the
+// budget. The walk then builds from these reads; an element the read-ahead did not reach (the
+// budget ran out on a wider level than the walk's path) reads its own.
+ReadMap readTreeAhead(Desktop& desktop, const ElementRef& root, int maxDepth,
+                      std::int64_t budget) {
+  ReadMap map;
+  std::vector<ElementRef> level = {root};
+  for (int depth = 0; !level.empty() && budget > 0; ++depth) {
+    if (static_cast<std::int64_t>(level.size()) > budget) {
+      level.resize(static_cast<std::size_t>(budget));
+    }
+    budget -= static_cast<std::int64_t>(level.size());
+    std::vector<ReadAhead> reads = readAhead(desktop, level, depth < maxDepth);
+    std::vector<ElementRef> next;
+    for (std::size_t i = 0; i < level.size(); ++i) {
+      if (!level[i] || map.count(level[i].get())) continue;
+      if (depth < maxDepth && reads[i].attributes.size() == kNodeAttributes.size() &&
+          reads[i].attributes.back().first == AXError::success) {
+        AXValue children = reads[i].attributes.back().second;
+        if (const std::vector<ElementRef>* list = elementList(children)) {
+          next.insert(next.end(), list->begin(),
+                      list->begin() + static_cast<std::ptrdiff_t>(
+                                          std::min(list->size(), kChildrenPerNode)));
+        }
+      }
+      map.emplace(level[i].get(), std::move(reads[i]));
+    }
+    level = std::move(next);
+  }
+  return map;
+}
+
 // The platform's number objects: integers, reals and booleans alike.
 std::optional<bool> numberTruth(const AXValue& value) {
   if (const auto* b = std::get_if<bool>(&value)) return *b;
@@ -71,52 +169,29 @@ std::vector<ElementRef>* elementList(AXValue& value) {
   return list;
 }
 
-}  // namespace
-
 // ---- Refs ------------------------------------------------------------------------------------
 
-ElementRef ConnectionHandler::resolveRef(const Json& request) const {
+// The element that the request's "ref" names on this connection, or null.
+ElementRef resolveRef(const OperationContext& context, const Json& request) {
   const std::string* ref = stringMember(request, "ref");
   if (ref == nullptr) return nullptr;
-  return axRegistry[*ref];
+  return context.refs[*ref];
 }
 
-Reply ConnectionHandler::staleRefReply(const Json& request) {
+// The failure reply for a ref that names nothing (or an element that has gone away).
+Reply staleRefReply(const Json& request) {
   const std::string* ref = stringMember(request, "ref");
   return Reply::failure("element ref \"" + (ref != nullptr ? *ref : std::string("?")) +
                         "\" is unknown or stale \u2014 refs are only valid until the next "
                         "ax_dump; re-dump and retry");
 }
 
-std::string ConnectionHandler::describe(AXResult code) {
-  switch (code) {
-    case AXError::success:
-      return "success";
-    case AXError::invalidUIElement:
-      return "kAXErrorInvalidUIElement \u2014 stale element";
-    case AXError::cannotComplete:
-      return "kAXErrorCannotComplete \u2014 the app did not respond in time";
-    case AXError::attributeUnsupported:
-      return "attribute unsupported";
-    case AXError::actionUnsupported:
-      return "action unsupported";
-    case AXError::notImplemented:
-      return "the app does not implement this AX request";
-    case AXError::apiDisabled:
-      return "kAXErrorAPIDisabled \u2014 accessibility is disabled for this app";
-    case AXError::noValue:
-      return "no value";
-    default:
-      return "AXError " + std::to_string(code);
-  }
-}
-
 // ---- Attribute readers -----------------------------------------------------------------------
 
-std::optional<std::string> ConnectionHandler::copyString(const Element& element,
-                                                         const std::string& attribute) {
+// Attribute readers; nothing when the read fails or the value is of another type.
+std::optional<std::string> copyString(const Source& source, const std::string& attribute) {
   AXValue value;
-  if (desktop.copyAttributeValue(element, attribute, value) != AXError::success) {
+  if (source.copy(attribute, value) != AXError::success) {
     return std::nullopt;
   }
   auto* text = std::get_if<std::string>(&value);
@@ -125,22 +200,23 @@ std::optional<std::string> ConnectionHandler::copyString(const Element& element,
   return std::move(*text);
 }
 
-std::optional<bool> ConnectionHandler::copyBool(const Element& element,
-                                                const std::string& attribute) {
+std::optional<bool> copyBool(const Source& source, const std::string& attribute) {
   AXValue value;
-  if (desktop.copyAttributeValue(element, attribute, value) != AXError::success) {
+  if (source.copy(attribute, value) != AXError::success) {
     return std::nullopt;
   }
   return numberTruth(value);
 }
 
-std::optional<ConnectionHandler::Frame> ConnectionHandler::copyFrame(const Element& element) {
+struct Frame {
+  std::int64_t x, y, w, h;
+};
+
+std::optional<Frame> copyFrame(const Source& source) {
   AXValue position;
-  if (desktop.copyAttributeValue(element, kPosition, position) != AXError::success) {
-    return std::nullopt;
-  }
+  if (source.copy(kPosition, position) != AXError::success) return std::nullopt;
   AXValue size;
-  if (desktop.copyAttributeValue(element, kSize, size) != AXError::success) return std::nullopt;
+  if (source.copy(kSize, size) != AXError::success) return std::nullopt;
   const auto* point = std::get_if<Point>(&position);
   const auto* extent = std::get_if<Size>(&size);
   if (point == nullptr || extent == nullptr) return std::nullopt;
@@ -153,9 +229,9 @@ std::optional<ConnectionHandler::Frame> ConnectionHandler::copyFrame(const Eleme
   return Frame{*x, *y, *w, *h};
 }
 
-std::optional<std::string> ConnectionHandler::copyValueDescription(const Element& element) {
+std::optional<std::string> copyValueDescription(const Source& source) {
   AXValue value;
-  if (desktop.copyAttributeValue(element, kValue, value) != AXError::success) {
+  if (source.copy(kValue, value) != AXError::success) {
     return std::nullopt;
   }
   std::string text;
@@ -178,43 +254,58 @@ std::optional<std::string> ConnectionHandler::copyValueDescription(const Element
 
 // ---- Nodes -----------------------------------------------------------------------------------
 
-void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxDepth,
-                                  std::int64_t& budget, std::string& out) {
+// One node of a dump, appended to out as JSON text: registers the element, reads its attributes
+// and, while depth and the shared budget allow, its children.
+// `ahead` holds the node's reads when its parent read them; otherwise (the root) the node reads
+// its own in one batch.
+void buildNode(OperationContext& context, const ElementRef& element, int depth, int maxDepth,
+               std::int64_t& budget, std::string& out, const ReadMap* map = nullptr) {
+  Desktop& desktop = context.desktop;
   const std::int64_t remaining = --budget;
   out += R"({"ref":)";
-  appendJsonString(out, axRegistry.registerElement(element));
+  appendJsonString(out, context.refs.registerElement(element));
   if (!element) {  // nothing to read; the ref resolves to nothing
     out.push_back('}');
     return;
   }
   const Element& e = *element;
+  const ReadAhead* ahead = nullptr;
+  if (map != nullptr) {
+    if (const auto found = map->find(element.get()); found != map->end()) ahead = &found->second;
+  }
+  std::vector<ReadAhead> own;
+  if (ahead == nullptr) {
+    own = readAhead(desktop, {element}, depth < maxDepth && remaining >= 1);
+    ahead = &own[0];
+  }
+  const Source source{desktop, e, ahead};
 
-  if (const auto role = copyString(e, kRole)) {
+  if (const auto role = copyString(source, kRole)) {
     out += R"(,"role":)";
     appendJsonString(out, *role);
   }
-  if (const auto subrole = copyString(e, kSubrole)) {
+  if (const auto subrole = copyString(source, kSubrole)) {
     out += R"(,"subrole":)";
     appendJsonString(out, *subrole);
   }
-  if (const auto title = copyString(e, kTitle); title && !title->empty()) {
+  if (const auto title = copyString(source, kTitle); title && !title->empty()) {
     out += R"(,"title":)";
     appendJsonString(out, *title);
   }
-  if (const auto value = copyValueDescription(e)) {
+  if (const auto value = copyValueDescription(source)) {
     out += R"(,"value":)";
     appendJsonString(out, *value);
   }
   // Written only when they differ from what a host assumes: enabled, and not focused.
-  if (copyBool(e, kEnabled) == false) out += R"(,"enabled":false)";
-  if (copyBool(e, kFocused) == true) out += R"(,"focused":true)";
-  if (const auto frame = copyFrame(e)) {
+  if (copyBool(source, kEnabled) == false) out += R"(,"enabled":false)";
+  if (copyBool(source, kFocused) == true) out += R"(,"focused":true)";
+  if (const auto frame = copyFrame(source)) {
     out += R"(,"frame":{"x":)" + std::to_string(frame->x) + R"(,"y":)" +
            std::to_string(frame->y) + R"(,"w":)" + std::to_string(frame->w) + R"(,"h":)" +
            std::to_string(frame->h) + "}";
   }
   AXValue actions;
-  if (desktop.copyActionNames(e, actions) == AXError::success) {
+  if (source.copyActionNames(actions) == AXError::success) {
     const auto* names = std::get_if<std::vector<std::string>>(&actions);
     if (names != nullptr && !names->empty() &&
         std::all_of(names->begin(), names->end(), isValidUtf8)) {
@@ -230,7 +321,7 @@ void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxD
   // A node built with the last unit of budget does not look at its children at all.
   AXValue childrenValue;
   if (depth < maxDepth && remaining >= 1 &&
-      desktop.copyAttributeValue(e, kChildren, childrenValue) == AXError::success) {
+      source.copy(kChildren, childrenValue) == AXError::success) {
     const std::vector<ElementRef>* children = elementList(childrenValue);
     if (children != nullptr && !children->empty()) {
       const std::size_t examined = std::min(children->size(), kChildrenPerNode);
@@ -239,7 +330,7 @@ void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxD
       std::size_t built = 0;
       for (std::size_t i = 0; i < examined && budget >= 1; ++i, ++built) {
         if (i != 0) out.push_back(',');
-        buildNode((*children)[i], depth + 1, maxDepth, budget, out);
+        buildNode(context, (*children)[i], depth + 1, maxDepth, budget, out, map);
       }
       if (built == 0) {
         out.resize(start);
@@ -254,9 +345,35 @@ void ConnectionHandler::buildNode(const ElementRef& element, int depth, int maxD
   out.push_back('}');
 }
 
+}  // namespace
+
+std::string describeAXResult(AXResult code) {
+  switch (code) {
+    case AXError::success:
+      return "success";
+    case AXError::invalidUIElement:
+      return "kAXErrorInvalidUIElement \u2014 stale element";
+    case AXError::cannotComplete:
+      return "kAXErrorCannotComplete \u2014 the app did not respond in time";
+    case AXError::attributeUnsupported:
+      return "attribute unsupported";
+    case AXError::actionUnsupported:
+      return "action unsupported";
+    case AXError::notImplemented:
+      return "the app does not implement this AX request";
+    case AXError::apiDisabled:
+      return "kAXErrorAPIDisabled \u2014 accessibility is disabled for this app";
+    case AXError::noValue:
+      return "no value";
+    default:
+      return "AXError " + std::to_string(code);
+  }
+}
+
 // ---- Operations ------------------------------------------------------------------------------
 
-Reply ConnectionHandler::opAXDump(const Json& request) {
+Reply opAXDump(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
 
   std::int32_t pid = 0;
@@ -274,14 +391,16 @@ Reply ConnectionHandler::opAXDump(const Json& request) {
       std::clamp(integerMember(request, "maxDepth").value_or(kDefaultDepth), kMinDepth, kMaxDepth);
 
   // Only now, with a target chosen, do the previous dump's refs go.
-  axRegistry.reset();
+  context.refs.reset();
 
   const ElementRef application = desktop.applicationElement(pid);
   if (application) desktop.setMessagingTimeout(*application, kMessagingTimeoutSeconds);
 
   std::int64_t budget = kNodeBudget;
   std::string tree;
-  buildNode(application, 0, static_cast<int>(depthLimit), budget, tree);
+  const ReadMap ahead =
+      readTreeAhead(desktop, application, static_cast<int>(depthLimit), kNodeBudget);
+  buildNode(context, application, 0, static_cast<int>(depthLimit), budget, tree, &ahead);
 
   Reply reply = Reply::success();
   reply.jsonMembers.emplace_back("tree", std::move(tree));
@@ -290,7 +409,8 @@ Reply ConnectionHandler::opAXDump(const Json& request) {
   return reply;
 }
 
-Reply ConnectionHandler::opAXElementAt(const Json& request) {
+Reply opAXElementAt(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
 
   // Integers only: unlike the pointer operations, a fractional point is refused.
@@ -303,21 +423,22 @@ Reply ConnectionHandler::opAXElementAt(const Json& request) {
                                                kMessagingTimeoutSeconds, found);
   if (code != AXError::success || !found) {
     return Reply::failure("no accessible element at (" + std::to_string(*x) + ", " +
-                          std::to_string(*y) + ") (" + describe(code) + ")");
+                          std::to_string(*y) + ") (" + describeAXResult(code) + ")");
   }
 
   // One node, no children; its ref joins those of the last dump.
   std::int64_t budget = 1;
   Reply reply = Reply::success();
   std::string node;
-  buildNode(found, 0, 0, budget, node);
+  buildNode(context, found, 0, 0, budget, node);
   reply.jsonMembers.emplace_back("node", std::move(node));
   return reply;
 }
 
-Reply ConnectionHandler::opAXAction(const Json& request) {
+Reply opAXAction(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
-  const ElementRef element = resolveRef(request);
+  const ElementRef element = resolveRef(context, request);
   if (!element) return staleRefReply(request);
 
   const std::string* asked = stringMember(request, "action");
@@ -337,13 +458,14 @@ Reply ConnectionHandler::opAXAction(const Json& request) {
     case AXError::invalidUIElement:
       return staleRefReply(request);
     default:
-      return Reply::failure(action + " failed (" + describe(code) + ")");
+      return Reply::failure(action + " failed (" + describeAXResult(code) + ")");
   }
 }
 
-Reply ConnectionHandler::opAXSetValue(const Json& request) {
+Reply opAXSetValue(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
-  const ElementRef element = resolveRef(request);
+  const ElementRef element = resolveRef(context, request);
   if (!element) return staleRefReply(request);
 
   const std::string* value = stringMember(request, "value");
@@ -359,18 +481,19 @@ Reply ConnectionHandler::opAXSetValue(const Json& request) {
   const AXResult code = desktop.setAttributeValue(*element, kValue, AXWritableValue(*value));
   if (code == AXError::success) return Reply::success();
   if (code == AXError::invalidUIElement) return staleRefReply(request);
-  return Reply::failure("setting AXValue failed (" + describe(code) + ")");
+  return Reply::failure("setting AXValue failed (" + describeAXResult(code) + ")");
 }
 
-Reply ConnectionHandler::opAXFocus(const Json& request) {
+Reply opAXFocus(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
-  const ElementRef element = resolveRef(request);
+  const ElementRef element = resolveRef(context, request);
   if (!element) return staleRefReply(request);
 
   const AXResult code = desktop.setAttributeValue(*element, kFocused, AXWritableValue(true));
   if (code == AXError::success) return Reply::success();
   if (code == AXError::invalidUIElement) return staleRefReply(request);
-  return Reply::failure("focusing failed (" + describe(code) + ")");
+  return Reply::failure("focusing failed (" + describeAXResult(code) + ")");
 }
 
 }  // namespace tervain

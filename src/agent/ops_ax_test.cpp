@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/connection_handler.h"
+#include "agent/ops_ax.h"
 #include "fake_desktop.h"
 
 namespace tervain {
@@ -743,25 +744,25 @@ TEST_F(AXActionTest, FocusFailures) {
 // ---- describe --------------------------------------------------------------------------------
 
 TEST(AXDescribeTest, EveryRowOfTheTable) {
-  EXPECT_EQ(ConnectionHandler::describe(0), "success");
-  EXPECT_EQ(ConnectionHandler::describe(-25202), "kAXErrorInvalidUIElement \u2014 stale element");
-  EXPECT_EQ(ConnectionHandler::describe(-25204),
+  EXPECT_EQ(describeAXResult(0), "success");
+  EXPECT_EQ(describeAXResult(-25202), "kAXErrorInvalidUIElement \u2014 stale element");
+  EXPECT_EQ(describeAXResult(-25204),
             "kAXErrorCannotComplete \u2014 the app did not respond in time");
-  EXPECT_EQ(ConnectionHandler::describe(-25205), "attribute unsupported");
-  EXPECT_EQ(ConnectionHandler::describe(-25206), "action unsupported");
-  EXPECT_EQ(ConnectionHandler::describe(-25208), "the app does not implement this AX request");
-  EXPECT_EQ(ConnectionHandler::describe(-25211),
+  EXPECT_EQ(describeAXResult(-25205), "attribute unsupported");
+  EXPECT_EQ(describeAXResult(-25206), "action unsupported");
+  EXPECT_EQ(describeAXResult(-25208), "the app does not implement this AX request");
+  EXPECT_EQ(describeAXResult(-25211),
             "kAXErrorAPIDisabled \u2014 accessibility is disabled for this app");
-  EXPECT_EQ(ConnectionHandler::describe(-25212), "no value");
+  EXPECT_EQ(describeAXResult(-25212), "no value");
 }
 
 TEST(AXDescribeTest, OtherCodesAreNumbered) {
-  EXPECT_EQ(ConnectionHandler::describe(-25200), "AXError -25200");
+  EXPECT_EQ(describeAXResult(-25200), "AXError -25200");
   for (const AXResult code : {-25201, -25203, -25207, -25209, -25210, -25213, -25214}) {
-    EXPECT_EQ(ConnectionHandler::describe(code), "AXError " + std::to_string(code));
+    EXPECT_EQ(describeAXResult(code), "AXError " + std::to_string(code));
   }
-  EXPECT_EQ(ConnectionHandler::describe(1), "AXError 1");
-  EXPECT_EQ(ConnectionHandler::describe(std::numeric_limits<AXResult>::min()),
+  EXPECT_EQ(describeAXResult(1), "AXError 1");
+  EXPECT_EQ(describeAXResult(std::numeric_limits<AXResult>::min()),
             "AXError -2147483648");
 }
 

@@ -1,7 +1,7 @@
 // "exec": hands the connection to an ExecSession for the rest of its life.
 #include <string>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_exec.h"
 #include "core/agent_wire.h"
 #include "core/exec_session.h"
 #include "core/posix/login_shell.h"
@@ -9,7 +9,7 @@
 
 namespace tervain {
 
-void ConnectionHandler::runExec(std::string_view requestLine) {
+bool runExec(OperationContext& context, std::string_view requestLine) {
   // Parsed before the pending bytes are taken: the line is a view into the line buffer.
   const std::optional<Json> request = parseRequestObject(requestLine);
   if (!request) {
@@ -22,12 +22,14 @@ void ConnectionHandler::runExec(std::string_view requestLine) {
     line += "\",\"";
     line += Wire::messageKey;
     line += "\":\"exec request did not parse\"}\n";
-    writeAll(line);
-    return;
+    writeAll(context.fd, line);
+    return false;
   }
-  ExecSession session(fd, lines.takePending(), std::string(ExecSession::defaultDulkPath),
+  ExecSession session(context.fd, context.lines.takePending(),
+                      std::string(ExecSession::defaultDulkPath),
                       ExecSession::defaultPipeGraceMillis, posix::shellWithoutAgentShell());
   session.run(*request);
+  return false;
 }
 
 }  // namespace tervain

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/connection_handler.h"
+#include "agent/ops_exec.h"
 #include "exec_test_support.h"
 #include "fake_desktop.h"
 
@@ -44,7 +45,7 @@ class RunExecTest : public ::testing::Test {
 
 TEST_F(RunExecTest, ARequestThatIsNotAnObjectGetsTheFixedLine) {
   for (const char* line : {"[1,2]", "not json", "\"exec\"", "{\"op\":\"exec\""}) {
-    handler->runExec(line);
+    runExec(handler->operations(), line);
     EXPECT_EQ(host->readLine(1s), R"({"t":"err","m":"exec request did not parse"})") << line;
   }
   ::close(handlerFD);  // run() was never called, so nothing else closes it

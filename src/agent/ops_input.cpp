@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_input.h"
 #include "core/key_map.h"
 #include "core/request_members.h"
 #include "core/utf16.h"
@@ -54,7 +54,8 @@ MouseButton selectButton(const Json& request) {
 
 }  // namespace
 
-Reply ConnectionHandler::opClick(const Json& request) {
+Reply opClick(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::optional<std::int64_t> x = intField(request, "x");
   const std::optional<std::int64_t> y = intField(request, "y");
@@ -78,7 +79,8 @@ Reply ConnectionHandler::opClick(const Json& request) {
   return Reply::success();
 }
 
-Reply ConnectionHandler::opMove(const Json& request) {
+Reply opMove(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::optional<std::int64_t> x = intField(request, "x");
   const std::optional<std::int64_t> y = intField(request, "y");
@@ -87,7 +89,8 @@ Reply ConnectionHandler::opMove(const Json& request) {
   return Reply::success();
 }
 
-Reply ConnectionHandler::opDrag(const Json& request) {
+Reply opDrag(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::optional<std::int64_t> toX = intField(request, "toX");
   const std::optional<std::int64_t> toY = intField(request, "toY");
@@ -118,7 +121,8 @@ Reply ConnectionHandler::opDrag(const Json& request) {
   return Reply::success();
 }
 
-Reply ConnectionHandler::opScroll(const Json& request) {
+Reply opScroll(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const auto clampLines = [](std::optional<std::int64_t> v) -> std::optional<std::int64_t> {
     if (!v) return std::nullopt;
@@ -137,7 +141,8 @@ Reply ConnectionHandler::opScroll(const Json& request) {
   return Reply::success();
 }
 
-Reply ConnectionHandler::opType(const Json& request) {
+Reply opType(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::string* text = stringMember(request, "text");
   if (text == nullptr || text->empty()) return Reply::failure("type requires non-empty \"text\"");
@@ -154,7 +159,8 @@ Reply ConnectionHandler::opType(const Json& request) {
   return Reply::success();
 }
 
-Reply ConnectionHandler::opKey(const Json& request) {
+Reply opKey(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::string* chord = stringMember(request, "chord");
   if (chord == nullptr || chord->empty()) {

@@ -1,14 +1,15 @@
 // Status operations ("ping", "cursor_position") and "launch_app".
 #include <memory>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_misc.h"
 #include "agent/result_box.h"
 #include "core/agent_wire.h"
 #include "core/request_members.h"
 
 namespace tervain {
 
-Reply ConnectionHandler::opPing() {
+Reply opPing(OperationContext& context, const Json&) {
+  Desktop& desktop = context.desktop;
   constexpr std::uint32_t kMaxDisplays = 8;
   Json displays = Json::array();
   for (const DisplayInfo& info : desktop.displays(kMaxDisplays)) {
@@ -35,7 +36,8 @@ Reply ConnectionHandler::opPing() {
   return reply;
 }
 
-Reply ConnectionHandler::opCursorPosition() {
+Reply opCursorPosition(OperationContext& context, const Json&) {
+  Desktop& desktop = context.desktop;
   static constexpr const char* kNoEvent = "could not read the cursor position (no event source)";
   const std::optional<Point> at = desktop.pointerLocation();
   if (!at) return Reply::failure(kNoEvent);
@@ -49,7 +51,8 @@ Reply ConnectionHandler::opCursorPosition() {
   return reply;
 }
 
-Reply ConnectionHandler::opLaunchApp(const Json& request) {
+Reply opLaunchApp(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   const std::string* name = stringMember(request, "name");
   if (name == nullptr || name->empty()) {
     return Reply::failure("launch_app requires a non-empty \"name\"");
@@ -60,7 +63,7 @@ Reply ConnectionHandler::opLaunchApp(const Json& request) {
   auto outcome = std::make_shared<ResultBox<LaunchResult>>();
   desktop.launchApplication(*name,
                             [outcome](LaunchResult result) { outcome->put(std::move(result)); });
-  const std::optional<LaunchResult> result = outcome->waitFor(context.launchTimeout);
+  const std::optional<LaunchResult> result = outcome->waitFor(context.agent.launchTimeout);
   if (!result) return Reply::success();
   switch (result->status) {
     case LaunchResult::Status::launched:

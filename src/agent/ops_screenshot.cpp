@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_screenshot.h"
 #include "agent/result_box.h"
 #include "core/request_members.h"
 
@@ -32,9 +32,8 @@ std::int64_t pixelsOf(double points, float scale) {
   return static_cast<std::int64_t>(product);
 }
 
-}  // namespace
-
-Reply ConnectionHandler::captureDisplay(Desktop& desktop, std::int64_t index) {
+// The capture itself, run on a worker thread: success or error reply.
+Reply captureDisplay(Desktop& desktop, std::int64_t index) {
   const ShareableContent content = desktop.copyShareableContent();
   if (content.error) return Reply::failure(kCaptureFailed + *content.error);
   if (content.displays.empty()) return Reply::failure("no shareable displays");
@@ -73,13 +72,16 @@ Reply ConnectionHandler::captureDisplay(Desktop& desktop, std::int64_t index) {
   return reply;
 }
 
-Reply ConnectionHandler::opScreenshot(const Json& request) {
+}  // namespace
+
+Reply opScreenshot(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
   if (!desktop.screenCaptureAccess()) return Reply::failure(kScreenRecordingNotGranted);
   const std::int64_t index = integerMember(request, "display").value_or(0);
 
   auto box = std::make_shared<ResultBox<Reply>>();
   Desktop& target = desktop;  // lives for the whole process
-  context.startWorker([box, &target, index] {
+  context.agent.startWorker([box, &target, index] {
     Reply reply;
     try {
       reply = captureDisplay(target, index);
@@ -91,7 +93,7 @@ Reply ConnectionHandler::opScreenshot(const Json& request) {
     box->put(std::move(reply));
   });
 
-  std::optional<Reply> reply = box->waitFor(context.screenshotTimeout);
+  std::optional<Reply> reply = box->waitFor(context.agent.screenshotTimeout);
   if (!reply) return Reply::failure("screenshot timed out");
   return std::move(*reply);
 }

@@ -3,14 +3,14 @@
 #include <cstdio>
 #include <string>
 
-#include "agent/connection_handler.h"
+#include "agent/ops_shell_drain.h"
 #include "core/agent_wire.h"
 #include "core/request_members.h"
 #include "core/shell_spool.h"
 
 namespace tervain {
 
-void ConnectionHandler::runShellEvents(std::string_view requestLine) {
+bool runShellEvents(OperationContext& context, std::string_view requestLine) {
   namespace Wire = AgentWire::ShellEvents;
   const Json request = parseRequestObject(requestLine).value_or(Json::object());
 
@@ -30,10 +30,11 @@ void ConnectionHandler::runShellEvents(std::string_view requestLine) {
   reply.base64Members.emplace_back(std::string(Wire::eventsKey), std::move(result.data));
 
   std::string bytes = serializeReply(reply);
-  if (bytes == kReplySerializationFailed) return;
+  if (bytes == kReplySerializationFailed) return true;
   bytes.push_back('\n');
-  if (!writeAll(bytes) || !truncate) return;
+  if (!writeAll(context.fd, bytes) || !truncate) return true;
   for (const std::string& path : drained) std::remove(path.c_str());
+  return true;
 }
 
 }  // namespace tervain

@@ -189,10 +189,12 @@ class Desktop {
   virtual AXResult copyAttributeValue(const Element& element, const std::string& attribute,
                                       AXValue& out) = 0;
   // The same attributes of several elements; an adapter may have all the reads in flight at
-  // once. out[i][j] is element i's attribute j. This base version reads one by one.
-  virtual void copyAttributeValues(const std::vector<ElementRef>& elements,
-                                   const std::vector<std::string>& attributes,
-                                   std::vector<std::vector<std::pair<AXResult, AXValue>>>& out);
+  // once. out[i][j] is element i's attribute j; when actionNames is given, (*actionNames)[i] is
+  // what copyActionNames answers for element i. This base version reads one by one.
+  virtual void copyAttributeValues(
+      const std::vector<ElementRef>& elements, const std::vector<std::string>& attributes,
+      std::vector<std::vector<std::pair<AXResult, AXValue>>>& out,
+      std::vector<std::pair<AXResult, AXValue>>* actionNames = nullptr);
   // The action names, converted like any array value.
   virtual AXResult copyActionNames(const Element& element, AXValue& out) = 0;
   virtual AXResult performAction(const Element& element, const std::string& action) = 0;

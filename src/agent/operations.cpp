@@ -1,0 +1,39 @@
+// Adding an operation: write its function in its family's file, declare it in the family's
+// header, and add one row here.
+#include "agent/operations.h"
+
+#include "agent/ops_ax.h"
+#include "agent/ops_exec.h"
+#include "agent/ops_input.h"
+#include "agent/ops_misc.h"
+#include "agent/ops_screenshot.h"
+#include "agent/ops_shell_drain.h"
+
+namespace tervain {
+namespace {
+
+constexpr Operation kOperations[] = {
+    {"exec", runExec},
+    {"shell-events", runShellEvents},
+    {"ping", opPing},
+    {"screenshot", opScreenshot},
+    {"ax_dump", opAXDump},
+    {"ax_element_at", opAXElementAt},
+    {"ax_action", opAXAction},
+    {"ax_set_value", opAXSetValue},
+    {"ax_focus", opAXFocus},
+    {"click", opClick},
+    {"move", opMove},
+    {"drag", opDrag},
+    {"type", opType},
+    {"key", opKey},
+    {"scroll", opScroll},
+    {"cursor_position", opCursorPosition},
+    {"launch_app", opLaunchApp},
+};
+
+}  // namespace
+
+std::span<const Operation> operationTable() { return kOperations; }
+
+}  // namespace tervain

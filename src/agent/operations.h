@@ -1,0 +1,14 @@
+// The table of operations: every op the agent answers, in the order requests are matched.
+#pragma once
+
+#include <span>
+
+#include "agent/operation.h"
+
+namespace tervain {
+
+// Built once, immutable: the streaming operations ("exec", "shell-events"), then the ordinary
+// ones in their fixed dispatch order.
+std::span<const Operation> operationTable();
+
+}  // namespace tervain

@@ -1,0 +1,19 @@
+// Accessibility operations: "ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus".
+#pragma once
+
+#include <string>
+
+#include "agent/operation.h"
+
+namespace tervain {
+
+Reply opAXDump(OperationContext& context, const Json& request);
+Reply opAXElementAt(OperationContext& context, const Json& request);
+Reply opAXAction(OperationContext& context, const Json& request);
+Reply opAXSetValue(OperationContext& context, const Json& request);
+Reply opAXFocus(OperationContext& context, const Json& request);
+
+// Operator-facing text for an accessibility result code.
+std::string describeAXResult(AXResult code);
+
+}  // namespace tervain
