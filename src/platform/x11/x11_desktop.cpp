@@ -20,8 +20,6 @@
 namespace tervain {
 namespace {
 
-class X11Element final : public Element {};
-
 // One monitor as the capture side lists it.
 class X11Display final : public ShareableDisplay {
  public:
@@ -83,7 +81,15 @@ std::u32string codePoints(const std::u16string& chunk) {
 }  // namespace
 
 X11Desktop::X11Desktop(std::string displayName)
-    : inputConnection(displayName), captureConnection(displayName) {}
+    : inputConnection(displayName), captureConnection(displayName) {
+  // AT-SPI knows every application's windows but not which lies on top at a point; the window
+  // manager's stacking list does.
+  accessibility.setWindowStack([this](double x, double y) {
+    return x11::pidsOfWindowsAt(inputConnection, static_cast<int>(x), static_cast<int>(y));
+  });
+}
+
+bool X11Desktop::accessibilityTrusted() { return accessibility.busReachable(); }
 
 bool X11Desktop::screenCaptureAccess() { return captureConnection.answers(); }
 
@@ -140,13 +146,58 @@ void X11Desktop::sleepMicros(std::uint32_t micros) {
   std::this_thread::sleep_for(std::chrono::microseconds(micros));
 }
 
-ElementRef X11Desktop::applicationElement(std::int32_t) { return std::make_shared<X11Element>(); }
-
-std::optional<std::int32_t> X11Desktop::frontmostApplicationPid() {
-  return x11::activeWindowPid(inputConnection);
+ElementRef X11Desktop::applicationElement(std::int32_t pid) {
+  return accessibility.applicationElement(pid);
 }
 
+AXResult X11Desktop::setMessagingTimeout(const Element& element, float seconds) {
+  return accessibility.setMessagingTimeout(element, seconds);
+}
+
+AXResult X11Desktop::copyAttributeValue(const Element& element, const std::string& attribute,
+                                        AXValue& out) {
+  return accessibility.copyAttributeValue(element, attribute, out);
+}
+
+void X11Desktop::copyAttributeValues(const std::vector<ElementRef>& elements,
+                                     const std::vector<std::string>& attributes,
+                                     std::vector<std::vector<std::pair<AXResult, AXValue>>>& out,
+                                     std::vector<std::pair<AXResult, AXValue>>* actionNames) {
+  accessibility.copyAttributeValues(elements, attributes, out, actionNames);
+}
+
+AXResult X11Desktop::copyActionNames(const Element& element, AXValue& out) {
+  return accessibility.copyActionNames(element, out);
+}
+
+AXResult X11Desktop::performAction(const Element& element, const std::string& action) {
+  return accessibility.performAction(element, action);
+}
+
+AXResult X11Desktop::isAttributeSettable(const Element& element, const std::string& attribute,
+                                         bool& settable) {
+  return accessibility.isAttributeSettable(element, attribute, settable);
+}
+
+AXResult X11Desktop::setAttributeValue(const Element& element, const std::string& attribute,
+                                       const AXWritableValue& value) {
+  return accessibility.setAttributeValue(element, attribute, value);
+}
+
+AXResult X11Desktop::elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) {
+  return accessibility.elementAtPoint(x, y, timeoutSeconds, out);
+}
+
+// The window manager's active window, else the application of AT-SPI's active frame.
+std::optional<std::int32_t> X11Desktop::frontmostApplicationPid() {
+  if (const auto pid = x11::activeWindowPid(inputConnection)) return pid;
+  return accessibility.frontmostApplicationPid();
+}
+
+// The application's name on the accessibility bus ("gtk3-widget-factory"), else the process's
+// own name, which the kernel cuts at 15 bytes.
 std::optional<std::string> X11Desktop::runningApplicationName(std::int32_t pid) {
+  if (auto name = accessibility.runningApplicationName(pid)) return name;
   std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
   std::string name;
   if (!comm || !std::getline(comm, name) || name.empty()) return std::nullopt;

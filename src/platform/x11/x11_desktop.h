@@ -4,12 +4,14 @@
 // points to root window pixels (one point is one pixel on X11, and the global origin is the
 // root window's), UTF-16 chunks to code points.
 //
-// Accessibility is not here yet: its methods answer as on a headless machine (not trusted, API
-// disabled) until the AT-SPI adapter takes them over.
+// Accessibility goes to the AT-SPI adapter (src/platform/atspi/), which speaks to applications
+// over the session's accessibility bus; the X server adds what AT-SPI does not know: which
+// window is on top at a point, and which one is active.
 #pragma once
 
 #include <string>
 
+#include "platform/atspi/atspi_accessibility.h"
 #include "platform/desktop.h"
 #include "platform/x11/app_launch.h"
 #include "platform/x11/x11_capture.h"
@@ -25,8 +27,8 @@ class X11Desktop : public Desktop {
 
   std::string_view kind() const override { return "x11"; }
 
-  // The AT-SPI adapter answers this once it exists.
-  bool accessibilityTrusted() override { return false; }
+  // "Accessibility" on X11: the session's accessibility bus answers.
+  bool accessibilityTrusted() override;
   bool screenCaptureAccess() override;
   bool postEventAccess() override;
 
@@ -43,25 +45,22 @@ class X11Desktop : public Desktop {
   bool typeText(const std::u16string& chunk) override;
   void sleepMicros(std::uint32_t micros) override;
 
-  // ---- Accessibility: answered as a machine without it, until the AT-SPI adapter. ----
+  // ---- Accessibility, through AT-SPI --------------------------------------------------------
   ElementRef applicationElement(std::int32_t pid) override;
-  AXResult setMessagingTimeout(const Element&, float) override { return AXError::apiDisabled; }
-  AXResult copyAttributeValue(const Element&, const std::string&, AXValue&) override {
-    return AXError::apiDisabled;
-  }
-  AXResult copyActionNames(const Element&, AXValue&) override { return AXError::apiDisabled; }
-  AXResult performAction(const Element&, const std::string&) override {
-    return AXError::apiDisabled;
-  }
-  AXResult isAttributeSettable(const Element&, const std::string&, bool&) override {
-    return AXError::apiDisabled;
-  }
-  AXResult setAttributeValue(const Element&, const std::string&, const AXWritableValue&) override {
-    return AXError::apiDisabled;
-  }
-  AXResult elementAtPoint(float, float, float, ElementRef&) override {
-    return AXError::apiDisabled;
-  }
+  AXResult setMessagingTimeout(const Element& element, float seconds) override;
+  AXResult copyAttributeValue(const Element& element, const std::string& attribute,
+                              AXValue& out) override;
+  void copyAttributeValues(const std::vector<ElementRef>& elements,
+                           const std::vector<std::string>& attributes,
+                           std::vector<std::vector<std::pair<AXResult, AXValue>>>& out,
+                           std::vector<std::pair<AXResult, AXValue>>* actionNames) override;
+  AXResult copyActionNames(const Element& element, AXValue& out) override;
+  AXResult performAction(const Element& element, const std::string& action) override;
+  AXResult isAttributeSettable(const Element& element, const std::string& attribute,
+                               bool& settable) override;
+  AXResult setAttributeValue(const Element& element, const std::string& attribute,
+                             const AXWritableValue& value) override;
+  AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) override;
 
   std::optional<std::int32_t> frontmostApplicationPid() override;
   std::optional<std::string> runningApplicationName(std::int32_t pid) override;
@@ -81,6 +80,7 @@ class X11Desktop : public Desktop {
   x11::Input input{inputConnection};
   x11::Capture capture{captureConnection};
   x11::LaunchEnvironment launchEnvironment = x11::LaunchEnvironment::current();
+  atspi::AtspiAccessibility accessibility;
 };
 
 }  // namespace tervain

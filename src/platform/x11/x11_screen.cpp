@@ -1,5 +1,7 @@
 #include "platform/x11/x11_screen.h"
 
+#include <algorithm>
+
 #include <X11/Xatom.h>
 #include <X11/extensions/Xrandr.h>
 
@@ -78,6 +80,50 @@ std::optional<std::int32_t> activeWindowPid(Connection& connection) {
     return true;
   });
   return pid;
+}
+
+std::vector<std::int32_t> pidsOfWindowsAt(Connection& connection, int x, int y) {
+  std::vector<std::int32_t> pids;
+  connection.run([&](Display* display) {
+    const Window root = DefaultRootWindow(display);
+    Atom actualType = 0;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char* data = nullptr;
+    const Atom list = XInternAtom(display, "_NET_CLIENT_LIST_STACKING", False);
+    constexpr long kMaxWindows = 4096;
+    if (XGetWindowProperty(display, root, list, 0, kMaxWindows, False, XA_WINDOW, &actualType,
+                           &format, &count, &after, &data) != Success ||
+        data == nullptr || format != 32) {
+      if (data != nullptr) XFree(data);
+      return true;
+    }
+    // Bottom to top in the list: walk it backwards for topmost first.
+    const auto* windows = reinterpret_cast<const unsigned long*>(data);
+    for (unsigned long i = count; i-- > 0;) {
+      const Window window = windows[i];
+      XWindowAttributes attributes{};
+      if (XGetWindowAttributes(display, window, &attributes) == 0 ||
+          attributes.map_state != IsViewable) {
+        continue;
+      }
+      int left = 0, top = 0;
+      Window child = 0;
+      if (XTranslateCoordinates(display, window, root, 0, 0, &left, &top, &child) == False) {
+        continue;
+      }
+      if (x < left || y < top || x >= left + attributes.width || y >= top + attributes.height) {
+        continue;
+      }
+      const auto pid = cardinalProperty(display, window, "_NET_WM_PID", XA_CARDINAL);
+      if (!pid) continue;
+      const auto value = static_cast<std::int32_t>(*pid);
+      if (std::find(pids.begin(), pids.end(), value) == pids.end()) pids.push_back(value);
+    }
+    XFree(data);
+    return true;
+  });
+  return pids;
 }
 
 }  // namespace tervain::x11

@@ -34,4 +34,9 @@ std::optional<PointerPosition> pointer(Connection& connection);
 // nothing when there is none or it does not say.
 std::optional<std::int32_t> activeWindowPid(Connection& connection);
 
+// The process ids of the window manager's client windows (_NET_CLIENT_LIST_STACKING) that contain
+// the root window point, topmost first; a pid appears once. Empty when the display does not
+// answer or the window manager keeps no such list.
+std::vector<std::int32_t> pidsOfWindowsAt(Connection& connection, int x, int y);
+
 }  // namespace tervain::x11
