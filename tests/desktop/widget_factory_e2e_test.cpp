@@ -184,6 +184,111 @@ TEST_F(WidgetFactory, DraggingTheSliderMovesItAndScrollingMovesTheText) {
   EXPECT_LT(difference(top, back), difference(top, down) / 3) << "scrolling up did not come back";
 }
 
+// Nodes of a dump, depth first, children dropped.
+void flatten(const Json& node, std::vector<Json>& out) {
+  Json copy = node;
+  copy.erase("children");
+  out.push_back(copy);
+  if (node.contains("children")) {
+    for (const Json& child : node["children"]) flatten(child, out);
+  }
+}
+
+// The nodes of a fresh dump of the factory that satisfy a predicate.
+template <typename Predicate>
+std::vector<Json> nodesWhere(const Json& dump, Predicate wanted) {
+  std::vector<Json> all, found;
+  if (dump.contains("tree")) flatten(dump["tree"], all);
+  for (const Json& node : all) {
+    if (wanted(node)) found.push_back(node);
+  }
+  return found;
+}
+
+bool titled(const Json& node, const char* role, const char* title) {
+  return node.value("role", "") == role && node.value("title", "") == title;
+}
+
+// What a host written for a macOS guest does, unchanged: dump, find by AXRole and AXTitle, press,
+// set AXValue, focus, hit test, all in the macOS vocabulary.
+TEST_F(WidgetFactory, AccessibilityInTheMacVocabularyOverTheWire) {
+  EXPECT_EQ(op("ping")["readiness"]["accessibility"], true);
+  const Json pid = {{"pid", window->pid}, {"maxDepth", 25}};
+  Json dump = op("ax_dump", pid);
+  ASSERT_EQ(dump["ok"], true) << dump.dump().substr(0, 400);
+  EXPECT_EQ(dump["app"], "gtk3-widget-factory");
+  EXPECT_EQ(dump["tree"]["role"], "AXApplication");
+
+  const auto page = [&dump](const char* title) {
+    const auto found = nodesWhere(dump, [title](const Json& n) {
+      return titled(n, "AXRadioButton", title);
+    });
+    return found.empty() ? Json() : found.front();
+  };
+  for (const char* title : {"Page 1", "Page 2", "Page 3"}) {
+    EXPECT_FALSE(page(title).is_null()) << title;
+  }
+  EXPECT_EQ(page("Page 1")["value"], "1");
+  EXPECT_EQ(page("Page 2")["value"], "0");
+  EXPECT_GE(nodesWhere(dump, [](const Json& n) { return titled(n, "AXCheckBox", "checkbutton"); })
+                .size(),
+            2u);
+  EXPECT_FALSE(nodesWhere(dump, [](const Json& n) {
+                 return n.value("role", "") == "AXIncrementor" &&
+                        n.value("value", "").starts_with("50");
+               }).empty());
+
+  // The centre of a node's frame hits that node.
+  const Json frame = page("Page 3")["frame"];
+  ASSERT_TRUE(frame.is_object()) << page("Page 3").dump();
+  const Json hit = op("ax_element_at", {{"x", frame["x"].get<int>() + frame["w"].get<int>() / 2},
+                                        {"y", frame["y"].get<int>() + frame["h"].get<int>() / 2}});
+  ASSERT_EQ(hit["ok"], true) << hit.dump();
+  EXPECT_TRUE(titled(hit["node"], "AXRadioButton", "Page 3")) << hit.dump();
+
+  // AXPress on "Page 2" switches the page; the next dump shows it, and the old refs are stale.
+  const std::string oldRef = page("Page 2")["ref"];
+  ASSERT_EQ(op("ax_action", {{"ref", oldRef}, {"action", "AXPress"}})["ok"], true);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  dump = op("ax_dump", pid);
+  EXPECT_EQ(page("Page 2")["value"], "1") << "pressing Page 2 did not select it";
+  EXPECT_EQ(page("Page 1")["value"], "0");
+  const Json stale = op("ax_action", {{"ref", oldRef}});
+  EXPECT_EQ(stale["ok"], false);
+  EXPECT_NE(stale.value("error", "").find("is unknown or stale"), std::string::npos)
+      << stale.dump();
+  ASSERT_EQ(op("ax_action", {{"ref", page("Page 1")["ref"]}})["ok"], true);  // back to page 1
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+
+  // Set a text field's value and focus it; the next dump reads both back.
+  dump = op("ax_dump", pid);
+  const auto fields = nodesWhere(dump, [](const Json& n) {
+    return n.value("role", "") == "AXTextField" && n.value("enabled", true) &&
+           n.value("value", "") == "";
+  });
+  ASSERT_FALSE(fields.empty());
+  const std::string ref = fields.front()["ref"];
+  const std::string frameText = fields.front()["frame"].dump();
+  EXPECT_EQ(op("ax_set_value", {{"ref", ref}, {"value", "Grüße 日本"}}), Json({{"ok", true}}));
+  EXPECT_EQ(op("ax_focus", {{"ref", ref}}), Json({{"ok", true}}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  dump = op("ax_dump", pid);
+  const auto again = nodesWhere(dump, [&frameText](const Json& n) {
+    return n.value("role", "") == "AXTextField" && n.contains("frame") &&
+           n["frame"].dump() == frameText;
+  });
+  ASSERT_EQ(again.size(), 1u);
+  EXPECT_EQ(again.front()["value"], "Grüße 日本");
+  EXPECT_EQ(again.front().value("focused", false), true);
+  EXPECT_EQ(op("ax_set_value", {{"ref", again.front()["ref"]}, {"value", ""}}),
+            Json({{"ok", true}}));
+
+  // A pid with no application: a root and nothing under it, never a hang or a crash.
+  const Json nobody = op("ax_dump", {{"pid", 999999}});
+  ASSERT_EQ(nobody["ok"], true) << nobody.dump();
+  EXPECT_FALSE(nobody["tree"].contains("children")) << nobody.dump();
+}
+
 TEST_F(WidgetFactory, TypedUnicodeTextComesBackThroughTheClipboard) {
   // The first enabled, empty entry: 356 x 34 at (15, 149).
   ASSERT_EQ(op("click", at(193, 166)), Json({{"ok", true}}));
