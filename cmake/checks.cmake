@@ -1,5 +1,6 @@
-# Checks of the files that no compiler here builds: the macOS adapter (parsed against the
-# project's own Apple declarations), the packaging property lists and the shell scripts.
+# Checks of what no compiler here checks: the macOS adapter (parsed against the project's own
+# Apple declarations), the packaging property lists, the shell scripts and the wire library's
+# includes.
 # Included from the test section of the top-level CMakeLists.txt.
 
 get_filename_component(TERVAIN_ROOT ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
@@ -26,11 +27,15 @@ if(TERVAIN_PYTHON3)
                    ${TERVAIN_ROOT})
 endif()
 
+# The wire library includes nothing of the agent's process, spool or desktop code.
+add_test(NAME wire_library_includes
+         COMMAND bash ${TERVAIN_ROOT}/tests/check_wire_includes.sh ${TERVAIN_ROOT})
+
 # Every shell script of the project, found when the test runs so a new one is never skipped.
 find_program(TERVAIN_SHELLCHECK NAMES shellcheck)
 if(TERVAIN_SHELLCHECK)
   add_test(NAME shell_scripts_shellcheck
-           COMMAND bash -c "shopt -s nullglob; exec \"$0\" --external-sources scripts/* .ci/* packaging/macos/*.sh tests/macos_sdk/*.sh"
+           COMMAND bash -c "shopt -s nullglob; exec \"$0\" --external-sources scripts/* .ci/* packaging/macos/*.sh tests/macos_sdk/*.sh tests/*.sh"
                    ${TERVAIN_SHELLCHECK}
            WORKING_DIRECTORY ${TERVAIN_ROOT})
 else()

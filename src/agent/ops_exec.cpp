@@ -5,6 +5,7 @@
 #include "core/agent_wire.h"
 #include "core/exec_session.h"
 #include "core/request_members.h"
+#include "core/socket_io.h"
 
 namespace tervain {
 

@@ -27,6 +27,7 @@
 #include "core/posix/spawn_platform.h"
 #include "core/request_members.h"
 #include "core/shell_spool.h"
+#include "core/socket_io.h"
 #include "vsock/tervain_vsock.h"
 
 extern "C" {
@@ -431,13 +432,7 @@ void ExecSession::sendError(const std::string& message) {
 
 void ExecSession::writeFrameBytes(const char* bytes, std::size_t size) {
   // A failed write drops the rest of the frame; the socket read notices a host that is gone.
-  while (size > 0) {
-    const long n = tervain_write(fd, bytes, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    bytes += n;
-    size -= static_cast<std::size_t>(n);
-  }
+  writeAll(fd, std::string_view(bytes, size));
 }
 
 }  // namespace tervain
