@@ -267,16 +267,6 @@ TEST_F(TervainctlTest, NothingListeningExits255) {
   }
 }
 
-TEST_F(TervainctlTest, EverySubcommandHasHelp) {
-  for (const char* sub : {"ping", "call", "exec", "cp", "screenshot", "tree", "at", "press", "set",
-                          "focus", "click", "move", "drag", "scroll", "type", "key", "cursor",
-                          "launch", "events"}) {
-    const CtlResult r = run({sub, "--help"});
-    EXPECT_EQ(r.status, 0) << sub;
-    EXPECT_NE(r.out.find(std::string("Usage: ")), std::string::npos) << sub << ": " << r.out;
-  }
-}
-
 // ---- exec ----------------------------------------------------------------------------------
 
 TEST_F(TervainctlTest, ExecExitStatusIsTheCommands) {
