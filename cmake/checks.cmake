@@ -1,5 +1,6 @@
-# Checks of the files that no compiler here builds: the macOS adapter (parsed against the
-# project's own Apple declarations), the packaging property lists and the shell scripts.
+# Checks of what no compiler here checks: the macOS adapter (parsed against the project's own
+# Apple declarations), the packaging property lists, the shell scripts and the wire library's
+# includes.
 # Included from the test section of the top-level CMakeLists.txt.
 
 get_filename_component(TERVAIN_ROOT ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
@@ -44,6 +45,10 @@ if(TERVAIN_PYTHON3 AND NOT TERVAIN_SANITIZE)
   add_test(NAME ansible_lint COMMAND bash ${TERVAIN_ROOT}/contrib/ansible/tests/lint.sh)
   set_tests_properties(ansible_playbook ansible_lint PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 900)
 endif()
+
+# The wire library includes nothing of the agent's process, spool or desktop code.
+add_test(NAME wire_library_includes
+         COMMAND bash ${TERVAIN_ROOT}/tests/check_wire_includes.sh ${TERVAIN_ROOT})
 
 # Every shell script of the project, found when the test runs so a new one is never skipped.
 find_program(TERVAIN_SHELLCHECK NAMES shellcheck)

@@ -14,16 +14,12 @@ install(FILES ${TERVAIN_ROOT}/src/core/json.h ${TERVAIN_ROOT}/src/core/line_spli
         DESTINATION ${TERVAIN_INCLUDE_DIR}/core)
 
 # The source folder is an include directory for builds here only.
-foreach(target tervain_agent tervain_client)
+# The client links the wire library only, so the two of them are all another project gets.
+foreach(target tervain_wire tervain_client)
   set_target_properties(${target} PROPERTIES INTERFACE_INCLUDE_DIRECTORIES
                         "$<BUILD_INTERFACE:${TERVAIN_ROOT}/src>")
 endforeach()
-set(TERVAIN_EXPORTED tervain_client tervain_agent)
-set(TERVAIN_UTF8PROC_FROM_PKGCONFIG ON)
-if(TARGET tervain_utf8proc)
-  list(APPEND TERVAIN_EXPORTED tervain_utf8proc)
-  set(TERVAIN_UTF8PROC_FROM_PKGCONFIG OFF)
-endif()
+set(TERVAIN_EXPORTED tervain_client tervain_wire)
 install(TARGETS ${TERVAIN_EXPORTED} EXPORT TervainTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${TERVAIN_INCLUDE_DIR})

@@ -76,14 +76,10 @@ TEST(AgentE2ETest, MalformedLinesKeepTheConnection) {
   EXPECT_EQ(Json::parse(client.readLine().value_or("{}")).value("ok", false), true);
 }
 
-TEST(AgentE2ETest, MoreThanFourMebibytesWithoutALineFeedClosesTheConnection) {
+TEST(AgentE2ETest, OneByteOverFourMebibytesWithoutALineFeedClosesTheConnection) {
   AgentProcess agent;
   LineClient client = agent.connect();
-  const std::string chunk(64 * 1024, 'a');
-  // Keep writing until the agent stops reading; it must give up after 4 MiB and a read.
-  for (int i = 0; i < 80; ++i) {
-    if (!client.send(chunk)) break;
-  }
+  client.send(std::string(4 * 1024 * 1024 + 1, 'a'));
   EXPECT_TRUE(client.closedByPeer());
   EXPECT_TRUE(agent.waitForLog("host disconnected"));
 }

@@ -12,7 +12,7 @@
 #include "agent/operations.h"
 #include "core/agent_wire.h"
 #include "core/request_members.h"
-#include "vsock/tervain_vsock.h"
+#include "core/socket_io.h"
 
 namespace tervain {
 namespace {
@@ -34,18 +34,6 @@ std::optional<std::string> requestOp(const Json& request) {
   const std::string* op = stringMember(request, "op");
   if (op == nullptr) return std::nullopt;
   return *op;
-}
-
-bool writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const long n = tervain_write(fd, bytes.data(), bytes.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return true;
 }
 
 ConnectionHandler::ConnectionHandler(int fd, AgentContext& agent) : context(fd, agent, lines) {}

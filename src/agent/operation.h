@@ -41,8 +41,4 @@ struct Operation {
   std::variant<ReplyOperation, StreamingOperation> function;  // its kind: reply or streaming
 };
 
-// Writes every byte to the socket, retrying interrupted writes; false when the connection
-// failed.
-bool writeAll(int fd, std::string_view bytes);
-
 }  // namespace tervain

@@ -6,6 +6,7 @@
 #include "core/exec_session.h"
 #include "core/posix/login_shell.h"
 #include "core/request_members.h"
+#include "core/socket_io.h"
 
 namespace tervain {
 

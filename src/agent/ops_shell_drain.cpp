@@ -7,6 +7,7 @@
 #include "core/agent_wire.h"
 #include "core/request_members.h"
 #include "core/shell_spool.h"
+#include "core/socket_io.h"
 
 namespace tervain {
 

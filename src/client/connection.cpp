@@ -4,7 +4,7 @@
 #include <cstring>
 #include <utility>
 
-#include "client/socket_io.h"
+#include "core/socket_io.h"
 #include "client/tervain_client.h"
 #include "core/agent_wire.h"
 #include "core/base64.h"

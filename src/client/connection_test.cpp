@@ -3,20 +3,17 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "agent_process.h"
 #include "client/tervain_client.h"
-#include "core/exec_session.h"
 
 namespace tervain::client {
 namespace {
 
 using testing::AgentProcess;
-using testing::TempDir;
 using namespace std::chrono_literals;
 
 AgentProcess::Options zshAgent() {
@@ -81,23 +78,6 @@ TEST(ConnectionTest, TheAgentsErrorTextIsPassedOnVerbatim) {
   EXPECT_EQ(typed.error, typed.reply["error"].get<std::string>());
 }
 
-TEST(ConnectionTest, ShellEventsAreDecodedAndTruncatedOnRequest) {
-  AgentProcess agent;
-  TempDir spool;
-  std::ofstream(spool.file("1.jsonl")) << "{\"a\":1}\n";
-  std::ofstream(spool.file("2.jsonl")) << "{\"b\":/}\n";
-  Connection connection = Connection::open(addressOf(agent));
-  const auto kept = connection.shellEvents({.dir = spool.path()});
-  ASSERT_TRUE(kept.ok);
-  EXPECT_EQ(kept.value.events, "{\"a\":1}\n{\"b\":/}\n");
-  EXPECT_EQ(kept.value.files, 2);
-  EXPECT_EQ(kept.value.bytes, 16);
-  EXPECT_FALSE(kept.value.truncated);
-  const auto taken = connection.shellEvents({.dir = spool.path(), .truncate = true});
-  EXPECT_EQ(taken.value.files, 2);
-  EXPECT_EQ(connection.shellEvents({.dir = spool.path()}).value.files, 0);
-}
-
 TEST(ConnectionTest, AClosedConnectionOrANonObjectReplyThrows) {
   {
     ScriptedPeer peer;
@@ -129,19 +109,6 @@ TEST(ConnectionTest, TheReplyTimeoutBoundsTheWait) {
   }
 }
 
-TEST(ExecStreamTest, OutputStreamsToTheReceiversAndTheCodeComesBack) {
-  AgentProcess agent(zshAgent());
-  ExecStream stream = ExecStream::start(addressOf(agent), "echo out; echo err >&2; exit 7");
-  stream.closeStdin();
-  std::string out;
-  std::string err;
-  const ExecOutcome end = stream.wait({.stdoutData = [&](std::string_view b) { out.append(b); },
-                                       .stderrData = [&](std::string_view b) { err.append(b); }});
-  EXPECT_EQ(end.code, 7);
-  EXPECT_EQ(out, "out\n");
-  EXPECT_EQ(err, "err\n");
-}
-
 TEST(ExecStreamTest, StdinFromAnotherThreadWhileOutputIsRead) {
   AgentProcess agent(zshAgent());
   std::string input;
@@ -150,17 +117,6 @@ TEST(ExecStreamTest, StdinFromAnotherThreadWhileOutputIsRead) {
   EXPECT_EQ(run.outcome.code, 0);
   EXPECT_EQ(run.out.size(), input.size());
   EXPECT_TRUE(run.out == input);
-}
-
-TEST(ExecStreamTest, SignalsReachTheCommand) {
-  AgentProcess agent(zshAgent());
-  ExecStream stream = ExecStream::start(addressOf(agent), "echo ready; exec sleep 30");
-  bool signalled = false;
-  const ExecOutcome end = stream.wait({.stdoutData = [&](std::string_view) {
-    if (!signalled) signalled = stream.sendSignal(15);
-  }});
-  EXPECT_TRUE(signalled);
-  EXPECT_EQ(end.code, 143);
 }
 
 TEST(ExecStreamTest, AbortEndsTheWaitAndTheCommand) {

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "client/exec_frame.h"
-#include "client/socket_io.h"
+#include "core/socket_io.h"
 #include "client/tervain_client.h"
 #include "core/agent_wire.h"
 #include "core/base64.h"

@@ -62,32 +62,11 @@ TEST(NumberTextTest, NonFiniteReals) {
   EXPECT_EQ(numberText(-std::numeric_limits<double>::infinity()), "-inf");
 }
 
-TEST(GraphemeTest, CountsUserPerceivedCharacters) {
-  EXPECT_EQ(countGraphemes("", 10), 0u);
-  EXPECT_EQ(countGraphemes("abc", 10), 3u);
-  EXPECT_EQ(countGraphemes("e\u0301", 10), 1u);                     // e + combining acute
-  EXPECT_EQ(countGraphemes("\U0001F1EB\U0001F1F7", 10), 1u);        // a flag: two indicators
-  EXPECT_EQ(countGraphemes(repeat("\U0001F1EB\U0001F1F7", 3), 10), 3u);
-  EXPECT_EQ(countGraphemes("\U0001F469\u200D\U0001F4BB", 10), 1u);  // ZWJ sequence
-  EXPECT_EQ(countGraphemes("\r\n", 10), 1u);
+// Segmentation itself is the library's; these are the cut's own rules (the length rules are
+// checked through ax_dump's values).
+TEST(GraphemeTest, CountStopsAtTheLimitAndAStrayByteStandsAlone) {
   EXPECT_EQ(countGraphemes("abcdef", 4), 4u);
-  EXPECT_EQ(countGraphemes("a\xff" "b", 10), 3u);  // a stray byte stands alone
-}
-
-TEST(GraphemeTest, TextOf250CharactersIsKeptWhole) {
-  const std::string text(250, 'x');
-  EXPECT_EQ(truncateGraphemes(text, 250), text);
-  // Many bytes, still 250 characters.
-  const std::string accented = repeat("e\u0301", 250);
-  EXPECT_EQ(truncateGraphemes(accented, 250), accented);
-}
-
-TEST(GraphemeTest, LongerTextKeeps250AndGetsAnEllipsis) {
-  const std::string text(300, 'x');
-  const std::string cut = truncateGraphemes(text, 250);
-  EXPECT_EQ(cut, std::string(250, 'x') + kEllipsis);
-  EXPECT_EQ(countGraphemes(cut, 1000), 251u);
-  EXPECT_EQ(truncateGraphemes(std::string(251, 'x'), 250), std::string(250, 'x') + kEllipsis);
+  EXPECT_EQ(countGraphemes("a\xff" "b", 10), 3u);
 }
 
 TEST(GraphemeTest, CombiningSequenceAtTheCutStaysWhole) {

@@ -35,6 +35,7 @@
 #include "core/posix/spawn_platform.h"
 #include "core/request_members.h"
 #include "core/shell_spool.h"
+#include "core/socket_io.h"
 #include "vsock/tervain_vsock.h"
 
 extern "C" {

@@ -1,4 +1,4 @@
-#include "client/socket_io.h"
+#include "core/socket_io.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 
 #include "vsock/tervain_vsock.h"
 
-namespace tervain::client {
+namespace tervain {
 
 bool writeAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -49,4 +49,4 @@ ReadResult readSome(int fd, char* buffer, std::size_t size, std::chrono::millise
   }
 }
 
-}  // namespace tervain::client
+}  // namespace tervain

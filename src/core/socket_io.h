@@ -1,11 +1,11 @@
-// Blocking socket reads and writes shared by the client's connections.
+// Blocking socket reads and writes, shared by the agent and the client.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
 #include <string_view>
 
-namespace tervain::client {
+namespace tervain {
 
 // Writes every byte (never raising SIGPIPE); false when the peer is gone or the write fails.
 bool writeAll(int fd, std::string_view bytes);
@@ -21,4 +21,4 @@ struct ReadResult {
 // One read of at most size bytes, retried on EINTR. A zero timeout waits for ever.
 ReadResult readSome(int fd, char* buffer, std::size_t size, std::chrono::milliseconds timeout);
 
-}  // namespace tervain::client
+}  // namespace tervain
