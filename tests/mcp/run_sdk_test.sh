@@ -20,4 +20,4 @@ if ! cmp -s "$source_dir/package-lock.json" "$work/node_modules/.tervain-lock" 2
   cp "$source_dir/package-lock.json" "$work/node_modules/.tervain-lock"
 fi
 cd "$work"
-TERVAIN_AGENT="$agent" TERVAIN_CTL="$ctl" exec node --test --test-reporter=spec sdk_client.test.mjs
+TERVAIN_AGENT="$agent" TERVAIN_CTL="$ctl" exec node --test --test-reporter=tap sdk_client.test.mjs

@@ -195,7 +195,7 @@ class Server {
         out(options.output),
         agent(options.address, options.replyTimeout),
         pool(options.workers) {
-    for (const ToolSpec& spec : toolTable()) schemas.push_back(Json::parse(spec.inputSchema));
+    for (const ToolSpec& definition : toolTable()) schemas.push_back(Json::parse(definition.inputSchema));
   }
 
   int run() {
@@ -366,7 +366,7 @@ class Server {
         return;
       }
       Json tools = Json::array();
-      for (const ToolSpec* spec : availableTools()) tools.push_back(describeTool(*spec));
+      for (const ToolSpec* definition : availableTools()) tools.push_back(describeTool(*definition));
       responder->deliver(resultResponse(id, {{"tools", std::move(tools)}}));
       return;
     }
@@ -402,12 +402,12 @@ class Server {
   std::vector<const ToolSpec*> availableTools() {
     std::vector<const ToolSpec*> tools;
     std::optional<std::vector<std::string>> features;
-    for (const ToolSpec& spec : toolTable()) {
-      if (spec.feature != nullptr) {
+    for (const ToolSpec& definition : toolTable()) {
+      if (definition.feature != nullptr) {
         if (!features) features = agent.features();
-        if (std::find(features->begin(), features->end(), spec.feature) == features->end()) continue;
+        if (std::find(features->begin(), features->end(), definition.feature) == features->end()) continue;
       }
-      tools.push_back(&spec);
+      tools.push_back(&definition);
     }
     return tools;
   }
@@ -418,19 +418,19 @@ class Server {
       responder->deliver(errorResponse(id, kInvalidParams, "tools/call needs params.name (a string)"));
       return;
     }
-    const ToolSpec* spec = nullptr;
+    const ToolSpec* definition = nullptr;
     for (const ToolSpec* candidate : availableTools()) {
-      if (*name == candidate->name) spec = candidate;
+      if (*name == candidate->name) definition = candidate;
     }
-    if (spec == nullptr) {
+    if (definition == nullptr) {
       responder->deliver(errorResponse(id, kInvalidParams, "unknown tool '" + name->get<std::string>() + "'"));
       return;
     }
     Json arguments = params.value("arguments", Json::object());
-    const Json& schema = schemas[static_cast<std::size_t>(spec - toolTable().data())];
+    const Json& schema = schemas[static_cast<std::size_t>(definition - toolTable().data())];
     if (std::string problem = checkArguments(schema, arguments); !problem.empty()) {
       responder->deliver(errorResponse(id, kInvalidParams,
-                                       std::string("invalid arguments for ") + spec->name + ": " + problem));
+                                       std::string("invalid arguments for ") + definition->name + ": " + problem));
       return;
     }
     auto control = std::make_shared<CallControl>();
@@ -442,11 +442,11 @@ class Server {
         return;
       }
     }
-    pool.post([this, id, spec, arguments = std::move(arguments), control, key, responder] {
+    pool.post([this, id, definition, arguments = std::move(arguments), control, key, responder] {
       ToolContext context{agent, *control};
       ToolResult result;
       try {
-        result = runTool(context, *spec, arguments);
+        result = runTool(context, *definition, arguments);
       } catch (const std::exception& e) {
         result = ToolResult::text(std::string("the tool failed: ") + e.what(), true);
       }

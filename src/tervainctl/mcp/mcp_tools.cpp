@@ -57,12 +57,12 @@ std::string unreachable(const AgentSession& agent, const std::exception& e) {
 // Sends request on the shared connection; a refusal becomes an error result with the agent's
 // text, success goes through format. A re-opened connection is reported after either.
 template <typename Format>
-ToolResult agentCall(ToolContext& context, const ToolSpec& spec, const Json& request,
+ToolResult agentCall(ToolContext& context, const ToolSpec& definition, const Json& request,
                      Format format) {
   std::string notice;
   ToolResult result;
   try {
-    const Json reply = context.agent.call(request, spec.readOnly, notice);
+    const Json reply = context.agent.call(request, definition.readOnly, notice);
     const client::Result<Json> base = client::parseReply(reply);
     result = base.ok ? format(reply) : ToolResult::text(base.error, true);
   } catch (const client::ClientError& e) {
@@ -79,47 +79,47 @@ ToolResult replyMembers(const Json& reply) {
   return ToolResult::text(rest.empty() ? "done" : rest.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
-ToolResult forward(ToolContext& context, const ToolSpec& spec, const Json& arguments) {
+ToolResult forward(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
   Json request = arguments;
-  request["op"] = spec.op;
-  return agentCall(context, spec, request, replyMembers);
+  request["op"] = definition.op;
+  return agentCall(context, definition, request, replyMembers);
 }
 
-ToolResult doubleClick(ToolContext& context, const ToolSpec& spec, const Json& arguments) {
+ToolResult doubleClick(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
   Json request = arguments;
-  request["op"] = spec.op;
+  request["op"] = definition.op;
   request["count"] = 2;
-  return agentCall(context, spec, request, replyMembers);
+  return agentCall(context, definition, request, replyMembers);
 }
 
-ToolResult cursorPosition(ToolContext& context, const ToolSpec& spec, const Json&) {
-  return agentCall(context, spec, {{"op", spec.op}}, [](const Json& reply) {
+ToolResult cursorPosition(ToolContext& context, const ToolSpec& definition, const Json&) {
+  return agentCall(context, definition, {{"op", definition.op}}, [](const Json& reply) {
     return ToolResult::text("pointer at x=" + reply.value("x", Json()).dump() +
                             " y=" + reply.value("y", Json()).dump());
   });
 }
 
-ToolResult tree(ToolContext& context, const ToolSpec& spec, const Json& arguments) {
+ToolResult tree(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
   Json request = arguments;
-  request["op"] = spec.op;
-  return agentCall(context, spec, request, [](const Json& reply) {
+  request["op"] = definition.op;
+  return agentCall(context, definition, request, [](const Json& reply) {
     return ToolResult::text(client::renderTree(client::parseAXDump(reply).value) +
                             "(refs such as e7 stay valid until the next tree call)");
   });
 }
 
-ToolResult elementAt(ToolContext& context, const ToolSpec& spec, const Json& arguments) {
+ToolResult elementAt(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
   Json request = arguments;
-  request["op"] = spec.op;
-  return agentCall(context, spec, request, [](const Json& reply) {
+  request["op"] = definition.op;
+  return agentCall(context, definition, request, [](const Json& reply) {
     return ToolResult::text(client::renderNode(client::parseAXElementAt(reply).value));
   });
 }
 
-ToolResult elementAction(ToolContext& context, const ToolSpec& spec, const Json& arguments) {
+ToolResult elementAction(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
   Json request = arguments;
-  request["op"] = spec.op;
-  return agentCall(context, spec, request, [](const Json& reply) {
+  request["op"] = definition.op;
+  return agentCall(context, definition, request, [](const Json& reply) {
     const auto note = reply.find("note");
     return ToolResult::text(note != reply.end() && note->is_string()
                                 ? "done; note: " + note->get<std::string>()
@@ -127,14 +127,14 @@ ToolResult elementAction(ToolContext& context, const ToolSpec& spec, const Json&
   });
 }
 
-ToolResult screenshot(ToolContext& context, const ToolSpec& spec, const Json& arguments) {
-  Json request = {{"op", spec.op}};
+ToolResult screenshot(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
+  Json request = {{"op", definition.op}};
   if (arguments.contains("display")) request["display"] = arguments["display"];
   const int maxWidth = arguments.value("maxWidth", 1280);
   const ImageFormat format =
       arguments.value("format", std::string("jpeg")) == "png" ? ImageFormat::png : ImageFormat::jpeg;
   const int quality = arguments.value("quality", 80);
-  return agentCall(context, spec, request, [&](const Json& reply) {
+  return agentCall(context, definition, request, [&](const Json& reply) {
     const client::Result<client::Screenshot> shot = client::parseScreenshot(reply);
     std::string error;
     const auto image = fitImage(shot.value.jpeg, maxWidth, format, quality, error);
@@ -526,17 +526,17 @@ bool hasType(const Json& value, const std::string& type) {
 
 std::span<const ToolSpec> toolTable() { return kTools; }
 
-Json describeTool(const ToolSpec& spec) {
-  return {{"name", spec.name},
-          {"title", spec.title},
-          {"description", spec.description},
-          {"inputSchema", Json::parse(spec.inputSchema)},
+Json describeTool(const ToolSpec& definition) {
+  return {{"name", definition.name},
+          {"title", definition.title},
+          {"description", definition.description},
+          {"inputSchema", Json::parse(definition.inputSchema)},
           {"annotations",
-           {{"title", spec.title},
-            {"readOnlyHint", spec.readOnly},
-            {"destructiveHint", spec.destructive},
-            {"idempotentHint", spec.idempotent},
-            {"openWorldHint", spec.openWorld}}}};
+           {{"title", definition.title},
+            {"readOnlyHint", definition.readOnly},
+            {"destructiveHint", definition.destructive},
+            {"idempotentHint", definition.idempotent},
+            {"openWorldHint", definition.openWorld}}}};
 }
 
 std::string checkArguments(const Json& schema, Json& arguments) {
@@ -581,8 +581,8 @@ std::string checkArguments(const Json& schema, Json& arguments) {
   return {};
 }
 
-ToolResult runTool(ToolContext& context, const ToolSpec& spec, const Json& arguments) {
-  return spec.run != nullptr ? spec.run(context, spec, arguments) : forward(context, spec, arguments);
+ToolResult runTool(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
+  return definition.run != nullptr ? definition.run(context, definition, arguments) : forward(context, definition, arguments);
 }
 
 }  // namespace tervain::mcp

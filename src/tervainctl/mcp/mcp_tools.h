@@ -60,13 +60,13 @@ struct ToolSpec {
   bool idempotent;
   bool openWorld;
   // nullptr forwards the arguments to op as they are and reports the reply's members.
-  ToolResult (*run)(ToolContext& context, const ToolSpec& spec, const Json& arguments);
+  ToolResult (*run)(ToolContext& context, const ToolSpec& definition, const Json& arguments);
 };
 
 std::span<const ToolSpec> toolTable();
 
 // The tool's entry for tools/list.
-Json describeTool(const ToolSpec& spec);
+Json describeTool(const ToolSpec& definition);
 
 // Checks arguments against the subset of JSON Schema the tool table uses (type, properties,
 // required, additionalProperties, enum, minimum, maximum, minLength). Empty when they conform,
@@ -75,6 +75,6 @@ Json describeTool(const ToolSpec& spec);
 std::string checkArguments(const Json& schema, Json& arguments);
 
 // Runs one tool. A refusal by the agent or a lost connection is an error result, never thrown.
-ToolResult runTool(ToolContext& context, const ToolSpec& spec, const Json& arguments);
+ToolResult runTool(ToolContext& context, const ToolSpec& definition, const Json& arguments);
 
 }  // namespace tervain::mcp
