@@ -158,6 +158,20 @@ TEST(ExecE2ETest, AMissingAgentShellIsRefused) {
   }
 }
 
+TEST(ExecE2ETest, AnExecLineWithARawNulIsMalformedAndRunsNothing) {
+  AgentProcess agent(fallbackShell());
+  const std::string marker = agent.dir().file("ran");
+  std::string line = execLine("touch " + marker);
+  line.insert(line.size() - 1, std::string("\0 junk", 6));
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send(line + "{\"op\":\"ping\"}\n"));
+  EXPECT_EQ(Json::parse(client.readLine().value_or("null")).value("error", ""),
+            "malformed request (want one JSON object per line with an \"op\")");
+  // The connection stays an ordinary one: nothing took it over.
+  EXPECT_EQ(Json::parse(client.readLine().value_or("null")).value("version", 0), 2);
+  EXPECT_FALSE(std::filesystem::exists(marker));
+}
+
 // ---- shell-events -------------------------------------------------------------------------------
 
 class ShellEventsE2ETest : public ::testing::Test {
