@@ -1,4 +1,5 @@
 // exec and shell-events through the built agent, over its Unix socket.
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -227,6 +228,25 @@ TEST_F(ShellEventsE2ETest, TruthyTruncateDeletesWhatWasDelivered) {
     EXPECT_FALSE(std::filesystem::exists(spool.file("a.jsonl")));
     EXPECT_FALSE(std::filesystem::exists(spool.file("b.jsonl")));
   }
+}
+
+TEST_F(ShellEventsE2ETest, EventsAppendedWhileTheReplyIsOnItsWayAreNotDeleted) {
+  // A reply far larger than the socket's buffers keeps the agent writing until this side reads,
+  // so an event appended then lands after the read and before the deletion, every time.
+  writeEvent(spool.path(), "a.jsonl", std::string(3 << 20, 'a'));
+  writeEvent(spool.path(), "b.jsonl", "B1\n");
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send(
+      Json{{"op", "shell-events"}, {"dir", spool.path()}, {"truncate", true}}.dump() + "\n"));
+  pollfd replying{client.descriptor(), POLLIN, 0};
+  ASSERT_EQ(::poll(&replying, 1, 10000), 1);
+  std::ofstream(spool.file("b.jsonl"), std::ios::app) << "B2\n";
+  const Json reply = Json::parse(client.readLine().value_or("null"));
+  EXPECT_EQ(reply["files"], 2);
+  EXPECT_FALSE(std::filesystem::exists(spool.file("a.jsonl")));
+  // The grown file stays, and the next drain (served after the deletion) delivers it whole.
+  ASSERT_TRUE(client.send(Json{{"op", "shell-events"}, {"dir", spool.path()}}.dump() + "\n"));
+  EXPECT_EQ(events(Json::parse(client.readLine().value_or("null"))), "B1\nB2\n");
 }
 
 TEST_F(ShellEventsE2ETest, OtherTruncateValuesDeleteNothing) {

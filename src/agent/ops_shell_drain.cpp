@@ -1,7 +1,7 @@
 // "shell-events": drains the agent shell's event spool into one reply line, and deletes what it
-// delivered only once the whole reply has been written.
-#include <cstdio>
+// delivered only once the whole reply has been written, and only what is still as delivered.
 #include <string>
+#include <vector>
 
 #include "agent/connection_handler.h"
 #include "core/agent_wire.h"
@@ -21,7 +21,6 @@ void ConnectionHandler::runShellEvents(std::string_view requestLine) {
   const bool truncate = truthy(member(request, Wire::truncateKey));
 
   ShellSpool::DrainResult result = ShellSpool::drain(dir, maxBytes);
-  const std::vector<std::string> drained = std::move(result.drainedPaths);
 
   Reply reply = Reply::success();
   reply.body[std::string(Wire::filesKey)] = result.files;
@@ -33,7 +32,11 @@ void ConnectionHandler::runShellEvents(std::string_view requestLine) {
   if (bytes == kReplySerializationFailed) return;
   bytes.push_back('\n');
   if (!writeAll(bytes) || !truncate) return;
-  for (const std::string& path : drained) std::remove(path.c_str());
+  // Events appended while the reply was on its way make a file differ from what was delivered:
+  // such a file stays and is delivered again, in full, by the next drain.
+  for (const ShellSpool::DrainedFile& file : result.drainedFiles) {
+    ShellSpool::removeDelivered(dir, file.name, file.bytes, &file);
+  }
 }
 
 }  // namespace tervain

@@ -179,4 +179,22 @@ ShellSpool::DrainResult ShellSpool::drain(const std::string& dir, std::int64_t m
   return result;
 }
 
+bool ShellSpool::removeDelivered(const std::string& dir, std::string_view name,
+                                 std::int64_t bytes, const DrainedFile* identity) {
+  if (!isEventFileName(name)) return false;
+  const int dirFd = openDirectory(dir);
+  if (dirFd < 0) return false;
+  const std::string entryName(name);
+  struct stat info {};
+  bool unchanged = ::fstatat(dirFd, entryName.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+                   S_ISREG(info.st_mode) && info.st_size == bytes;
+  if (unchanged && identity != nullptr) {
+    unchanged = static_cast<std::uint64_t>(info.st_dev) == identity->device &&
+                static_cast<std::uint64_t>(info.st_ino) == identity->inode;
+  }
+  const bool removed = unchanged && ::unlinkat(dirFd, entryName.c_str(), 0) == 0;
+  ::close(dirFd);
+  return removed;
+}
+
 }  // namespace tervain

@@ -60,6 +60,13 @@ class ShellSpool {
 
   // A name the drain could have taken: one entry of the folder (no "/"), ending in ".jsonl".
   static bool isEventFileName(std::string_view name);
+
+  // Removes the event file `name` of dir only while it is still what was delivered: a regular
+  // file (not a link) of exactly `bytes` bytes and, when `identity` is given, the same device
+  // and inode. A file that has grown since (events appended after the read), shrunk or been
+  // replaced stays, and the next drain delivers it again. True when the file was removed.
+  static bool removeDelivered(const std::string& dir, std::string_view name, std::int64_t bytes,
+                              const DrainedFile* identity = nullptr);
 };
 
 }  // namespace tervain

@@ -128,6 +128,57 @@ TEST_F(ShellSpoolDrainTest, ADirectoryGivenWithATrailingSlashGivesCleanPaths) {
             std::vector<std::string>{path("a.jsonl")});
 }
 
+TEST_F(ShellSpoolDrainTest, ADeliveredFileIsRemovedOnlyWhileItIsAsDelivered) {
+  testing::TempDir outside;
+  std::ofstream(outside.file("t.jsonl")) << "xxxx";
+  for (const char* name : {"same", "grown", "shrunk", "replaced", "anonymous"}) {
+    write(std::string(name) + ".jsonl", 4);
+  }
+  ASSERT_EQ(::symlink(outside.file("t.jsonl").c_str(), path("link.jsonl").c_str()), 0);
+  const auto delivered = ShellSpool::drain(dir.path(), 100).drainedFiles;
+  ASSERT_EQ(delivered.size(), 5u);
+  const auto identity = [&](std::string_view name) {
+    for (const auto& file : delivered) {
+      if (file.name == name) return file;
+    }
+    return ShellSpool::DrainedFile{std::string(name), 4, 0, 0};
+  };
+  std::ofstream(path("grown.jsonl"), std::ios::app) << "y";
+  write("shrunk.jsonl", 3);
+  // Made before the old one goes, so it cannot get the old inode number back.
+  write("replacement", 4);
+  ASSERT_EQ(::rename(path("replacement").c_str(), path("replaced.jsonl").c_str()), 0);
+  write("other", 4);
+
+  struct Case {
+    std::string name;
+    bool withIdentity;
+    bool removed;
+  } const cases[] = {
+      {"same.jsonl", true, true},
+      {"grown.jsonl", true, false},      // appended after the read: delivered again later
+      {"shrunk.jsonl", true, false},
+      {"replaced.jsonl", true, false},   // another file of the same size
+      {"anonymous.jsonl", false, true},  // without an identity, the size alone decides
+      {"link.jsonl", false, false},      // never through a link
+      {"missing.jsonl", false, false},
+      {"../" + std::string(std::filesystem::path(outside.path()).filename()) + "/t.jsonl", false,
+       false},
+      {"other", false, false},  // not an event file's name
+  };
+  for (const Case& c : cases) {
+    const ShellSpool::DrainedFile mark = identity(c.name);
+    const bool existed = std::filesystem::exists(std::filesystem::symlink_status(path(c.name)));
+    EXPECT_EQ(ShellSpool::removeDelivered(dir.path(), c.name, 4, c.withIdentity ? &mark : nullptr),
+              c.removed)
+        << c.name;
+    EXPECT_EQ(std::filesystem::exists(std::filesystem::symlink_status(path(c.name))),
+              existed && !c.removed)
+        << c.name;
+  }
+  EXPECT_TRUE(std::filesystem::exists(outside.file("t.jsonl")));
+}
+
 // ---- Where the spool is ----------------------------------------------------------------------
 
 class HomeTest : public ::testing::Test {
