@@ -249,6 +249,35 @@ TEST_F(ShellEventsE2ETest, EventsAppendedWhileTheReplyIsOnItsWayAreNotDeleted) {
   EXPECT_EQ(events(Json::parse(client.readLine().value_or("null"))), "B1\nB2\n");
 }
 
+TEST_F(ShellEventsE2ETest, ExactDeletionRemovesOnlyFilesStillAsDelivered) {
+  writeEvent(spool.path(), "a.jsonl", "A\n");
+  writeEvent(spool.path(), "b.jsonl", "B\n");
+  writeEvent(spool.path(), "c.jsonl", "C\n");
+  const Json listed = drain({{"op", "shell-events"}, {"dir", spool.path()}, {"listFiles", true}});
+  EXPECT_EQ(listed["delivered"], Json::parse(R"([{"name":"a.jsonl","bytes":2},
+      {"name":"b.jsonl","bytes":2},{"name":"c.jsonl","bytes":2}])"));
+  EXPECT_EQ(events(listed), "A\nB\nC\n");
+
+  // A garbled list deletes nothing at all.
+  for (const Json& garbled : {Json("all"), Json::parse(R"([{"name":"a.jsonl","bytes":2},
+      {"name":"c.jsonl"}])"), Json::parse(R"([{"name":"a.jsonl","bytes":-1}])")}) {
+    const Json refused = drain({{"op", "shell-events"}, {"dir", spool.path()}, {"delete", garbled}});
+    EXPECT_EQ(refused["ok"], false) << garbled;
+    EXPECT_TRUE(std::filesystem::exists(spool.file("a.jsonl"))) << garbled;
+  }
+
+  std::ofstream(spool.file("b.jsonl"), std::ios::app) << "B2\n";
+  Json deletions = listed["delivered"];
+  deletions.push_back({{"name", "../" + std::filesystem::path(spool.path()).filename().string() +
+                                    "/c.jsonl"},
+                       {"bytes", 2}});
+  EXPECT_EQ(drain({{"op", "shell-events"}, {"dir", spool.path()}, {"delete", deletions}}),
+            Json::parse(R"({"ok":true,"deleted":["a.jsonl","c.jsonl"],
+                "kept":["b.jsonl","../)" + std::filesystem::path(spool.path()).filename().string() +
+                        R"(/c.jsonl"]})"));
+  EXPECT_EQ(events(drain({{"op", "shell-events"}, {"dir", spool.path()}})), "B\nB2\n");
+}
+
 TEST_F(ShellEventsE2ETest, OtherTruncateValuesDeleteNothing) {
   writeEvent(spool.path(), "a.jsonl", "A\n");
   for (const Json& truncate : {Json("true"), Json(0), Json(false), Json(0.0), Json(nullptr),
