@@ -137,6 +137,23 @@ TEST(AgentE2ETest, FiftyConcurrentConnectionsEachPipeliningAHundredRequests) {
   EXPECT_TRUE(agent.running());
 }
 
+TEST(AgentE2ETest, AStandardErrorNobodyReadsNeverStopsServing) {
+  // Each connection logs two lines (about 80 bytes): 1,200 of them hold more than the pipe and
+  // the agent's queue together.
+  AgentProcess agent;
+  agent.holdLog(true);
+  int served = 0;
+  for (int i = 0; i < 1200; ++i) {
+    LineClient client = agent.connect();
+    if (!client.send("{\"op\":\"ping\"}\n") || !client.readLine(5s)) break;
+    ++served;
+  }
+  EXPECT_EQ(served, 1200);
+  // Once standard error is read again, the agent says how many lines it had to drop.
+  agent.holdLog(false);
+  EXPECT_TRUE(agent.waitForLog(" log lines dropped: standard error was not being read\n"));
+}
+
 TEST(AgentE2ETest, UnusableSocketPathIsFatal) {
   TempDir dir;
   const std::string path = dir.file("missing/agent.sock");

@@ -172,6 +172,10 @@ AgentProcess::AgentProcess(Options options) {
   reader = std::thread([this] {
     char chunk[4096];
     for (;;) {
+      {
+        std::unique_lock lock(logMutex);
+        logReleased.wait(lock, [this] { return !logHeld; });
+      }
       const ssize_t n = ::read(stderrFd, chunk, sizeof chunk);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) {
@@ -195,6 +199,7 @@ AgentProcess::AgentProcess(Options options) {
 }
 
 AgentProcess::~AgentProcess() {
+  holdLog(false);
   if (running()) {
     ::kill(child, SIGKILL);
     waitForExit(10s);
@@ -234,6 +239,18 @@ std::optional<std::string> AgentProcess::request(const std::string& line) const 
 std::string AgentProcess::log() const {
   std::lock_guard lock(logMutex);
   return logText;
+}
+
+void AgentProcess::holdLog(bool held) {
+#ifdef F_SETPIPE_SZ
+  // The smallest pipe there is, so that a test fills it with few lines.
+  if (held) (void)::fcntl(stderrFd, F_SETPIPE_SZ, 4096);
+#endif
+  {
+    std::lock_guard lock(logMutex);
+    logHeld = held;
+  }
+  logReleased.notify_all();
 }
 
 bool AgentProcess::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -95,6 +96,8 @@ class AgentProcess {
 
   // Everything the agent wrote to standard output and standard error so far.
   std::string log() const;
+  // While held, the agent's standard error is not read (a pipe nobody reads fills up).
+  void holdLog(bool held);
   // Waits until the log contains text; false on timeout.
   bool waitForLog(const std::string& text, std::chrono::milliseconds timeout = 10s) const;
   // Waits for the agent to exit; its exit status, or nothing on timeout.
@@ -109,6 +112,8 @@ class AgentProcess {
   std::thread reader;
   std::atomic<bool> logClosed{false};  // the reader saw the end of the agent's output
   mutable std::mutex logMutex;
+  std::condition_variable logReleased;
+  bool logHeld = false;
   std::string logText;
   std::optional<int> exitStatus;
 };

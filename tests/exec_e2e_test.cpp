@@ -1,4 +1,5 @@
 // exec and shell-events through the built agent, over its Unix socket.
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -372,6 +373,20 @@ TEST(ExecE2ETest, WithoutTheAgentShellThePlatformsRuleApplies) {
   }
 }
 
+TEST(ExecE2ETest, AnExecLineWithARawNulIsMalformedAndRunsNothing) {
+  AgentProcess agent(fallbackShell());
+  const std::string marker = agent.dir().file("ran");
+  std::string line = execLine("touch " + marker);
+  line.insert(line.size() - 1, std::string("\0 junk", 6));
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send(line + "{\"op\":\"ping\"}\n"));
+  EXPECT_EQ(Json::parse(client.readLine().value_or("null")).value("error", ""),
+            "malformed request (want one JSON object per line with an \"op\")");
+  // The connection stays an ordinary one: nothing took it over.
+  EXPECT_EQ(Json::parse(client.readLine().value_or("null")).value("version", 0), 2);
+  EXPECT_FALSE(std::filesystem::exists(marker));
+}
+
 // ---- shell-events -------------------------------------------------------------------------------
 
 class ShellEventsE2ETest : public ::testing::Test {
@@ -427,6 +442,54 @@ TEST_F(ShellEventsE2ETest, TruthyTruncateDeletesWhatWasDelivered) {
     EXPECT_FALSE(std::filesystem::exists(spool.file("a.jsonl")));
     EXPECT_FALSE(std::filesystem::exists(spool.file("b.jsonl")));
   }
+}
+
+TEST_F(ShellEventsE2ETest, EventsAppendedWhileTheReplyIsOnItsWayAreNotDeleted) {
+  // A reply far larger than the socket's buffers keeps the agent writing until this side reads,
+  // so an event appended then lands after the read and before the deletion, every time.
+  writeEvent(spool.path(), "a.jsonl", std::string(3 << 20, 'a'));
+  writeEvent(spool.path(), "b.jsonl", "B1\n");
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send(
+      Json{{"op", "shell-events"}, {"dir", spool.path()}, {"truncate", true}}.dump() + "\n"));
+  pollfd replying{client.descriptor(), POLLIN, 0};
+  ASSERT_EQ(::poll(&replying, 1, 10000), 1);
+  std::ofstream(spool.file("b.jsonl"), std::ios::app) << "B2\n";
+  const Json reply = Json::parse(client.readLine().value_or("null"));
+  EXPECT_EQ(reply["files"], 2);
+  EXPECT_FALSE(std::filesystem::exists(spool.file("a.jsonl")));
+  // The grown file stays, and the next drain (served after the deletion) delivers it whole.
+  ASSERT_TRUE(client.send(Json{{"op", "shell-events"}, {"dir", spool.path()}}.dump() + "\n"));
+  EXPECT_EQ(events(Json::parse(client.readLine().value_or("null"))), "B1\nB2\n");
+}
+
+TEST_F(ShellEventsE2ETest, ExactDeletionRemovesOnlyFilesStillAsDelivered) {
+  writeEvent(spool.path(), "a.jsonl", "A\n");
+  writeEvent(spool.path(), "b.jsonl", "B\n");
+  writeEvent(spool.path(), "c.jsonl", "C\n");
+  const Json listed = drain({{"op", "shell-events"}, {"dir", spool.path()}, {"listFiles", true}});
+  EXPECT_EQ(listed["delivered"], Json::parse(R"([{"name":"a.jsonl","bytes":2},
+      {"name":"b.jsonl","bytes":2},{"name":"c.jsonl","bytes":2}])"));
+  EXPECT_EQ(events(listed), "A\nB\nC\n");
+
+  // A garbled list deletes nothing at all.
+  for (const Json& garbled : {Json("all"), Json::parse(R"([{"name":"a.jsonl","bytes":2},
+      {"name":"c.jsonl"}])"), Json::parse(R"([{"name":"a.jsonl","bytes":-1}])")}) {
+    const Json refused = drain({{"op", "shell-events"}, {"dir", spool.path()}, {"delete", garbled}});
+    EXPECT_EQ(refused["ok"], false) << garbled;
+    EXPECT_TRUE(std::filesystem::exists(spool.file("a.jsonl"))) << garbled;
+  }
+
+  std::ofstream(spool.file("b.jsonl"), std::ios::app) << "B2\n";
+  Json deletions = listed["delivered"];
+  deletions.push_back({{"name", "../" + std::filesystem::path(spool.path()).filename().string() +
+                                    "/c.jsonl"},
+                       {"bytes", 2}});
+  EXPECT_EQ(drain({{"op", "shell-events"}, {"dir", spool.path()}, {"delete", deletions}}),
+            Json::parse(R"({"ok":true,"deleted":["a.jsonl","c.jsonl"],
+                "kept":["b.jsonl","../)" + std::filesystem::path(spool.path()).filename().string() +
+                        R"(/c.jsonl"]})"));
+  EXPECT_EQ(events(drain({{"op", "shell-events"}, {"dir", spool.path()}})), "B\nB2\n");
 }
 
 TEST_F(ShellEventsE2ETest, OtherTruncateValuesDeleteNothing) {

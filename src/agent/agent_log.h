@@ -9,7 +9,11 @@
 namespace tervain {
 
 // Writes "[TervainVMAgent] " + message + "\n" to standard error as one write, so lines from
-// concurrent threads never interleave. Takes no lock.
+// concurrent threads never interleave. Never waits for standard error: lines are queued for one
+// writer thread, and when a reader of standard error falls behind by more than the queue holds
+// (64 KiB), further lines are dropped and counted, and a line saying how many follows once
+// writing goes on. Lines still queued when the process exits are written first (for at most
+// two seconds).
 void agentLog(std::string_view message);
 
 // A failed system call: what failed, as a short phrase, and the errno value. Its description is

@@ -20,8 +20,13 @@ class DispatchTest : public ::testing::Test {
 constexpr const char* kMalformed = "malformed request (want one JSON object per line with an \"op\")";
 
 TEST_F(DispatchTest, MalformedRequests) {
-  for (const char* line : {R"({"op":5})", "[1,2]", "\"ping\"", "{}", "{", "ping", "null",
-                           R"({"op":null})", R"({"op":["ping"]})", "{\"op\":\"ping\"} x"}) {
+  using namespace std::string_view_literals;
+  for (std::string_view line :
+       {R"({"op":5})"sv, "[1,2]"sv, "\"ping\""sv, "{}"sv, "{"sv, "ping"sv, "null"sv,
+        R"({"op":null})"sv, R"({"op":["ping"]})"sv, "{\"op\":\"ping\"} x"sv,
+        // A raw NUL is no end of the line: what follows it is part of the request.
+        "{\"op\":\"ping\"}\0 junk"sv, "{\"op\":\"ping\"}\0"sv, "{\"op\":\0\"ping\"}"sv,
+        "{\"op\":\"pi\0ng\"}"sv}) {
     EXPECT_EQ(reply(line), Json({{"ok", false}, {"error", kMalformed}})) << line;
   }
 }

@@ -180,6 +180,37 @@ Result<ShellEvents> parseShellEvents(const Json& reply) {
   result.value.bytes = integerOr(reply, std::string(keys::bytesKey).c_str(),
                                  static_cast<std::int64_t>(result.value.events.size()));
   result.value.truncated = boolOr(reply, std::string(keys::truncatedKey).c_str(), false);
+  if (const auto list = reply.find(keys::deliveredKey); list != reply.end() && list->is_array()) {
+    auto& delivered = result.value.delivered.emplace();
+    for (const Json& file : *list) {
+      if (!file.is_object()) continue;
+      delivered.push_back({stringOf(file, std::string(keys::nameKey).c_str()).value_or(""),
+                           integerOr(file, std::string(keys::bytesKey).c_str(), 0)});
+    }
+  }
+  return result;
+}
+
+Result<ShellEventsDeletion> parseShellEventsDeletion(const Json& reply) {
+  auto result = carry<ShellEventsDeletion>(parseReply(reply));
+  if (!result.ok) return result;
+  namespace keys = AgentWire::ShellEvents;
+  const auto names = [&](std::string_view key) {
+    std::vector<std::string> out;
+    const auto list = reply.find(key);
+    if (list == reply.end() || !list->is_array()) return out;
+    for (const Json& name : *list) {
+      if (name.is_string()) out.push_back(name.get<std::string>());
+    }
+    return out;
+  };
+  if (const auto deleted = reply.find(keys::deletedKey);
+      deleted == reply.end() || !deleted->is_array()) {
+    throw ClientError("the agent cannot delete delivered events exactly (it drained instead); "
+                      "nothing was deleted");
+  }
+  result.value.deleted = names(keys::deletedKey);
+  result.value.kept = names(keys::keptKey);
   return result;
 }
 
@@ -375,7 +406,21 @@ Result<ShellEvents> Connection::shellEvents(const ShellEventsRequest& request) {
   if (request.dir) line[std::string(keys::dirKey)] = *request.dir;
   if (request.maxBytes) line[std::string(keys::maxBytesKey)] = *request.maxBytes;
   if (request.truncate) line[std::string(keys::truncateKey)] = true;
+  if (request.listFiles) line[std::string(keys::listFilesKey)] = true;
   return parseShellEvents(call(line));
+}
+
+Result<ShellEventsDeletion> Connection::deleteShellEvents(const std::vector<DeliveredFile>& files,
+                                                          std::optional<std::string> dir) {
+  namespace keys = AgentWire::ShellEvents;
+  Json list = Json::array();
+  for (const DeliveredFile& file : files) {
+    list.push_back({{std::string(keys::nameKey), file.name},
+                    {std::string(keys::bytesKey), file.bytes}});
+  }
+  Json line = {{"op", std::string(keys::op)}, {std::string(keys::deleteKey), std::move(list)}};
+  if (dir) line[std::string(keys::dirKey)] = *dir;
+  return parseShellEventsDeletion(call(line));
 }
 
 }  // namespace tervain::client

@@ -78,6 +78,40 @@ TEST(ConnectionTest, TheAgentsErrorTextIsPassedOnVerbatim) {
   EXPECT_EQ(typed.error, typed.reply["error"].get<std::string>());
 }
 
+TEST(ConnectionTest, ShellEventsAreDecodedAndTruncatedOnRequest) {
+  AgentProcess agent;
+  TempDir spool;
+  std::ofstream(spool.file("1.jsonl")) << "{\"a\":1}\n";
+  std::ofstream(spool.file("2.jsonl")) << "{\"b\":/}\n";
+  Connection connection = Connection::open(addressOf(agent));
+  const auto kept = connection.shellEvents({.dir = spool.path()});
+  ASSERT_TRUE(kept.ok);
+  EXPECT_EQ(kept.value.events, "{\"a\":1}\n{\"b\":/}\n");
+  EXPECT_EQ(kept.value.files, 2);
+  EXPECT_EQ(kept.value.bytes, 16);
+  EXPECT_FALSE(kept.value.truncated);
+  const auto taken = connection.shellEvents({.dir = spool.path(), .truncate = true});
+  EXPECT_EQ(taken.value.files, 2);
+  EXPECT_EQ(connection.shellEvents({.dir = spool.path()}).value.files, 0);
+
+  // Store first, then delete exactly what was delivered: an event appended in between survives.
+  std::ofstream(spool.file("3.jsonl")) << "{\"c\":1}\n";
+  std::ofstream(spool.file("4.jsonl")) << "{\"d\":1}\n";
+  const auto listed = connection.shellEvents({.dir = spool.path(), .listFiles = true});
+  ASSERT_TRUE(listed.value.delivered);
+  EXPECT_EQ(*listed.value.delivered,
+            (std::vector<DeliveredFile>{{"3.jsonl", 8}, {"4.jsonl", 8}}));
+  std::ofstream(spool.file("4.jsonl"), std::ios::app) << "{\"d\":2}\n";
+  const auto deletion = connection.deleteShellEvents(*listed.value.delivered, spool.path());
+  ASSERT_TRUE(deletion.ok);
+  EXPECT_EQ(deletion.value.deleted, std::vector<std::string>{"3.jsonl"});
+  EXPECT_EQ(deletion.value.kept, std::vector<std::string>{"4.jsonl"});
+  // An agent that predates exact deletion answers with a drain, having deleted nothing.
+  EXPECT_THROW(parseShellEventsDeletion(Json::parse(
+                   R"({"ok":true,"events":"","files":0,"bytes":0,"truncated":false})")),
+               ClientError);
+}
+
 TEST(ConnectionTest, AClosedConnectionOrANonObjectReplyThrows) {
   {
     ScriptedPeer peer;

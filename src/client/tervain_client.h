@@ -166,6 +166,14 @@ struct ShellEventsRequest {
   std::optional<std::string> dir;        // the agent's spool directory when absent
   std::optional<std::int64_t> maxBytes;  // the agent's 4 MiB budget when absent
   bool truncate = false;                 // delete the delivered files after the reply
+  bool listFiles = false;                // report the files delivered, for deleteShellEvents()
+};
+
+// One event file as a drain delivered it: its name in the spool and the bytes taken.
+struct DeliveredFile {
+  std::string name;
+  std::int64_t bytes = 0;
+  bool operator==(const DeliveredFile&) const = default;
 };
 
 struct ShellEvents {
@@ -173,6 +181,14 @@ struct ShellEvents {
   std::int64_t files = 0;
   std::int64_t bytes = 0;
   bool truncated = false;  // some event files were left for a later drain
+  // With listFiles: the files delivered, in order. Empty for an agent too old to list them.
+  std::optional<std::vector<DeliveredFile>> delivered;
+};
+
+// What deleteShellEvents() did with each file it named.
+struct ShellEventsDeletion {
+  std::vector<std::string> deleted;
+  std::vector<std::string> kept;  // changed since it was delivered (or gone): not deleted
 };
 
 // Parsers of the typed replies, exposed for callers that pipeline requests with send() and
@@ -183,6 +199,9 @@ Result<AXTree> parseAXDump(const Json& reply);
 Result<AXNode> parseAXElementAt(const Json& reply);
 Result<Screenshot> parseScreenshot(const Json& reply);
 Result<ShellEvents> parseShellEvents(const Json& reply);
+// Also throws ClientError for an ok reply without "deleted": an agent too old to delete exactly
+// drained instead, and deleted nothing.
+Result<ShellEventsDeletion> parseShellEventsDeletion(const Json& reply);
 AXNode parseAXNode(const Json& node);
 
 // ---- Ordinary requests ---------------------------------------------------------------------
@@ -240,6 +259,11 @@ class Connection {
   Result<Screenshot> screenshot(std::optional<std::int64_t> display = {});
   Result<Done> launchApp(const std::string& name);
   Result<ShellEvents> shellEvents(const ShellEventsRequest& request = {});
+  // Deletes the event files that a drain with listFiles delivered, each only while it still has
+  // the size delivered: a file that has grown since stays, and the next drain delivers it again
+  // in full. So a caller that stores the events first, and deletes after, loses none of them.
+  Result<ShellEventsDeletion> deleteShellEvents(const std::vector<DeliveredFile>& files,
+                                                std::optional<std::string> dir = {});
 
   // Hands the descriptor and any bytes already read behind the last reply to the caller;
   // the connection is empty afterwards.

@@ -35,6 +35,16 @@ inline constexpr std::string_view eventsKey = "events";
 inline constexpr std::string_view filesKey = "files";
 inline constexpr std::string_view bytesKey = "bytes";
 inline constexpr std::string_view truncatedKey = "truncated";
+// Exact deletion, for a host that deletes only once it has stored what it received: a drain
+// with "listFiles" true also answers "delivered", [{"name","bytes"}...]; a request with
+// "delete" set to such a list drains nothing and removes each file only while it still has
+// that size, answering the names it "deleted" and the ones it "kept".
+inline constexpr std::string_view listFilesKey = "listFiles";
+inline constexpr std::string_view deliveredKey = "delivered";
+inline constexpr std::string_view deleteKey = "delete";
+inline constexpr std::string_view nameKey = "name";
+inline constexpr std::string_view deletedKey = "deleted";
+inline constexpr std::string_view keptKey = "kept";
 }  // namespace ShellEvents
 
 // Largest number of unterminated bytes a connection may hold before it is closed.

@@ -16,6 +16,10 @@ std::optional<std::int64_t> doubleToInt64(double value) {
 }  // namespace
 
 std::optional<Json> parseRequestObject(std::string_view line) {
+  // The JSON reader stops at a raw NUL as if the text ended there, so "{...}\0 anything" would
+  // pass as the object before it. JSON allows no raw NUL anywhere (not even inside a string), so
+  // a line holding one is not a request: the agent and any strict proxy must agree on that.
+  if (line.find('\0') != std::string_view::npos) return std::nullopt;
   Json parsed = Json::parse(line.begin(), line.end(), nullptr, /*allow_exceptions=*/false);
   if (!parsed.is_object()) return std::nullopt;
   return parsed;

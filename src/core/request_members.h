@@ -13,8 +13,8 @@
 
 namespace tervain {
 
-// Parses one request line. Yields the value only when the line is JSON whose top level is an
-// object; never throws.
+// Parses one request line. Yields the value only when the whole line is JSON whose top level is
+// an object (a raw NUL byte anywhere makes it malformed); never throws.
 std::optional<Json> parseRequestObject(std::string_view line);
 
 // The member's value, or null when the request is not an object or lacks the key.

@@ -56,10 +56,16 @@ bool appendWholeFile(int fd, std::string& out, std::size_t sizeHint, std::size_t
   }
 }
 
-// Names of the entries of dir ("." and ".." excluded); false when it cannot be listed.
-bool listNames(const std::string& dir, std::vector<std::string>& names) {
-  DIR* handle = ::opendir(dir.c_str());
-  if (handle == nullptr) return false;
+// Names of the entries of the open directory dirFd ("." and ".." excluded); false when it
+// cannot be listed. dirFd stays open.
+bool listNames(int dirFd, std::vector<std::string>& names) {
+  const int listFd = ::dup(dirFd);
+  if (listFd < 0) return false;
+  DIR* handle = ::fdopendir(listFd);
+  if (handle == nullptr) {
+    ::close(listFd);
+    return false;
+  }
   bool ok = true;
   for (;;) {
     errno = 0;
@@ -74,6 +80,10 @@ bool listNames(const std::string& dir, std::vector<std::string>& names) {
   }
   ::closedir(handle);
   return ok;
+}
+
+int openDirectory(const std::string& dir) {
+  return ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
 }  // namespace
@@ -96,26 +106,41 @@ std::string ShellSpool::defaultDir() {
   return joinPath(homeDirectory(), "Library/Caches/tervain-dulk");
 }
 
+bool ShellSpool::isEventFileName(std::string_view name) {
+  return name.ends_with(".jsonl") && name.find('/') == std::string_view::npos;
+}
+
 ShellSpool::DrainResult ShellSpool::drain(const std::string& dir, std::int64_t maxBytes) {
+  // Every entry is looked up relative to the directory opened once here, so all of them are
+  // entries of this one folder.
+  const int dirFd = openDirectory(dir);
+  if (dirFd < 0) return {};
   std::vector<std::string> names;
-  if (!listNames(dir, names)) return {};
+  const bool listed = listNames(dirFd, names);
+  DrainResult result;
+  if (!listed) {
+    ::close(dirFd);
+    return result;
+  }
   std::stable_sort(names.begin(), names.end());
 
-  DrainResult result;
   for (const std::string& name : names) {
-    if (!name.ends_with(".jsonl")) continue;
+    if (!isEventFileName(name)) continue;
     const auto gathered = static_cast<std::int64_t>(result.data.size());
     if (gathered >= maxBytes) {
       result.truncated = true;
       break;
     }
-    std::string path = joinPath(dir, name);
-    // Anything but a regular file (a FIFO, a device, a socket with an event file's name) is not
-    // an event file and is skipped like an unreadable one, without being opened. The open is
-    // non-blocking all the same, and checked again, for an entry replaced in between.
+    // Only a regular file is an event file. A symbolic link is not followed (it could name any
+    // file the agent can read), and a FIFO, device or socket is skipped without being opened.
+    // The open refuses a link and does not block all the same, and the type is checked again,
+    // for an entry replaced in between.
     struct stat entry {};
-    if (::stat(path.c_str(), &entry) != 0 || !S_ISREG(entry.st_mode)) continue;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (::fstatat(dirFd, name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(entry.st_mode)) {
+      continue;
+    }
+    const int fd = ::openat(dirFd, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
     if (fd < 0) continue;
     struct stat info {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
@@ -139,15 +164,37 @@ ShellSpool::DrainResult ShellSpool::drain(const std::string& dir, std::int64_t m
       continue;
     }
     // The file may have grown since fstat(): the bytes actually read decide.
-    if (static_cast<std::int64_t>(result.data.size() - before) > room) {
+    const auto taken = static_cast<std::int64_t>(result.data.size() - before);
+    if (taken > room) {
       result.data.resize(before);
       result.truncated = true;
       continue;
     }
     ++result.files;
-    result.drainedPaths.push_back(std::move(path));
+    result.drainedPaths.push_back(joinPath(dir, name));
+    result.drainedFiles.push_back({name, taken, static_cast<std::uint64_t>(info.st_dev),
+                                   static_cast<std::uint64_t>(info.st_ino)});
   }
+  ::close(dirFd);
   return result;
+}
+
+bool ShellSpool::removeDelivered(const std::string& dir, std::string_view name,
+                                 std::int64_t bytes, const DrainedFile* identity) {
+  if (!isEventFileName(name)) return false;
+  const int dirFd = openDirectory(dir);
+  if (dirFd < 0) return false;
+  const std::string entryName(name);
+  struct stat info {};
+  bool unchanged = ::fstatat(dirFd, entryName.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+                   S_ISREG(info.st_mode) && info.st_size == bytes;
+  if (unchanged && identity != nullptr) {
+    unchanged = static_cast<std::uint64_t>(info.st_dev) == identity->device &&
+                static_cast<std::uint64_t>(info.st_ino) == identity->inode;
+  }
+  const bool removed = unchanged && ::unlinkat(dirFd, entryName.c_str(), 0) == 0;
+  ::close(dirFd);
+  return removed;
 }
 
 }  // namespace tervain

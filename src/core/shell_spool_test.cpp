@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +14,12 @@
 
 namespace tervain {
 namespace {
+
+// The result without the identities of the taken files, for comparing with a literal.
+ShellSpool::DrainResult taken(ShellSpool::DrainResult result) {
+  result.drainedFiles.clear();
+  return result;
+}
 
 class ShellSpoolDrainTest : public ::testing::Test {
  protected:
@@ -29,16 +37,23 @@ TEST_F(ShellSpoolDrainTest, TakesEventFilesInNameOrderAndNothingElse) {
   write("notes.txt", 10, 'n');
   write("x.JSONL", 10, 'X');
   write("c.jsonl.tmp", 10, 't');
-  EXPECT_EQ(ShellSpool::drain(dir.path(), 100),
+  EXPECT_EQ(taken(ShellSpool::drain(dir.path(), 100)),
             (ShellSpool::DrainResult{std::string(10, 'a') + std::string(10, 'b'), 2, false,
                                      {path("a.jsonl"), path("b.jsonl")}}));
+  // Each taken file is named in the folder with its size and identity as read.
+  const auto files = ShellSpool::drain(dir.path(), 100).drainedFiles;
+  ASSERT_EQ(files.size(), 2u);
+  struct stat info {};
+  ASSERT_EQ(::stat(path("b.jsonl").c_str(), &info), 0);
+  EXPECT_EQ(files[1], (ShellSpool::DrainedFile{"b.jsonl", 10, static_cast<std::uint64_t>(info.st_dev),
+                                               static_cast<std::uint64_t>(info.st_ino)}));
 }
 
 TEST_F(ShellSpoolDrainTest, AFileThatDoesNotFitIsSkippedButSmallerOnesAfterItAreTaken) {
   write("1.jsonl", 10, '1');
   write("2.jsonl", 10, '2');
   write("3.jsonl", 5, '3');
-  EXPECT_EQ(ShellSpool::drain(dir.path(), 15),
+  EXPECT_EQ(taken(ShellSpool::drain(dir.path(), 15)),
             (ShellSpool::DrainResult{std::string(10, '1') + std::string(5, '3'), 2, true,
                                      {path("1.jsonl"), path("3.jsonl")}}));
 }
@@ -80,36 +95,25 @@ TEST_F(ShellSpoolDrainTest, AFileLargerThanTheBudgetStaysForALargerOne) {
   EXPECT_EQ(ShellSpool::drain(dir.path(), 100).files, 1);
 }
 
-TEST_F(ShellSpoolDrainTest, UnreadableEntriesAreSkippedWithoutTruncation) {
-  ASSERT_EQ(::mkdir(path("a.jsonl").c_str(), 0755), 0);
-  ASSERT_EQ(::symlink(path("missing").c_str(), path("b.jsonl").c_str()), 0);
-  write("c.jsonl", 3);
-  EXPECT_EQ(ShellSpool::drain(dir.path(), 100),
-            (ShellSpool::DrainResult{"xxx", 1, false, {path("c.jsonl")}}));
-}
-
-TEST_F(ShellSpoolDrainTest, OnlyRegularFilesAreEventFilesAndNoneCanHoldTheDrain) {
-  // A FIFO nobody writes to would block an ordinary open for good; a device never ends.
-  ASSERT_EQ(::mkfifo(path("a.jsonl").c_str(), 0600), 0);
-  ASSERT_EQ(::symlink("/dev/zero", path("b.jsonl").c_str()), 0);
-  write("c.jsonl", 3);
-  EXPECT_EQ(ShellSpool::drain(dir.path(), 100),
-            (ShellSpool::DrainResult{"xxx", 1, false, {path("c.jsonl")}}));
-}
-
-TEST_F(ShellSpoolDrainTest, AFileLongerThanItsStatedSizeIsReadOnlyPastTheBudget) {
-  // Files of the proc file system state a size of 0 whatever they hold.
-  struct stat info {};
-  if (::stat("/proc/self/status", &info) != 0 || info.st_size != 0) {
-    GTEST_SKIP() << "needs a /proc whose files state no size";
+TEST_F(ShellSpoolDrainTest, OnlyRegularFilesOfTheFolderItselfAreEventFiles) {
+  // Links are never followed, wherever they point: a readable file elsewhere, a directory, a
+  // device that never ends, a file of the proc file system, nothing. A FIFO nobody writes to
+  // would block an ordinary open for good. None of them counts, not even for the budget.
+  testing::TempDir outside;
+  std::ofstream(outside.file("secret.jsonl")) << "secret\n";
+  const std::pair<const char*, std::string> links[] = {
+      {"a.jsonl", outside.file("secret.jsonl")}, {"b.jsonl", "../" + std::string(
+          std::filesystem::path(outside.path()).filename()) + "/secret.jsonl"},
+      {"c.jsonl", outside.path()}, {"d.jsonl", "/dev/zero"}, {"e.jsonl", "/proc/self/status"},
+      {"f.jsonl", path("missing")}};
+  for (const auto& [name, target] : links) {
+    ASSERT_EQ(::symlink(target.c_str(), path(name).c_str()), 0) << name;
   }
-  ASSERT_EQ(::symlink("/proc/self/status", path("a.jsonl").c_str()), 0);
-  write("b.jsonl", 3);
-  EXPECT_EQ(ShellSpool::drain(dir.path(), 10),
-            (ShellSpool::DrainResult{"xxx", 1, true, {path("b.jsonl")}}));
-  const auto roomy = ShellSpool::drain(dir.path(), 1 << 20);
-  EXPECT_EQ(roomy.files, 2);
-  EXPECT_NE(roomy.data.find("Name:"), std::string::npos);
+  ASSERT_EQ(::mkdir(path("g.jsonl").c_str(), 0755), 0);
+  ASSERT_EQ(::mkfifo(path("h.jsonl").c_str(), 0600), 0);
+  write("z.jsonl", 3);
+  EXPECT_EQ(taken(ShellSpool::drain(dir.path(), 100)),
+            (ShellSpool::DrainResult{"xxx", 1, false, {path("z.jsonl")}}));
 }
 
 TEST_F(ShellSpoolDrainTest, ADirectoryThatCannotBeListedGivesTheEmptyResult) {
@@ -122,6 +126,57 @@ TEST_F(ShellSpoolDrainTest, ADirectoryGivenWithATrailingSlashGivesCleanPaths) {
   write("a.jsonl", 1);
   EXPECT_EQ(ShellSpool::drain(dir.path() + "/", 10).drainedPaths,
             std::vector<std::string>{path("a.jsonl")});
+}
+
+TEST_F(ShellSpoolDrainTest, ADeliveredFileIsRemovedOnlyWhileItIsAsDelivered) {
+  testing::TempDir outside;
+  std::ofstream(outside.file("t.jsonl")) << "xxxx";
+  for (const char* name : {"same", "grown", "shrunk", "replaced", "anonymous"}) {
+    write(std::string(name) + ".jsonl", 4);
+  }
+  ASSERT_EQ(::symlink(outside.file("t.jsonl").c_str(), path("link.jsonl").c_str()), 0);
+  const auto delivered = ShellSpool::drain(dir.path(), 100).drainedFiles;
+  ASSERT_EQ(delivered.size(), 5u);
+  const auto identity = [&](std::string_view name) {
+    for (const auto& file : delivered) {
+      if (file.name == name) return file;
+    }
+    return ShellSpool::DrainedFile{std::string(name), 4, 0, 0};
+  };
+  std::ofstream(path("grown.jsonl"), std::ios::app) << "y";
+  write("shrunk.jsonl", 3);
+  // Made before the old one goes, so it cannot get the old inode number back.
+  write("replacement", 4);
+  ASSERT_EQ(::rename(path("replacement").c_str(), path("replaced.jsonl").c_str()), 0);
+  write("other", 4);
+
+  struct Case {
+    std::string name;
+    bool withIdentity;
+    bool removed;
+  } const cases[] = {
+      {"same.jsonl", true, true},
+      {"grown.jsonl", true, false},      // appended after the read: delivered again later
+      {"shrunk.jsonl", true, false},
+      {"replaced.jsonl", true, false},   // another file of the same size
+      {"anonymous.jsonl", false, true},  // without an identity, the size alone decides
+      {"link.jsonl", false, false},      // never through a link
+      {"missing.jsonl", false, false},
+      {"../" + std::string(std::filesystem::path(outside.path()).filename()) + "/t.jsonl", false,
+       false},
+      {"other", false, false},  // not an event file's name
+  };
+  for (const Case& c : cases) {
+    const ShellSpool::DrainedFile mark = identity(c.name);
+    const bool existed = std::filesystem::exists(std::filesystem::symlink_status(path(c.name)));
+    EXPECT_EQ(ShellSpool::removeDelivered(dir.path(), c.name, 4, c.withIdentity ? &mark : nullptr),
+              c.removed)
+        << c.name;
+    EXPECT_EQ(std::filesystem::exists(std::filesystem::symlink_status(path(c.name))),
+              existed && !c.removed)
+        << c.name;
+  }
+  EXPECT_TRUE(std::filesystem::exists(outside.file("t.jsonl")));
 }
 
 // ---- Where the spool is ----------------------------------------------------------------------

@@ -7,10 +7,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -39,14 +42,25 @@ TEST(VsockTest, ListensOnAHighPortOrReportsTheErrno) {
 TEST(UnixListenTest, PrivateSocketThatReplacesOnlyStaleSockets) {
   testing::TempDir dir;
   const std::string path = dir.file("a.sock");
+  // A file of someone else's next to the path, under the name a side name might have had.
+  std::ofstream(path + ".new") << "user data";
   int fd = tervain_unix_listen(path.c_str(), 8);
   ASSERT_GE(fd, 0);
   struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-  // The path appears only once the socket listens, and under its own name alone.
-  EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+  // The path appears only once the socket listens, under its own name alone, and the other file
+  // is untouched.
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"a.sock", "a.sock.new"}));
+  std::string kept;
+  std::getline(std::ifstream(path + ".new"), kept);
+  EXPECT_EQ(kept, "user data");
 
   // Live: someone accepts there.
   EXPECT_EQ(tervain_unix_listen(path.c_str(), 8), -EADDRINUSE);
