@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@ namespace tervain::client {
 namespace {
 
 using testing::AgentProcess;
+using testing::TempDir;
 using namespace std::chrono_literals;
 
 AgentProcess::Options zshAgent() {
