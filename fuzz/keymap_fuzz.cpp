@@ -15,8 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   bool known = false;
   for (const auto& [name, code] : KeyMap::keyCodes()) known = known || code == stroke->keyCode;
   if (!known) std::abort();
-  std::uint64_t allowed = 0;
+  Modifiers allowed = 0;
   for (const auto& [name, flag] : KeyMap::modifierFlags()) allowed |= flag;
-  if ((stroke->flags & ~allowed) != 0) std::abort();
+  if ((stroke->modifiers & ~allowed) != 0) std::abort();
   return 0;
 }

@@ -113,6 +113,10 @@ void agentLog(std::string_view message) {
   queue->wake.notify_one();
 }
 
+void flushAgentLog() {
+  if (LogQueue* queue = logQueue()) queue->flush();
+}
+
 AgentError AgentError::posix(std::string what, std::int32_t errnoValue) {
   std::string description = what + " failed: " + std::strerror(errnoValue);
   return AgentError(std::move(what), errnoValue, description);

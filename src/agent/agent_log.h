@@ -16,6 +16,10 @@ namespace tervain {
 // two seconds).
 void agentLog(std::string_view message);
 
+// Waits (at most two seconds) until every queued line is written: for a process about to end
+// without running its exit handlers (std::_Exit).
+void flushAgentLog();
+
 // A failed system call: what failed, as a short phrase, and the errno value. Its description is
 // the phrase, " failed: " and the system's text for the errno.
 class AgentError : public std::runtime_error {

@@ -199,6 +199,9 @@ void stopOnSignals(std::optional<std::string> socketPath) {
         now.st_ino == bound.st_ino) {
       ::unlink(socketPath->c_str());
     }
+    // _Exit runs no exit handlers (other threads are still serving): the stop line is written
+    // before it, not left in the log queue.
+    flushAgentLog();
     std::_Exit(0);
   }).detach();
   struct sigaction action {};
