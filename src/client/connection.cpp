@@ -267,7 +267,7 @@ void Connection::send(const Json& request) {
 std::string Connection::receiveLine() {
   if (fd < 0) throw ConnectionError("the connection to the agent is closed");
   const auto started = std::chrono::steady_clock::now();
-  std::string buffer(AgentWire::readChunkBytes, '\0');
+  if (readBuffer.empty()) readBuffer.resize(AgentWire::readChunkBytes);
   for (;;) {
     while (auto line = lines.next()) {
       if (!line->empty()) return std::string(*line);
@@ -278,10 +278,10 @@ std::string Connection::receiveLine() {
                                 std::chrono::steady_clock::now() - started);
       if (left.count() <= 0) left = std::chrono::milliseconds(1);
     }
-    const ReadResult got = readSome(fd, buffer.data(), buffer.size(), left);
+    const ReadResult got = readSome(fd, readBuffer.data(), readBuffer.size(), left);
     switch (got.status) {
       case ReadStatus::data:
-        lines.append(std::string_view(buffer.data(), got.count));
+        lines.append(std::string_view(readBuffer.data(), got.count));
         break;
       case ReadStatus::closed:
         throw ConnectionError("the agent closed the connection before replying");

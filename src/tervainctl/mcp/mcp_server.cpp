@@ -1,11 +1,14 @@
 // The JSON-RPC side of the MCP server.
 //
-// The main thread reads standard input, cuts lines, parses each message (or batch) and answers
-// everything but tool calls at once. Tool calls go to a small pool of workers; their responses
-// are written whenever they are ready, so answers come in any order and the client matches
-// them by id. A batch is answered with one array once all of its calls are done. Tools that
-// use the agent's request connection share one AgentSession (so refs survive between calls);
-// the exec-based tools open a connection each.
+// A few threads take turns at reading standard input (leader and followers). The reader cuts
+// lines, parses each message (or batch) and answers everything but tool calls at once. When it
+// cuts a tool call and another thread is idle, it hands the reading to that thread and runs the
+// call itself, so a call's request and response pass no queue between threads on their way;
+// when every other thread is busy, the call waits in a queue and the reader reads on (a
+// cancellation must still get through). Responses are written whenever they are ready, so
+// answers come in any order and the client matches them by id. A batch is answered with one
+// array once all of its calls are done. Tools that use the agent's request connection share one
+// AgentSession (so refs survive between calls); the exec-based tools open a connection each.
 #include "tervainctl/mcp/mcp_server.h"
 
 #include <signal.h>
@@ -137,79 +140,71 @@ class Responder {
   std::vector<Json> responses;
 };
 
-class WorkerPool {
- public:
-  explicit WorkerPool(std::size_t count) {
-    for (std::size_t i = 0; i < std::max<std::size_t>(count, 1); ++i) {
-      threads.emplace_back([this] { work(); });
-    }
-  }
-  ~WorkerPool() { finish(); }
-
-  void post(std::function<void()> job) {
-    {
-      std::lock_guard lock(mutex);
-      jobs.push_back(std::move(job));
-    }
-    wake.notify_one();
-  }
-
-  // Runs every job posted so far, then stops the workers.
-  void finish() {
-    {
-      std::lock_guard lock(mutex);
-      stopping = true;
-    }
-    wake.notify_all();
-    for (std::thread& t : threads) {
-      if (t.joinable()) t.join();
-    }
-  }
-
- private:
-  void work() {
-    for (;;) {
-      std::function<void()> job;
-      {
-        std::unique_lock lock(mutex);
-        wake.wait(lock, [this] { return stopping || !jobs.empty(); });
-        if (jobs.empty()) return;
-        job = std::move(jobs.front());
-        jobs.pop_front();
-      }
-      job();
-    }
-  }
-
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::deque<std::function<void()>> jobs;
-  bool stopping = false;
-  std::vector<std::thread> threads;
-};
-
 class Server {
  public:
   explicit Server(const McpOptions& options)
       : options(options),
         out(options.output),
-        agent(options.address, options.replyTimeout),
-        pool(options.workers) {
+        agent(options.address, options.replyTimeout) {
     for (const ToolSpec& definition : toolTable()) schemas.push_back(Json::parse(definition.inputSchema));
   }
 
   int run() {
     logLine("serving the agent at " + client::formatAddress(options.address) +
             " over MCP on standard input and output");
-    std::string buffer;
-    std::size_t scanned = 0;
-    bool discarding = false;  // inside a message over the size limit
-    std::string chunk(64 * 1024, '\0');
-    while (!out.broken()) {
-      const ssize_t n = ::read(options.input, chunk.data(), chunk.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      buffer.append(chunk.data(), static_cast<std::size_t>(n));
+    std::vector<std::thread> others;
+    for (std::size_t i = 1; i < std::max<std::size_t>(options.workers, 1); ++i) {
+      others.emplace_back([this] { serve(); });
+    }
+    serve();
+    for (std::thread& t : others) t.join();
+    logLine("input ended; stopping");
+    return 0;
+  }
+
+ private:
+  using Job = std::function<void()>;
+
+  // One thread of the server: reads while nobody else does, runs the calls it cuts and the
+  // calls that wait, and returns once the input has ended and no call waits.
+  void serve() {
+    std::unique_lock lock(turns);
+    for (;;) {
+      ++idle;
+      turn.wait(lock, [this] { return !waiting.empty() || !reading || inputEnded; });
+      --idle;
+      // Reading comes first, so that a cancellation gets through while calls wait.
+      if (reading || inputEnded) {
+        if (waiting.empty()) return;  // only when the input has ended
+        Job job = std::move(waiting.front());
+        waiting.pop_front();
+        lock.unlock();
+        job();
+        lock.lock();
+        continue;
+      }
+      reading = true;
+      lock.unlock();
+      std::optional<Job> job = read();
+      lock.lock();
+      reading = false;
+      if (!job) {
+        inputEnded = true;
+        turn.notify_all();
+        continue;
+      }
+      turn.notify_one();  // somebody else reads on
+      lock.unlock();
+      (*job)();
+      lock.lock();
+    }
+  }
+
+  // The reader's turn: handles messages until one yields a tool call this thread should run
+  // itself, and returns it; returns nothing once the input has ended and every message in it
+  // has been handled. Only the reading thread touches the buffer.
+  std::optional<Job> read() {
+    for (;;) {
       for (;;) {
         const std::size_t newline = buffer.find('\n', scanned);
         if (newline == std::string::npos) break;
@@ -220,6 +215,7 @@ class Server {
         }
         buffer.erase(0, newline + 1);
         scanned = 0;
+        if (std::optional<Job> job = takeCut()) return job;
       }
       scanned = buffer.size();
       if (buffer.size() > kMaxMessageBytes) {
@@ -230,15 +226,39 @@ class Server {
         buffer.clear();
         scanned = 0;
       }
+      if (out.broken()) break;
+      const ssize_t n = ::read(options.input, chunk.data(), chunk.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      buffer.append(chunk.data(), static_cast<std::size_t>(n));
     }
     // A last message without its line feed still counts.
     if (!discarding && !out.broken()) handleLine(buffer);
-    pool.finish();
-    logLine("input ended; stopping");
-    return 0;
+    buffer.clear();
+    std::lock_guard lock(turns);
+    for (Job& job : cut) waiting.push_back(std::move(job));
+    cut.clear();
+    return std::nullopt;
   }
 
- private:
+  // The tool calls the last line yielded: the first is the reader's to run when another thread
+  // is idle to read on; the rest, and every one when nobody is idle, wait their turn.
+  std::optional<Job> takeCut() {
+    if (cut.empty()) return std::nullopt;
+    std::optional<Job> mine;
+    std::lock_guard lock(turns);
+    for (std::size_t i = 1; i < cut.size(); ++i) waiting.push_back(std::move(cut[i]));
+    // Each waiting call takes an idle thread; one more must be left to read on.
+    if (idle > waiting.size()) {
+      mine = std::move(cut.front());
+    } else {
+      waiting.push_back(std::move(cut.front()));
+    }
+    cut.clear();
+    if (!waiting.empty()) turn.notify_all();
+    return mine;
+  }
+
   void handleLine(std::string_view line) {
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     if (line.find_first_not_of(" \t\r") == std::string_view::npos) return;
@@ -442,7 +462,7 @@ class Server {
         return;
       }
     }
-    pool.post([this, id, definition, arguments = std::move(arguments), control, key, responder] {
+    cut.push_back([this, id, definition, arguments = std::move(arguments), control, key, responder] {
       ToolContext context{agent, *control};
       ToolResult result;
       try {
@@ -472,7 +492,20 @@ class Server {
   std::mutex mutex;
   std::string version;  // negotiated in initialize; empty before
   std::map<std::string, std::shared_ptr<CallControl>> inFlight;  // by id as JSON text
-  WorkerPool pool;  // last: its workers stop before the rest goes
+
+  // The reader's own state, handed from thread to thread with the reading turn.
+  std::string buffer;
+  std::size_t scanned = 0;
+  bool discarding = false;  // inside a message over the size limit
+  std::string chunk = std::string(64 * 1024, '\0');
+  std::vector<Job> cut;  // tool calls cut from the line being handled
+
+  std::mutex turns;  // guards what follows
+  std::condition_variable turn;
+  std::deque<Job> waiting;  // calls cut while no other thread was idle to read on
+  std::size_t idle = 0;     // threads waiting for a turn
+  bool reading = false;     // a thread has the reading turn
+  bool inputEnded = false;
 };
 
 }  // namespace
