@@ -191,9 +191,11 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
   const CtlResult r = run({"ping"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out,
-            "agent protocol v2\n"
+            "agent protocol v2, build " TERVAIN_VERSION "\n"
             "displays: none\n"
-            "grants: accessibility no, screen recording no, input synthesis no\n");
+            "grants: accessibility no, screen recording no, input synthesis no\n"
+            "operations: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
+            "ax_set_value ax_focus click move drag type key scroll cursor_position launch_app\n");
   const CtlResult json = run({"ping", "--json"});
   EXPECT_EQ(json.status, 0);
   EXPECT_EQ(Json::parse(json.out)["version"], 2);

@@ -1,4 +1,5 @@
 #include "agent/connection_handler.h"
+#include "agent/operations.h"
 
 #include <gtest/gtest.h>
 
@@ -51,8 +52,16 @@ TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
   desktop.accessibility = false;
   desktop.screenRecording = false;
   desktop.postEvents = false;
-  EXPECT_EQ(reply(R"({"op":"ping","extra":[1]})"),
-            Json::parse(R"({"ok":true,"version":2,
+  Json ping = reply(R"({"op":"ping","extra":[1]})");
+  // Every operation the agent answers, streaming ones included, in table order.
+  Json features = Json::array();
+  for (const Operation& operation : operationTable()) features.push_back(operation.name);
+  ASSERT_EQ(features.size(), 17u);
+  EXPECT_EQ(ping["features"], features);
+  EXPECT_EQ(ping["agentVersion"], TERVAIN_VERSION);
+  ping.erase("features");
+  ping.erase("agentVersion");
+  EXPECT_EQ(ping, Json::parse(R"({"ok":true,"version":2,
               "displays":[{"id":69733378,"width":1920,"height":1080,"main":true}],
               "readiness":{"accessibility":false,"screenRecording":false,"postEvent":false}})"));
 

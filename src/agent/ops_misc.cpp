@@ -1,6 +1,7 @@
 // Status operations ("ping", "cursor_position") and "launch_app".
 #include <memory>
 
+#include "agent/operations.h"
 #include "agent/ops_misc.h"
 #include "agent/result_box.h"
 #include "core/agent_wire.h"
@@ -25,8 +26,14 @@ Reply opPing(OperationContext& context, const Json&) {
   const bool screenRecording = desktop.screenCaptureAccess();
   const bool postEvent = desktop.postEventAccess();
 
+  // Every operation this agent answers, so a host can tell what an older agent lacks.
+  Json features = Json::array();
+  for (const Operation& operation : operationTable()) features.push_back(operation.name);
+
   Reply reply;
   reply.body["version"] = AgentWire::version;
+  reply.body["agentVersion"] = TERVAIN_VERSION;
+  reply.body["features"] = std::move(features);
   reply.body["displays"] = std::move(displays);
   Json& readiness = reply.body["readiness"];
   readiness["accessibility"] = accessibility;

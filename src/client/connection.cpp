@@ -90,6 +90,14 @@ Result<PingInfo> parsePing(const Json& reply) {
   auto result = carry<PingInfo>(parseReply(reply));
   if (!result.ok) return result;
   result.value.version = integerOr(reply, "version", 0);
+  if (const auto v = reply.find("agentVersion"); v != reply.end() && v->is_string()) {
+    result.value.agentVersion = v->get<std::string>();
+  }
+  if (const auto f = reply.find("features"); f != reply.end() && f->is_array()) {
+    for (const Json& name : *f) {
+      if (name.is_string()) result.value.features.push_back(name.get<std::string>());
+    }
+  }
   if (const auto displays = reply.find("displays");
       displays != reply.end() && displays->is_array()) {
     for (const Json& d : *displays) {

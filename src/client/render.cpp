@@ -25,7 +25,8 @@ void renderInto(std::string& out, const AXNode& node, int depth) {
 }  // namespace
 
 std::string renderPing(const PingInfo& ping) {
-  std::string out = "agent protocol v" + std::to_string(ping.version) + "\n";
+  std::string out = "agent protocol v" + std::to_string(ping.version) +
+                    (ping.agentVersion.empty() ? "" : ", build " + ping.agentVersion) + "\n";
   if (ping.displays.empty()) {
     out += "displays: none\n";
   } else {
@@ -38,6 +39,11 @@ std::string renderPing(const PingInfo& ping) {
   const Readiness& r = ping.readiness;
   out += std::string("grants: accessibility ") + yesNo(r.accessibility) + ", screen recording " +
          yesNo(r.screenRecording) + ", input synthesis " + yesNo(r.postEvent) + "\n";
+  if (!ping.features.empty()) {
+    out += "operations:";
+    for (const std::string& name : ping.features) out += " " + name;
+    out += "\n";
+  }
   return out;
 }
 

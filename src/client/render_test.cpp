@@ -12,17 +12,20 @@ TEST(RenderTest, PingSummaryWithoutDisplaysOrGrants) {
             "grants: accessibility no, screen recording no, input synthesis no\n");
 }
 
-TEST(RenderTest, PingSummaryListsDisplays) {
+TEST(RenderTest, PingSummaryListsDisplaysAndOperations) {
   PingInfo ping{.version = 2,
+                .agentVersion = "0.1.0",
+                .features = {"exec", "ping"},
                 .displays = {{.id = 1, .width = 2880, .height = 1800, .main = true},
                              {.id = 5, .width = 1920, .height = 1080, .main = false}},
                 .readiness = {.accessibility = true, .screenRecording = false, .postEvent = true}};
   EXPECT_EQ(renderPing(ping),
-            "agent protocol v2\n"
+            "agent protocol v2, build 0.1.0\n"
             "displays: 2\n"
             "  1: 2880x1800 pixels (main)\n"
             "  5: 1920x1080 pixels\n"
-            "grants: accessibility yes, screen recording no, input synthesis yes\n");
+            "grants: accessibility yes, screen recording no, input synthesis yes\n"
+            "operations: exec ping\n");
 }
 
 TEST(RenderTest, NodeShowsRefRoleTitleValueFrameAndState) {
