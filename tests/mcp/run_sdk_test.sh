@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs sdk_client.test.mjs with the MCP TypeScript SDK from npm, installed (from the committed
-# lock file) into a folder of the build tree. Exits 77, which ctest reports as skipped, when
+# lock file) into a folder of the build tree, inside a private test desktop on Linux. Exits 77, which ctest reports as skipped, when
 # Node, npm or the registry is not there.
 #   run_sdk_test.sh SOURCE_DIR WORK_DIR AGENT CTL
 set -euo pipefail
@@ -20,4 +20,10 @@ if ! cmp -s "$source_dir/package-lock.json" "$work/node_modules/.tervain-lock" 2
   cp "$source_dir/package-lock.json" "$work/node_modules/.tervain-lock"
 fi
 cd "$work"
-TERVAIN_AGENT="$agent" TERVAIN_CTL="$ctl" exec node --test --test-reporter=tap sdk_client.test.mjs
+export TERVAIN_AGENT="$agent" TERVAIN_CTL="$ctl"
+# Inside a private test desktop where there can be one, for the cases that need a real screen.
+desktop="$source_dir/../../scripts/desktop"
+if [[ "$(uname -s)" == Linux && -x "$desktop" ]]; then
+  TERVAIN_SKIP_DEPS=1 TERVAIN_MCP_DESKTOP=1 exec "$desktop" node --test --test-reporter=tap sdk_client.test.mjs
+fi
+exec node --test --test-reporter=tap sdk_client.test.mjs

@@ -28,8 +28,8 @@ let dir;
 const agents = [];
 
 // Starts an agent on socket, resolving once it accepts connections (bounded: 10 s).
-async function startAgent(socket) {
-  const child = spawn(agentPath, ['--unix', socket], {
+async function startAgent(socket, desktop = 'headless') {
+  const child = spawn(agentPath, ['--unix', socket, '--desktop', desktop], {
     env: { ...process.env, TERVAIN_DULK_DISABLE: '1' },
     stdio: ['ignore', 'ignore', 'inherit'],
   });
@@ -169,11 +169,61 @@ test('a refusal of the agent is an error result with its message', async () => {
   assert.equal(textOf(result), kScreenGrant);
 });
 
-// Desktop cases, run under scripts/desktop once the X11 desktop and its accessibility land:
-// screenshot returns an image block that decodes at the asked maxWidth, and find +
-// element_action press a button of gtk3-widget-factory (its label changes in tree).
-test('screenshot image and find + element_action on gtk3-widget-factory',
-  { skip: 'comes with the X11 desktop and the find operation (scripts/desktop)' }, () => {});
+// The pixel size a JPEG's frame header gives.
+function jpegSize(bytes) {
+  for (let i = 2; i + 9 < bytes.length;) {
+    if (bytes[i] !== 0xff) return null;
+    const marker = bytes[i + 1];
+    if (marker >= 0xc0 && marker <= 0xc3) {
+      return { height: bytes.readUInt16BE(i + 5), width: bytes.readUInt16BE(i + 7) };
+    }
+    i += 2 + bytes.readUInt16BE(i + 2);
+  }
+  return null;
+}
+
+// run_sdk_test.sh runs this file inside a private test desktop (scripts/desktop) where it can;
+// the agents above are headless all the same, this one drives the X display.
+test('on a real desktop: a screenshot image, and tree + element_action in gtk3-widget-factory',
+  { skip: process.env.TERVAIN_MCP_DESKTOP ? false : 'no test desktop (run under scripts/desktop)' },
+  async () => {
+    const socket = path.join(dir, 'x11.sock');
+    await startAgent(socket, 'x11');
+    const factory = spawn('gtk3-widget-factory', [], { stdio: 'ignore' });
+    const desktop = await connectClient(`unix:${socket}`);
+    try {
+      const shot = await desktop.callTool({ name: 'screenshot', arguments: { maxWidth: 800 } });
+      assert.equal(shot.isError, false, textOf(shot));
+      const image = shot.content.find((c) => c.type === 'image');
+      assert.equal(image.mimeType, 'image/jpeg');
+      const size = jpegSize(Buffer.from(image.data, 'base64'));
+      assert.equal(size?.width, 800, 'the image is scaled to maxWidth');
+      assert.equal(size?.height, 450, 'keeping the 1920x1080 screen\'s aspect ratio');
+
+      const pageLine = (tree, title) => tree.split('\n').find((l) => l.includes(`AXRadioButton "${title}"`));
+      let tree = '';
+      for (let i = 0; i < 100 && !pageLine(tree, 'Page 2'); ++i) {
+        if (i > 0) await new Promise((r) => setTimeout(r, 200));
+        tree = textOf(await desktop.callTool({ name: 'tree', arguments: { pid: factory.pid } }));
+      }
+      const page2 = pageLine(tree, 'Page 2');
+      assert.ok(page2, `no "Page 2" radio button in the tree:\n${tree.slice(0, 2000)}`);
+      assert.match(page2, /value="0"/);
+      const ref = page2.trim().split(' ')[0];
+      const pressed = await desktop.callTool({ name: 'element_action', arguments: { ref } });
+      assert.equal(pressed.isError, false, textOf(pressed));
+      let after = '';
+      for (let i = 0; i < 25 && !/value="1"/.test(pageLine(after, 'Page 2') ?? ''); ++i) {
+        await new Promise((r) => setTimeout(r, 200));
+        after = textOf(await desktop.callTool({ name: 'tree', arguments: { pid: factory.pid } }));
+      }
+      assert.match(pageLine(after, 'Page 2') ?? '', /value="1"/, 'pressing Page 2 selects it');
+      assert.match(pageLine(after, 'Page 1') ?? '', /value="0"/);
+    } finally {
+      await desktop.close();
+      factory.kill('SIGTERM');
+    }
+  });
 
 test('calls in flight are answered in any order', async () => {
   const gate = path.join(dir, 'gate');
