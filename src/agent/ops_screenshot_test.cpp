@@ -3,7 +3,10 @@
 #include <chrono>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "agent/connection_handler.h"
@@ -98,6 +101,93 @@ TEST_F(ScreenshotTest, ReplyCarriesTheImageAsBase64AndItsSize) {
   EXPECT_TRUE(asked.showsCursor);
   EXPECT_EQ(asked.format, ImageFormat::jpeg);
   EXPECT_EQ(asked.quality, 0.7);
+}
+
+// Options on a 1440x900-point display at 2 pixels a point: what the platform is asked for and
+// what the reply says. The platform delivers the size it was asked for.
+TEST_F(ScreenshotTest, OptionsNarrowScaleAndEncodeAndTheReplyMapsImagePixelsToPoints) {
+  desktop.onCapture = [](int, std::int64_t w, std::int64_t h) {
+    CapturedImage image;
+    image.bytes = "img";
+    image.width = w;
+    image.height = h;
+    return image;
+  };
+  struct Case {
+    const char* options;
+    std::int64_t width, height;  // asked of the platform, and the image's size
+    std::optional<Rect> region;  // asked of the platform
+    ImageFormat format;
+    double quality;
+    const char* replyRegion;  // the reply's "region"
+    double scale;             // the reply's image pixels per point
+  };
+  const Case cases[] = {
+      {R"("region":{"x":100,"y":50,"w":400,"h":300})", 800, 600, Rect{100, 50, 400, 300},
+       ImageFormat::jpeg, 0.7, R"({"x":100.0,"y":50.0,"w":400.0,"h":300.0})", 2.0},
+      // Cut to the display.
+      {R"("region":{"x":-10,"y":800,"w":100,"h":500})", 180, 200, Rect{0, 800, 90, 100},
+       ImageFormat::jpeg, 0.7, R"({"x":0.0,"y":800.0,"w":90.0,"h":100.0})", 2.0},
+      // Scaled down, never up, keeping the aspect ratio; the tighter limit wins.
+      {R"("maxWidth":1440)", 1440, 900, std::nullopt, ImageFormat::jpeg, 0.7,
+       R"({"x":0.0,"y":0.0,"w":1440.0,"h":900.0})", 1.0},
+      {R"("maxWidth":1440,"maxHeight":450)", 720, 450, std::nullopt, ImageFormat::jpeg, 0.7,
+       R"({"x":0.0,"y":0.0,"w":1440.0,"h":900.0})", 0.5},
+      {R"("maxWidth":5000)", 2880, 1800, std::nullopt, ImageFormat::jpeg, 0.7,
+       R"({"x":0.0,"y":0.0,"w":1440.0,"h":900.0})", 2.0},
+      {R"("maxHeight":1)", 1, 1, std::nullopt, ImageFormat::jpeg, 0.7,
+       R"({"x":0.0,"y":0.0,"w":1440.0,"h":900.0})", 1.0 / 1440},
+      {R"("format":"png")", 2880, 1800, std::nullopt, ImageFormat::png, 0.7,
+       R"({"x":0.0,"y":0.0,"w":1440.0,"h":900.0})", 2.0},
+      {R"("format":"jpeg","quality":0.25)", 2880, 1800, std::nullopt, ImageFormat::jpeg, 0.25,
+       R"({"x":0.0,"y":0.0,"w":1440.0,"h":900.0})", 2.0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.options);
+    const std::size_t earlier = desktop.captures().size();
+    const Json sent = wire(std::string(R"({"op":"screenshot",)") + c.options + "}");
+    ASSERT_EQ(sent["ok"], true) << sent.dump();
+    const CaptureRequest asked = desktop.captures().at(earlier).request;
+    EXPECT_EQ(asked.pixelWidth, c.width);
+    EXPECT_EQ(asked.pixelHeight, c.height);
+    EXPECT_EQ(asked.region.has_value(), c.region.has_value());
+    if (asked.region && c.region) {
+      EXPECT_EQ(std::tie(asked.region->x, asked.region->y, asked.region->width, asked.region->height),
+                std::tie(c.region->x, c.region->y, c.region->width, c.region->height));
+    }
+    EXPECT_EQ(asked.format, c.format);
+    EXPECT_EQ(asked.quality, c.quality);
+    EXPECT_EQ(sent["format"], c.format == ImageFormat::png ? "png" : "jpeg");
+    EXPECT_EQ(sent["width"], c.width);
+    EXPECT_EQ(sent["height"], c.height);
+    EXPECT_EQ(sent["region"], Json::parse(c.replyRegion));
+    EXPECT_DOUBLE_EQ(sent["scale"].get<double>(), c.scale);
+  }
+}
+
+TEST_F(ScreenshotTest, BadOptionsAreRefusedBeforeAnyCapture) {
+  const std::string region = R"(screenshot "region" needs numbers x, y, w and h (points), w and h above 0)";
+  const std::string limit = R"(" must be a whole number of pixels, at least 1)";
+  const std::pair<const char*, std::string> cases[] = {
+      {R"("region":{"x":0,"y":0,"w":10})", region},
+      {R"("region":{"x":0,"y":0,"w":0,"h":10})", region},
+      {R"("region":{"x":"0","y":0,"w":10,"h":10})", region},
+      {R"("region":[0,0,10,10])", region},
+      {R"("maxWidth":0)", std::string(R"(screenshot "maxWidth)") + limit},
+      {R"("maxHeight":2.5)", std::string(R"(screenshot "maxHeight)") + limit},
+      {R"("format":"bmp")", R"(screenshot "format" must be "jpeg" or "png")"},
+      {R"("quality":0.05)", R"(screenshot "quality" must be a number from 0.1 to 1.0)"},
+      {R"("quality":1.5)", R"(screenshot "quality" must be a number from 0.1 to 1.0)"},
+      {R"("format":"png","quality":0.5)", R"(screenshot "quality" applies to JPEG only, not to "png")"},
+  };
+  for (const auto& [options, message] : cases) {
+    const Json sent = wire(std::string(R"({"op":"screenshot",)") + options + "}");
+    EXPECT_EQ(sent, Json({{"ok", false}, {"error", message}})) << options;
+  }
+  // A region wholly off the display is known only once the display's size is.
+  EXPECT_EQ(wire(R"({"op":"screenshot","region":{"x":1440,"y":0,"w":10,"h":10}})")["error"],
+            R"(screenshot "region" lies outside the display)");
+  EXPECT_TRUE(desktop.captures().empty());
 }
 
 TEST_F(ScreenshotTest, PixelSizeIsTheTruncatedProductInDoubles) {

@@ -176,6 +176,16 @@ Result<Screenshot> parseScreenshot(const Json& reply) {
   if (const auto s = reply.find("scale"); s != reply.end() && s->is_number()) {
     result.value.scale = s->get<double>();
   }
+  if (const auto f = reply.find("format"); f != reply.end() && f->is_string()) {
+    result.value.format = f->get<std::string>();
+  }
+  if (const auto r = reply.find("region"); r != reply.end() && r->is_object()) {
+    const auto number = [&r](const char* key) {
+      const auto v = r->find(key);
+      return v != r->end() && v->is_number() ? v->get<double>() : 0.0;
+    };
+    result.value.region = PointRect{number("x"), number("y"), number("w"), number("h")};
+  }
   return result;
 }
 
@@ -401,6 +411,17 @@ Result<Done> Connection::key(const std::string& chord) {
 Result<Screenshot> Connection::screenshot(std::optional<std::int64_t> display) {
   Json request = {{"op", "screenshot"}};
   if (display) request["display"] = *display;
+  return parseScreenshot(call(request));
+}
+
+Result<Screenshot> Connection::screenshot(const ScreenshotRequest& options) {
+  Json request = {{"op", "screenshot"}};
+  if (options.display) request["display"] = *options.display;
+  if (const auto& r = options.region) request["region"] = {{"x", r->x}, {"y", r->y}, {"w", r->w}, {"h", r->h}};
+  if (options.maxWidth) request["maxWidth"] = *options.maxWidth;
+  if (options.maxHeight) request["maxHeight"] = *options.maxHeight;
+  if (options.png) request["format"] = "png";
+  if (options.quality) request["quality"] = *options.quality;
   return parseScreenshot(call(request));
 }
 

@@ -155,11 +155,33 @@ struct ActionOutcome {
   std::optional<std::string> note;
 };
 
+// A rectangle in points, which need not be whole.
+struct PointRect {
+  double x = 0;
+  double y = 0;
+  double w = 0;
+  double h = 0;
+};
+
 struct Screenshot {
-  std::string jpeg;  // decoded image bytes
+  std::string jpeg;  // decoded image bytes: a JPEG, or a PNG when format says so
+  std::string format = "jpeg";
   std::int64_t width = 0;
   std::int64_t height = 0;
-  double scale = 0;
+  double scale = 0;  // image pixels per point
+  // The part of the display the image shows, when the request asked for any option: a point
+  // of the display is region origin + image pixel / scale.
+  std::optional<PointRect> region;
+};
+
+// A screenshot with options; all absent gives the plain capture.
+struct ScreenshotRequest {
+  std::optional<std::int64_t> display;
+  std::optional<PointRect> region;
+  std::optional<std::int64_t> maxWidth;
+  std::optional<std::int64_t> maxHeight;
+  bool png = false;
+  std::optional<double> quality;  // 0.1 to 1.0, JPEG only
 };
 
 enum class MouseButton { left, right, middle };
@@ -259,6 +281,7 @@ class Connection {
   Result<Done> type(const std::string& text);
   Result<Done> key(const std::string& chord);
   Result<Screenshot> screenshot(std::optional<std::int64_t> display = {});
+  Result<Screenshot> screenshot(const ScreenshotRequest& request);
   Result<Done> launchApp(const std::string& name);
   Result<ShellEvents> shellEvents(const ShellEventsRequest& request = {});
   // Deletes the event files that a drain with listFiles delivered, each only while it still has
