@@ -194,8 +194,9 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
             "agent protocol v2, build " TERVAIN_VERSION "\n"
             "displays: none\n"
             "grants: accessibility no, screen recording no, input synthesis no\n"
-            "operations: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
-            "ax_set_value ax_focus click move drag type key scroll cursor_position launch_app\n");
+            "features: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
+            "ax_set_value ax_focus click move drag type key scroll cursor_position launch_app "
+            "screenshot.region screenshot.maxSize screenshot.png screenshot.quality\n");
   const CtlResult json = run({"ping", "--json"});
   EXPECT_EQ(json.status, 0);
   EXPECT_EQ(Json::parse(json.out)["version"], 2);

@@ -53,10 +53,13 @@ TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
   desktop.screenRecording = false;
   desktop.postEvents = false;
   Json ping = reply(R"({"op":"ping","extra":[1]})");
-  // Every operation the agent answers, streaming ones included, in table order.
+  // Every operation the agent answers, streaming ones included, in table order, then options.
   Json features = Json::array();
   for (const Operation& operation : operationTable()) features.push_back(operation.name);
   ASSERT_EQ(features.size(), 17u);
+  for (const char* option : {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality"}) {
+    features.push_back(option);
+  }
   EXPECT_EQ(ping["features"], features);
   EXPECT_EQ(ping["agentVersion"], TERVAIN_VERSION);
   ping.erase("features");

@@ -26,9 +26,13 @@ Reply opPing(OperationContext& context, const Json&) {
   const bool screenRecording = desktop.screenCaptureAccess();
   const bool postEvent = desktop.postEventAccess();
 
-  // Every operation this agent answers, so a host can tell what an older agent lacks.
+  // Every operation this agent answers, then the options that came after the operation did, so
+  // a host can tell what an older agent lacks.
   Json features = Json::array();
   for (const Operation& operation : operationTable()) features.push_back(operation.name);
+  for (const char* option : {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality"}) {
+    features.push_back(option);
+  }
 
   Reply reply;
   reply.body["version"] = AgentWire::version;

@@ -40,7 +40,7 @@ std::string renderPing(const PingInfo& ping) {
   out += std::string("grants: accessibility ") + yesNo(r.accessibility) + ", screen recording " +
          yesNo(r.screenRecording) + ", input synthesis " + yesNo(r.postEvent) + "\n";
   if (!ping.features.empty()) {
-    out += "operations:";
+    out += "features:";
     for (const std::string& name : ping.features) out += " " + name;
     out += "\n";
   }

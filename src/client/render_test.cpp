@@ -25,7 +25,7 @@ TEST(RenderTest, PingSummaryListsDisplaysAndOperations) {
             "  1: 2880x1800 pixels (main)\n"
             "  5: 1920x1080 pixels\n"
             "grants: accessibility yes, screen recording no, input synthesis yes\n"
-            "operations: exec ping\n");
+            "features: exec ping\n");
 }
 
 TEST(RenderTest, NodeShowsRefRoleTitleValueFrameAndState) {
