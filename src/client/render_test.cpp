@@ -5,13 +5,6 @@
 namespace tervain::client {
 namespace {
 
-TEST(RenderTest, PingSummaryWithoutDisplaysOrGrants) {
-  EXPECT_EQ(renderPing({.version = 2}),
-            "agent protocol v2\n"
-            "displays: none\n"
-            "grants: accessibility no, screen recording no, input synthesis no\n");
-}
-
 TEST(RenderTest, PingSummaryListsDisplays) {
   PingInfo ping{.version = 2,
                 .displays = {{.id = 1, .width = 2880, .height = 1800, .main = true},
