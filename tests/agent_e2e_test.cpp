@@ -92,7 +92,12 @@ TEST(AgentE2ETest, ALineJustUnderTheBoundIsAnswered) {
   const std::size_t padding = 4 * 1024 * 1024 - head.size() - tail.size();
   std::string line = head + std::string(padding, 'p') + tail;
   ASSERT_EQ(line.size(), 4u * 1024 * 1024);
-  std::thread writer([&] { client.send(line + "\n"); });
+  // The line feed comes a moment later, so the agent holds exactly the bound unanswered first.
+  std::thread writer([&] {
+    client.send(line);
+    std::this_thread::sleep_for(500ms);
+    client.send("\n");
+  });
   const auto reply = client.readLine(30s);
   writer.join();
   ASSERT_TRUE(reply);

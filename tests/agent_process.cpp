@@ -16,6 +16,7 @@
 #include <stdexcept>
 
 
+#include "child_process.h"
 #include "vsock/tervain_vsock.h"
 
 extern char** environ;
@@ -41,6 +42,59 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
   std::error_code ignored;
   std::filesystem::remove_all(dir, ignored);
+}
+
+pid_t spawnProgram(const std::vector<std::string>& argv, const SpawnOptions& options) {
+  std::map<std::string, std::string> env;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string entry(*e);
+    const auto eq = entry.find('=');
+    if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
+  }
+  for (const auto& name : options.unsetEnv) env.erase(name);
+  for (const auto& [k, v] : options.env) env[k] = v;
+  std::vector<std::string> args = argv;
+  std::vector<std::string> envStrings;
+  for (const auto& [k, v] : env) envStrings.push_back(k + "=" + v);
+  std::vector<char*> argvPtrs, envPtrs;
+  for (auto& a : args) argvPtrs.push_back(a.data());
+  argvPtrs.push_back(nullptr);
+  for (auto& e : envStrings) envPtrs.push_back(e.data());
+  envPtrs.push_back(nullptr);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  const int streams[] = {options.stdinFd, options.stdoutFd, options.stderrFd};
+  for (int target = 0; target < 3; ++target) {
+    if (streams[target] >= 0) posix_spawn_file_actions_adddup2(&actions, streams[target], target);
+  }
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  if (options.newGroup) {
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attributes, 0);
+  }
+  pid_t pid = -1;
+  const int rc =
+      ::posix_spawn(&pid, argvPtrs[0], &actions, &attributes, argvPtrs.data(), envPtrs.data());
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) {
+    errno = rc;
+    return -1;
+  }
+  return pid;
+}
+
+std::optional<int> waitForChild(pid_t pid, std::chrono::milliseconds limit) {
+  const auto deadline = Clock::now() + limit;
+  for (;;) {
+    int status = 0;
+    const pid_t done = pid > 0 ? ::waitpid(pid, &status, WNOHANG) : -1;
+    if (done == pid) return status;
+    if (done < 0 || Clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(2ms);
+  }
 }
 
 LineClient::~LineClient() { close(); }
@@ -138,35 +192,17 @@ AgentProcess::AgentProcess(Options options) {
     args.insert(args.begin(), {"/bin/sh", "-c", options.prelude + "\nexec \"$0\" \"$@\""});
   }
 
-  std::map<std::string, std::string> env;
-  for (char** e = environ; *e != nullptr; ++e) {
-    const std::string entry(*e);
-    const auto eq = entry.find('=');
-    if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (const auto& name : options.unsetEnv) env.erase(name);
-  for (const auto& [k, v] : options.env) env[k] = v;
-
-  std::vector<std::string> envStrings;
-  for (const auto& [k, v] : env) envStrings.push_back(k + "=" + v);
-  std::vector<char*> argv, envp;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  for (auto& e : envStrings) envp.push_back(e.data());
-  envp.push_back(nullptr);
-
   int pipeFds[2];
   if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
-  const int rc = ::posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
+  child = spawnProgram(args, {.env = options.env,
+                              .unsetEnv = options.unsetEnv,
+                              .stdoutFd = pipeFds[1],
+                              .stderrFd = pipeFds[1]});
+  const int spawnError = errno;
   ::close(pipeFds[1]);
-  if (rc != 0) {
+  if (child < 0) {
     ::close(pipeFds[0]);
-    throw std::runtime_error(std::string("could not start the agent: ") + std::strerror(rc));
+    throw std::runtime_error(std::string("could not start the agent: ") + std::strerror(spawnError));
   }
   stderrFd = pipeFds[0];
   reader = std::thread([this] {

@@ -7,12 +7,18 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string_view>
 #include <thread>
 
+#include "child_process.h"
+
 namespace tervain::testing {
+
+using namespace std::chrono_literals;
+
 namespace {
 
 // Runs inside the desktop: starts the applications, reports the environment, and waits for its
@@ -54,34 +60,23 @@ DesktopSession::DesktopSession(const std::vector<std::string>& applications) {
   std::vector<std::string> argv = {TERVAIN_SOURCE_DIR "/scripts/desktop", "sh", "-c", kInside,
                                    "inside", report};
   argv.insert(argv.end(), applications.begin(), applications.end());
-  // Everything the child needs is built before fork: only async-signal-safe calls after it.
-  std::vector<char*> args;
-  for (std::string& a : argv) args.push_back(a.data());
-  args.push_back(nullptr);
-  std::vector<std::string> environment = {"TERVAIN_SKIP_DEPS=1"};
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (std::string_view(*e).rfind("TERVAIN_SKIP_DEPS=", 0) != 0) environment.emplace_back(*e);
-  }
-  std::vector<char*> envp;
-  for (std::string& e : environment) envp.push_back(e.data());
-  envp.push_back(nullptr);
   const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  script = fork();
-  if (script == 0) {
-    dup2(input[0], 0);
-    dup2(devnull, 1);
-    execve(args[0], args.data(), envp.data());
-    _exit(127);
-  }
+  script = spawnProgram(argv, {.env = {{"TERVAIN_SKIP_DEPS", "1"}},
+                               .stdinFd = input[0],
+                               .stdoutFd = devnull,
+                               .newGroup = true});
   close(devnull);
   close(input[0]);
   holdFd = input[1];
+  if (script < 0) {
+    failure = "scripts/desktop could not be started";
+    return;
+  }
 
   std::string text;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (!readFile(report, text)) {
-    int status = 0;
-    if (waitpid(script, &status, WNOHANG) == script) {
+    if (waitForChild(script, 0ms)) {
       script = -1;
       failure = "scripts/desktop exited before the desktop came up";
       return;
@@ -113,23 +108,13 @@ DesktopSession::DesktopSession(const std::vector<std::string>& applications) {
 
 DesktopSession::~DesktopSession() {
   if (holdFd >= 0) close(holdFd);
-  if (script > 0) {
-    // The desktop stops its applications and then itself; bounded, then forced.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    int status = 0;
-    while (waitpid(script, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        kill(script, SIGKILL);
-        waitpid(script, &status, 0);
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+  // The desktop stops its applications and then itself; bounded, then forced.
+  if (script > 0 && !waitForChild(script, 15s)) {
+    kill(-script, SIGKILL);
+    waitForChild(script, 5s);
   }
-  if (!dir.empty()) {
-    const std::string command = "rm -rf '" + dir + "'";
-    [[maybe_unused]] const int ignored = std::system(command.c_str());
-  }
+  std::error_code ignored;
+  if (!dir.empty()) std::filesystem::remove_all(dir, ignored);
 }
 
 }  // namespace tervain::testing

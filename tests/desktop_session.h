@@ -1,6 +1,8 @@
-// A private headless desktop for one group of tests: scripts/desktop running the named
-// applications until the session is destroyed. The desktop ends when the session closes the
-// pipe it holds, so a test process that dies takes its desktop with it.
+// A private headless desktop: scripts/desktop running the named applications until the session
+// is destroyed. The desktop ends when the session closes the pipe it holds, so a test process
+// that dies takes its desktop with it. The desktop tests run in one shared by the whole binary
+// (its main starts it and copies its environment into the process); a group of tests that needs
+// applications of its own starts another.
 #pragma once
 
 #include <sys/types.h>
@@ -40,4 +42,15 @@ class DesktopSession {
   std::vector<pid_t> applicationPids;
 };
 
+// Why the shared desktop of the desktop tests cannot run here (empty when it can).
+const std::string& desktopUnavailable();
+
 }  // namespace tervain::testing
+
+// At the top of a desktop test: skips it, with the reason, when there is no desktop.
+#define REQUIRE_TEST_DESKTOP()                                                     \
+  do {                                                                             \
+    if (!::tervain::testing::desktopUnavailable().empty()) {                       \
+      GTEST_SKIP() << ::tervain::testing::desktopUnavailable();                    \
+    }                                                                              \
+  } while (false)

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <random>
 #include <thread>
 
@@ -44,8 +43,10 @@ int groupFromFirstFrame(LineClient& client) {
 TEST(ExecE2ETest, OutputThenExitThenTheConnectionCloses) {
   AgentProcess agent(fallbackShell());
   LineClient client = agent.connect();
-  // The ping in the same write belongs to the exec stream and is never answered.
-  ASSERT_TRUE(client.send(execLine("echo hello; echo oops >&2") + "{\"op\":\"ping\"}\n"));
+  // What follows the exec line in the same write belongs to the command: the ping is an unknown
+  // frame, never answered, and the "i" frame is the command's input.
+  ASSERT_TRUE(client.send(execLine("cat; echo oops >&2") + "{\"op\":\"ping\"}\n" +
+                          stdinFrame("hello\n") + "{\"t\":\"eof\"}\n"));
   const ExecTranscript t = readExecFrames(client);
   EXPECT_EQ(t.out, "hello\n");
   EXPECT_EQ(t.err, "oops\n");
@@ -55,15 +56,6 @@ TEST(ExecE2ETest, OutputThenExitThenTheConnectionCloses) {
   EXPECT_TRUE(agent.waitForLog("host disconnected (fd "));
 }
 
-TEST(ExecE2ETest, StdinFramesInTheSameWriteAsTheRequest) {
-  AgentProcess agent(fallbackShell());
-  LineClient client = agent.connect();
-  ASSERT_TRUE(client.send(execLine("cat") + "{\"t\":\"i\",\"d\":\"aGkK\"}\n{\"t\":\"eof\"}\n"));
-  const ExecTranscript t = readExecFrames(client);
-  EXPECT_EQ(t.out, "hi\n");
-  EXPECT_EQ(t.code, 0);
-}
-
 TEST(ExecE2ETest, ABadCommandGetsAnErrorFrameOnlyAndNothingRuns) {
   AgentProcess agent(fallbackShell());
   const struct {
@@ -71,6 +63,8 @@ TEST(ExecE2ETest, ABadCommandGetsAnErrorFrameOnlyAndNothingRuns) {
     std::string error;  // a part of the message
   } cases[] = {
       {"{\"op\":\"exec\",\"command\":42}", "exec requires a \"command\" string"},
+      {"{\"op\":\"exec\"}", "exec requires a \"command\" string"},
+      {"{\"op\":\"exec\",\"command\":null}", "exec requires a \"command\" string"},
       // A C string would end at the NUL: only "echo first" would run, and succeed.
       {R"({"op":"exec","command":"echo first\u0000; echo second"})", "NUL byte at offset 10"},
   };
@@ -84,48 +78,6 @@ TEST(ExecE2ETest, ABadCommandGetsAnErrorFrameOnlyAndNothingRuns) {
   }
 }
 
-TEST(ExecE2ETest, ExitCodesAndSignals) {
-  AgentProcess agent(fallbackShell());
-  {
-    LineClient client = agent.connect();
-    ASSERT_TRUE(client.send(execLine("exit 3")));
-    EXPECT_EQ(readExecFrames(client).code, 3);
-  }
-  {
-    LineClient client = agent.connect();
-    ASSERT_TRUE(client.send(execLine("kill -9 $$")));
-    EXPECT_EQ(readExecFrames(client).code, 137);
-  }
-  {
-    LineClient client = agent.connect();
-    ASSERT_TRUE(client.send(execLine("echo $$; sleep 30")));
-    ASSERT_GT(groupFromFirstFrame(client), 1);
-    ASSERT_TRUE(client.send("{\"t\":\"sig\",\"n\":15}\n"));
-    EXPECT_EQ(readExecFrames(client).code, 143);
-  }
-}
-
-TEST(ExecE2ETest, LargeOutputIsChunkedAndReassembled) {
-  AgentProcess agent(fallbackShell());
-  LineClient client = agent.connect();
-  ASSERT_TRUE(client.send(execLine("head -c 1000000 /dev/zero | tr '\\0' 'q'")));
-  const ExecTranscript t = readExecFrames(client);
-  EXPECT_EQ(t.code, 0);
-  EXPECT_EQ(t.out, std::string(1000000, 'q'));
-  EXPECT_LE(t.largestChunk, 65536u);
-}
-
-TEST(ExecE2ETest, ABackgroundJobHoldingStdoutDelaysTheExitFrameOnlyByTheGrace) {
-  AgentProcess agent(fallbackShell());
-  LineClient client = agent.connect();
-  ASSERT_TRUE(client.send(execLine("echo $$; sleep 30 & exit 5")));
-  const int group = groupFromFirstFrame(client);
-  ASSERT_GT(group, 1);
-  EXPECT_EQ(readExecFrames(client, std::chrono::seconds(15)).code, 5);
-  EXPECT_TRUE(client.closedByPeer());
-  killGroup(group);
-}
-
 TEST(ExecE2ETest, AHostThatGoesAwayLeavesNoProcessOfTheGroupAndNoZombie) {
   if (!procAvailable()) GTEST_SKIP() << "needs /proc";
   AgentProcess agent(fallbackShell());
@@ -136,7 +88,7 @@ TEST(ExecE2ETest, AHostThatGoesAwayLeavesNoProcessOfTheGroupAndNoZombie) {
   client.close();
   ASSERT_TRUE(agent.waitForLog("host disconnected (fd "));
   EXPECT_TRUE(groupGone(group));
-  EXPECT_TRUE(zombieChildrenOf(agent.pid()).empty());
+  EXPECT_FALSE(hasZombieChildren(agent.pid()));
   EXPECT_TRUE(agent.running());
 }
 
@@ -163,83 +115,49 @@ std::string odHex(const std::string& bytes) {
 }
 
 // The host sends its stdin from one thread while reading every frame on another, as tervainctl
-// does; a command whose output backs up must not cost any of its input.
-TEST(ExecE2ETest, LargeStdinComesOutWholeThroughCommandsThatWriteAsTheyRead) {
+// does; a command whose output backs up (three bytes out for each byte in) must not cost any of
+// its input.
+TEST(ExecE2ETest, LargeStdinComesOutWholeThroughACommandWhoseOutputBacksUp) {
   AgentProcess agent(fallbackShell());
-  const struct {
-    const char* command;
-    std::size_t inputBytes;
-    std::size_t frameBytes;
-    std::function<std::string(const std::string&)> expected;
-  } cases[] = {
-      {"cat", 6 << 20, 3 << 20, [](const std::string& in) { return in; }},
-      {"od -An -tx1 -v", 1 << 20, 32 << 10, odHex},  // three bytes out for each byte in
-  };
-  for (const auto& c : cases) {
-    const std::string input = randomBytes(c.inputBytes);
-    LineClient client = agent.connect();
-    ASSERT_TRUE(client.send(execLine(c.command)));
-    std::thread sender([&] {
-      for (std::size_t at = 0; at < input.size(); at += c.frameBytes) {
-        if (!client.send(stdinFrame(std::string_view(input).substr(at, c.frameBytes)))) return;
-      }
-      client.send("{\"t\":\"eof\"}\n");
-    });
-    const ExecTranscript t = readExecFrames(client, std::chrono::seconds(60));
-    sender.join();
-    const std::string expected = c.expected(input);
-    EXPECT_EQ(t.code, 0) << c.command;
-    EXPECT_EQ(t.out.size(), expected.size()) << c.command;
-    EXPECT_TRUE(t.out == expected) << c.command;
-  }
+  const std::string input = randomBytes(1 << 20);
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send(execLine("od -An -tx1 -v")));
+  std::thread sender([&] {
+    for (std::size_t at = 0; at < input.size(); at += 32 << 10) {
+      if (!client.send(stdinFrame(std::string_view(input).substr(at, 32 << 10)))) return;
+    }
+    client.send("{\"t\":\"eof\"}\n");
+  });
+  const ExecTranscript t = readExecFrames(client, std::chrono::seconds(60));
+  sender.join();
+  const std::string expected = odHex(input);
+  EXPECT_EQ(t.code, 0);
+  EXPECT_EQ(t.out.size(), expected.size());
+  EXPECT_TRUE(t.out == expected);
 }
 
-// Output the command wrote before it exited is delivered however slowly the host reads it; the
-// pipe grace is no deadline for that.
+// Output the command wrote before it exited is delivered however slowly the host reads it: a
+// host that stops reading for longer than the pipe grace still gets every byte.
 TEST(ExecE2ETest, OutputWrittenBeforeTheExitReachesASlowHost) {
   AgentProcess agent(fallbackShell());
-  using Clock = std::chrono::steady_clock;
-  struct Case {
-    const char* name;
-    std::size_t bytes;
-    std::function<void(std::size_t received, Clock::duration elapsed)> pace;
-  };
-  Case cases[] = {
-      {"pauses 3 s after 150 KB", 900000,
-       [paused = false](std::size_t received, Clock::duration) mutable {
-         if (received >= 150000 && !paused) {
-           paused = true;
-           std::this_thread::sleep_for(std::chrono::seconds(3));
-         }
-       }},
-      {"reads at 100 KB/s", 600000,
-       [](std::size_t received, Clock::duration elapsed) {
-         const auto due = std::chrono::milliseconds(received / 100);
-         if (due > elapsed) std::this_thread::sleep_for(due - elapsed);
-       }},
-  };
-  // The two hosts read at the same time, each on a connection of its own.
-  std::vector<std::thread> hosts;
-  for (Case& c : cases) {
-    hosts.emplace_back([&agent, &c] {
-      LineClient client = agent.connect();
-      ASSERT_TRUE(client.send(execLine("head -c " + std::to_string(c.bytes) + " /dev/zero")));
-      const auto start = Clock::now();
-      std::size_t received = 0;
-      std::optional<int> code;
-      for (int frames = 0; frames < 10000 && !code; ++frames) {
-        const std::optional<std::string> line = client.readLine(std::chrono::seconds(20));
-        if (!line) break;
-        const Json frame = Json::parse(*line, nullptr, false);
-        if (frame.value("t", "") == "x") code = frame.value("code", -2);
-        received += base64::decode(frame.value("d", "")).value_or("").size();
-        c.pace(received, Clock::now() - start);
-      }
-      EXPECT_EQ(received, c.bytes) << c.name;
-      EXPECT_EQ(code, 0) << c.name;
-    });
+  LineClient client = agent.connect();
+  ASSERT_TRUE(client.send(execLine("head -c 900000 /dev/zero")));
+  std::size_t received = 0;
+  std::optional<int> code;
+  bool paused = false;
+  for (int frames = 0; frames < 10000 && !code; ++frames) {
+    const std::optional<std::string> line = client.readLine(std::chrono::seconds(20));
+    if (!line) break;
+    const Json frame = Json::parse(*line, nullptr, false);
+    if (frame.value("t", "") == "x") code = frame.value("code", -2);
+    received += base64::decode(frame.value("d", "")).value_or("").size();
+    if (received >= 150000 && !paused) {
+      paused = true;
+      std::this_thread::sleep_for(std::chrono::seconds(3));
+    }
   }
-  for (std::thread& host : hosts) host.join();
+  EXPECT_EQ(received, 900000u);
+  EXPECT_EQ(code, 0);
 }
 
 // "sig" frames and a hang-up must not wait for stdin the command does not read (it used to cost
@@ -305,7 +223,7 @@ TEST(ExecE2ETest, AnEndlessHostLineEndsItsSessionNotTheAgent) {
   EXPECT_TRUE(agent.running());
   const std::optional<std::string> pong = agent.request("{\"op\":\"ping\"}");
   EXPECT_EQ(Json::parse(pong.value_or("null"), nullptr, false).value("ok", false), true);
-  EXPECT_FALSE(liveMembersOfGroup(bystanderGroup).empty()) << "another session's command died";
+  EXPECT_TRUE(groupRuns(bystanderGroup)) << "another session's command died";
   killGroup(bystanderGroup);
 }
 
@@ -331,18 +249,6 @@ TEST(ExecE2ETest, CommandsStartWithEverySignalAtItsDefault) {
   EXPECT_EQ(std::stoull(out.substr(33, 16), nullptr, 16) & 0x7FFFFFFF, 0u) << out << "(ignored)";
   ASSERT_TRUE(client.send("{\"t\":\"sig\",\"n\":2}\n"));
   EXPECT_EQ(readExecFrames(client, std::chrono::seconds(10)).code, 130);
-}
-
-TEST(ExecE2ETest, MalformedAndUnknownHostFramesAreIgnored) {
-  AgentProcess agent(fallbackShell());
-  LineClient client = agent.connect();
-  ASSERT_TRUE(client.send(execLine("cat") +
-                          "{\"t\":\"resize\"}\n{\"t\":\"i\",\"d\":\"!!\"}\n{\"t\":\"i\"}\n[]\n"
-                          "{\"t\":\"sig\",\"n\":4294967305}\nnope\n\r\n"
-                          "{\"t\":\"i\",\"d\":\"aGkK\"}\r\n{\"t\":\"eof\"}\n"));
-  const ExecTranscript t = readExecFrames(client);
-  EXPECT_EQ(t.out, "hi\n");
-  EXPECT_EQ(t.code, 0);
 }
 
 // Without the agent shell, Linux runs the command under the user's login shell; macOS refuses.
@@ -412,11 +318,6 @@ class ShellEventsE2ETest : public ::testing::Test {
   AgentProcess agent;
 };
 
-TEST_F(ShellEventsE2ETest, NoSpoolDirectoryGivesAnEmptySuccess) {
-  EXPECT_EQ(drain({{"op", "shell-events"}}),
-            Json::parse(R"({"ok":true,"events":"","files":0,"bytes":0,"truncated":false})"));
-}
-
 TEST_F(ShellEventsE2ETest, TheDefaultSpoolIsUnderTheAgentsHome) {
   const std::string dir = home.path() + "/Library/Caches/tervain-dulk";
   writeEvent(dir, "1.jsonl", "{\"e\":1}\n");
@@ -425,22 +326,26 @@ TEST_F(ShellEventsE2ETest, TheDefaultSpoolIsUnderTheAgentsHome) {
   EXPECT_EQ(reply["bytes"], 8);
 }
 
-TEST_F(ShellEventsE2ETest, TruthyTruncateDeletesWhatWasDelivered) {
-  for (const Json& truncate : {Json(1), Json(true), Json(2.5), Json(-1)}) {
+// A truthy "truncate" deletes what was delivered, after the reply: a second request on the same
+// connection is served after the deletion. Any other value deletes nothing.
+TEST_F(ShellEventsE2ETest, OnlyATruthyTruncateDeletesWhatWasDelivered) {
+  const std::pair<Json, bool> cases[] = {
+      {Json(1), true},       {Json(true), true},   {Json(2.5), true},        {Json(-1), true},
+      {Json("true"), false}, {Json(0), false},     {Json(false), false},     {Json(0.0), false},
+      {Json(nullptr), false}, {Json::array({1}), false}, {Json::object({{"x", 1}}), false}};
+  for (const auto& [truncate, deletes] : cases) {
     writeEvent(spool.path(), "a.jsonl", "A\n");
     writeEvent(spool.path(), "b.jsonl", "B\n");
-    // Deletion follows the reply; a second request on the same connection is served after it.
     LineClient client = agent.connect();
     const std::string request =
         Json{{"op", "shell-events"}, {"dir", spool.path()}, {"truncate", truncate}}.dump() + "\n";
-    ASSERT_TRUE(client.send(request));
+    ASSERT_TRUE(client.send(request + request));
     const Json reply = Json::parse(client.readLine().value_or("null"));
     EXPECT_EQ(reply["files"], 2) << truncate;
     EXPECT_EQ(events(reply), "A\nB\n");
-    ASSERT_TRUE(client.send(request));
-    EXPECT_EQ(Json::parse(client.readLine().value_or("null"))["files"], 0) << truncate;
-    EXPECT_FALSE(std::filesystem::exists(spool.file("a.jsonl")));
-    EXPECT_FALSE(std::filesystem::exists(spool.file("b.jsonl")));
+    EXPECT_EQ(Json::parse(client.readLine().value_or("null"))["files"], deletes ? 0 : 2) << truncate;
+    EXPECT_EQ(std::filesystem::exists(spool.file("a.jsonl")), !deletes) << truncate;
+    EXPECT_EQ(std::filesystem::exists(spool.file("b.jsonl")), !deletes) << truncate;
   }
 }
 
@@ -492,23 +397,14 @@ TEST_F(ShellEventsE2ETest, ExactDeletionRemovesOnlyFilesStillAsDelivered) {
   EXPECT_EQ(events(drain({{"op", "shell-events"}, {"dir", spool.path()}})), "B\nB2\n");
 }
 
-TEST_F(ShellEventsE2ETest, OtherTruncateValuesDeleteNothing) {
-  writeEvent(spool.path(), "a.jsonl", "A\n");
-  for (const Json& truncate : {Json("true"), Json(0), Json(false), Json(0.0), Json(nullptr),
-                               Json::array({1}), Json::object({{"x", 1}})}) {
-    const Json reply = drain({{"op", "shell-events"}, {"dir", spool.path()}, {"truncate", truncate}});
-    EXPECT_EQ(reply["files"], 1) << truncate;
-    EXPECT_TRUE(std::filesystem::exists(spool.file("a.jsonl"))) << truncate;
-  }
-}
-
 TEST_F(ShellEventsE2ETest, AValueOfTheWrongTypeCountsAsAbsent) {
   writeEvent(spool.path(), "a.jsonl", std::string(200, 'a'));
   const Json reply = drain({{"op", "shell-events"}, {"dir", spool.path()}, {"maxBytes", "100"}});
   EXPECT_EQ(reply["files"], 1);
   EXPECT_EQ(reply["truncated"], false);
-  // A "dir" that is not a string drains the default spool (missing here).
-  EXPECT_EQ(drain({{"op", "shell-events"}, {"dir", 5}})["files"], 0);
+  // A "dir" that is not a string drains the default spool (missing here: an empty success).
+  EXPECT_EQ(drain({{"op", "shell-events"}, {"dir", 5}}),
+            Json::parse(R"({"ok":true,"events":"","files":0,"bytes":0,"truncated":false})"));
 }
 
 TEST_F(ShellEventsE2ETest, AnOversizedFileStaysInTheSpool) {
@@ -517,19 +413,6 @@ TEST_F(ShellEventsE2ETest, AnOversizedFileStaysInTheSpool) {
       {{"op", "shell-events"}, {"dir", spool.path()}, {"maxBytes", 100}, {"truncate", true}});
   EXPECT_EQ(reply, Json::parse(R"({"ok":true,"events":"","files":0,"bytes":0,"truncated":true})"));
   EXPECT_TRUE(std::filesystem::exists(spool.file("big.jsonl")));
-}
-
-TEST_F(ShellEventsE2ETest, TheConnectionGoesOnAfterTheReply) {
-  writeEvent(spool.path(), "a.jsonl", "A\n");
-  LineClient client = agent.connect();
-  ASSERT_TRUE(client.send(Json{{"op", "shell-events"}, {"dir", spool.path()}}.dump() +
-                          "\n{\"op\":\"ping\"}\n"));
-  const std::optional<std::string> first = client.readLine();
-  ASSERT_TRUE(first);
-  EXPECT_EQ(Json::parse(*first)["files"], 1);
-  const std::optional<std::string> second = client.readLine();
-  ASSERT_TRUE(second);
-  EXPECT_EQ(Json::parse(*second)["version"], 2);
 }
 
 }  // namespace

@@ -11,9 +11,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agent_process.h"
@@ -88,64 +90,46 @@ inline bool closeOnExecSocketPair(int pair[2]) {
   return true;
 }
 
-struct ProcInfo {
-  int pid = 0;
-  char state = '?';
-  int ppid = 0;
-  int pgrp = 0;
-};
+inline bool procAvailable() { return std::ifstream("/proc/self/stat").good(); }
 
-inline bool procAvailable() {
-  std::ifstream in("/proc/self/stat");
-  return in.good();
-}
-
-// Every process of the system as /proc shows it.
-inline std::vector<ProcInfo> allProcesses() {
-  std::vector<ProcInfo> all;
+// Whether /proc shows a process that matches: test(state, parent, group).
+inline bool anyProcess(const std::function<bool(char, int, int)>& test) {
   DIR* dir = ::opendir("/proc");
-  if (dir == nullptr) return all;
+  if (dir == nullptr) return false;
+  bool found = false;
   while (const dirent* entry = ::readdir(dir)) {
     const std::string name = entry->d_name;
-    if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) continue;
+    if (found || name.find_first_not_of("0123456789") != std::string::npos) continue;
     std::ifstream in("/proc/" + name + "/stat");
     std::string text;
-    if (!std::getline(in, text)) continue;
     // The command name may hold spaces and parentheses; the fields after it start past the last ')'.
-    const std::size_t close = text.rfind(')');
-    if (close == std::string::npos) continue;
-    std::istringstream rest(text.substr(close + 1));
-    ProcInfo info;
-    info.pid = std::atoi(name.c_str());
-    rest >> info.state >> info.ppid >> info.pgrp;
-    all.push_back(info);
+    if (!std::getline(in, text) || text.rfind(')') == std::string::npos) continue;
+    std::istringstream rest(text.substr(text.rfind(')') + 1));
+    char state = '?';
+    int parent = 0, group = 0;
+    rest >> state >> parent >> group;
+    found = test(state, parent, group);
   }
   ::closedir(dir);
-  return all;
+  return found;
 }
 
-// Processes of a group that still run (zombies left to an init that never reaps are not running).
-inline std::vector<ProcInfo> liveMembersOfGroup(int pgrp) {
-  std::vector<ProcInfo> members;
-  for (const ProcInfo& p : allProcesses()) {
-    if (p.pgrp == pgrp && p.state != 'Z' && p.state != 'X') members.push_back(p);
-  }
-  return members;
+// Whether a process of the group still runs (a zombie left to an init that never reaps does not).
+inline bool groupRuns(int pgrp) {
+  return anyProcess([pgrp](char state, int, int group) {
+    return group == pgrp && state != 'Z' && state != 'X';
+  });
 }
 
-// Zombie children of a process: children it never reaped.
-inline std::vector<ProcInfo> zombieChildrenOf(int parent) {
-  std::vector<ProcInfo> zombies;
-  for (const ProcInfo& p : allProcesses()) {
-    if (p.ppid == parent && p.state == 'Z') zombies.push_back(p);
-  }
-  return zombies;
+// Whether a process has children it never reaped.
+inline bool hasZombieChildren(int parent) {
+  return anyProcess([parent](char state, int ppid, int) { return ppid == parent && state == 'Z'; });
 }
 
-// Waits, bounded, until no live process is left in the group.
+// Waits, bounded, until no process of the group runs.
 inline bool groupGone(int pgrp, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!liveMembersOfGroup(pgrp).empty()) {
+  while (groupRuns(pgrp)) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }

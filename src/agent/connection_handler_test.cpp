@@ -32,12 +32,6 @@ TEST_F(DispatchTest, MalformedRequests) {
   }
 }
 
-TEST_F(DispatchTest, UnknownOpsNameTheProtocolVersion) {
-  EXPECT_EQ(error(R"({"op":"PING"})"), "unknown op 'PING' (agent protocol v2)");
-  EXPECT_EQ(error(R"({"op":""})"), "unknown op '' (agent protocol v2)");
-  EXPECT_EQ(error(R"({"op":"exec"})"), "unknown op 'exec' (agent protocol v2)");
-}
-
 TEST_F(DispatchTest, UnserialisableReplyBecomesTheFixedLine) {
   // An op name that is not valid UTF-8 cannot even be parsed, so it is malformed; an op whose
   // echo would be fine but long still serialises.

@@ -196,6 +196,9 @@ TEST_F(AXTest, StaleRefReplyQuotesTheRefOrAQuestionMark) {
   EXPECT_EQ(error({{"op", "ax_focus"}, {"ref", Json::array({"e1"})}}), staleText("?"));
   EXPECT_EQ(error({{"op", "ax_focus"}, {"ref", ""}}), staleText(""));
   EXPECT_EQ(error({{"op", "ax_focus"}, {"ref", "E1"}}), staleText("E1"));
+  // Before any other member is looked at.
+  EXPECT_EQ(error({{"op", "ax_action"}, {"action", 7}}), staleText("?"));
+  EXPECT_TRUE(desktop.performed.empty());
 }
 
 TEST_F(AXTest, HandlesAreReleasedOnTheNextDumpAndWithTheHandler) {
@@ -210,12 +213,6 @@ TEST_F(AXTest, HandlesAreReleasedOnTheNextDumpAndWithTheHandler) {
 }
 
 // ---- ax_dump: target, limits, reply -----------------------------------------------------------
-
-TEST_F(AXTest, DumpNeedsTheAccessibilityGrantFirst) {
-  desktop.accessibility = false;
-  EXPECT_EQ(send({{"op", "ax_dump"}, {"pid", 1e300}}), Json({{"ok", false}, {"error", kNotTrusted}}));
-  EXPECT_TRUE(desktop.applicationElementsCreated.empty());
-}
 
 TEST_F(AXTest, DumpTargetsTheFrontmostApplicationWithATimeout) {
   const ElementRef root = withRole("AXApplication", {withRole("AXWindow")});
@@ -508,10 +505,7 @@ TEST_F(AXValueTest, LongValuesKeep250Characters) {
 
 // ---- ax_element_at ---------------------------------------------------------------------------
 
-TEST_F(AXTest, ElementAtNeedsTheGrantThenIntegers) {
-  desktop.accessibility = false;
-  EXPECT_EQ(error({{"op", "ax_element_at"}}), kNotTrusted);
-  desktop.accessibility = true;
+TEST_F(AXTest, ElementAtNeedsIntegers) {
   for (const Json& request : {Json{{"op", "ax_element_at"}},
                              Json{{"op", "ax_element_at"}, {"x", 10}},
                              Json{{"op", "ax_element_at"}, {"y", 10}},
@@ -577,12 +571,18 @@ class AXActionTest : public AXTest {
   }
 };
 
-TEST_F(AXActionTest, GrantIsCheckedBeforeTheRef) {
+// Every accessibility operation checks the grant before any member, and touches nothing.
+TEST_F(AXActionTest, GrantIsCheckedBeforeAnythingElse) {
   desktop.accessibility = false;
-  for (const char* op : {"ax_action", "ax_set_value", "ax_focus"}) {
+  desktop.applicationElementsCreated.clear();
+  for (const char* op : {"ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus"}) {
     EXPECT_EQ(send({{"op", op}}), Json({{"ok", false}, {"error", kNotTrusted}})) << op;
-    EXPECT_EQ(error({{"op", op}, {"ref", "e2"}, {"value", "x"}}), kNotTrusted) << op;
+    EXPECT_EQ(error({{"op", op}, {"ref", "e2"}, {"value", "x"}, {"pid", 1e300}, {"x", 1}, {"y", 2}}),
+              kNotTrusted)
+        << op;
   }
+  EXPECT_TRUE(desktop.applicationElementsCreated.empty());
+  EXPECT_TRUE(desktop.hitTests.empty());
   EXPECT_TRUE(desktop.performed.empty());
   EXPECT_TRUE(desktop.written.empty());
 }
@@ -619,12 +619,6 @@ TEST_F(AXActionTest, FailuresNameTheActionAndTheCode) {
   // The ref stays registered: the platform decides every time.
   targetNode().performResults.clear();
   EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}}), Json({{"ok", true}}));
-}
-
-TEST_F(AXActionTest, UnknownRefIsStaleBeforeAnythingElse) {
-  EXPECT_EQ(error({{"op", "ax_action"}, {"ref", "e3"}, {"action", 7}}), staleText("e3"));
-  EXPECT_EQ(error({{"op", "ax_action"}, {"action", "AXPress"}}), staleText("?"));
-  EXPECT_TRUE(desktop.performed.empty());
 }
 
 // ---- ax_set_value ----------------------------------------------------------------------------

@@ -46,17 +46,6 @@ struct ScriptedPeer {
   }
 };
 
-TEST(ConnectionTest, TypedPingFromTheHeadlessAgent) {
-  AgentProcess agent;
-  Connection connection = Connection::open(addressOf(agent));
-  const Result<PingInfo> ping = connection.ping();
-  ASSERT_TRUE(ping.ok);
-  EXPECT_EQ(ping.value.version, 2);
-  EXPECT_TRUE(ping.value.displays.empty());
-  EXPECT_FALSE(ping.value.readiness.accessibility);
-  EXPECT_EQ(ping.reply["version"], 2);
-}
-
 TEST(ConnectionTest, PipelinedRepliesComeBackInOrder) {
   AgentProcess agent;
   Connection connection = Connection::open(addressOf(agent));
@@ -80,26 +69,19 @@ TEST(ConnectionTest, TheAgentsErrorTextIsPassedOnVerbatim) {
   EXPECT_EQ(typed.error, typed.reply["error"].get<std::string>());
 }
 
-TEST(ConnectionTest, ShellEventsAreDecodedAndTruncatedOnRequest) {
+TEST(ConnectionTest, ShellEventsAreDecodedAndDeletedExactlyAsDelivered) {
   AgentProcess agent;
   TempDir spool;
-  std::ofstream(spool.file("1.jsonl")) << "{\"a\":1}\n";
-  std::ofstream(spool.file("2.jsonl")) << "{\"b\":/}\n";
   Connection connection = Connection::open(addressOf(agent));
-  const auto kept = connection.shellEvents({.dir = spool.path()});
-  ASSERT_TRUE(kept.ok);
-  EXPECT_EQ(kept.value.events, "{\"a\":1}\n{\"b\":/}\n");
-  EXPECT_EQ(kept.value.files, 2);
-  EXPECT_EQ(kept.value.bytes, 16);
-  EXPECT_FALSE(kept.value.truncated);
-  const auto taken = connection.shellEvents({.dir = spool.path(), .truncate = true});
-  EXPECT_EQ(taken.value.files, 2);
-  EXPECT_EQ(connection.shellEvents({.dir = spool.path()}).value.files, 0);
-
   // Store first, then delete exactly what was delivered: an event appended in between survives.
   std::ofstream(spool.file("3.jsonl")) << "{\"c\":1}\n";
-  std::ofstream(spool.file("4.jsonl")) << "{\"d\":1}\n";
+  std::ofstream(spool.file("4.jsonl")) << "{\"d\":/}\n";
   const auto listed = connection.shellEvents({.dir = spool.path(), .listFiles = true});
+  ASSERT_TRUE(listed.ok);
+  EXPECT_EQ(listed.value.events, "{\"c\":1}\n{\"d\":/}\n");
+  EXPECT_EQ(listed.value.files, 2);
+  EXPECT_EQ(listed.value.bytes, 16);
+  EXPECT_FALSE(listed.value.truncated);
   ASSERT_TRUE(listed.value.delivered);
   EXPECT_EQ(*listed.value.delivered,
             (std::vector<DeliveredFile>{{"3.jsonl", 8}, {"4.jsonl", 8}}));
@@ -145,16 +127,6 @@ TEST(ConnectionTest, TheReplyTimeoutBoundsTheWait) {
   }
 }
 
-TEST(ExecStreamTest, StdinFromAnotherThreadWhileOutputIsRead) {
-  AgentProcess agent(zshAgent());
-  std::string input;
-  for (unsigned i = 0; i < 300000; ++i) input += static_cast<char>((i * 7919u) % 256u);
-  const CapturedExec run = runCaptured(addressOf(agent), "cat", input);
-  EXPECT_EQ(run.outcome.code, 0);
-  EXPECT_EQ(run.out.size(), input.size());
-  EXPECT_TRUE(run.out == input);
-}
-
 TEST(ExecStreamTest, AbortEndsTheWaitAndTheCommand) {
   AgentProcess agent(zshAgent());
   ExecStream stream = ExecStream::start(addressOf(agent), "exec sleep 30");
@@ -165,15 +137,6 @@ TEST(ExecStreamTest, AbortEndsTheWaitAndTheCommand) {
   EXPECT_THROW(stream.wait({}), ConnectionError);
   aborter.join();
   EXPECT_FALSE(stream.writeStdin("late"));
-}
-
-TEST(ExecStreamTest, TheAgentsErrFrameIsTheOutcome) {
-  ScriptedPeer peer;
-  ExecStream stream = ExecStream::start(Connection(peer.client), "echo hi");
-  peer.say("{\"t\":\"err\",\"m\":\"no shell here\"}\n");
-  const ExecOutcome end = stream.wait({});
-  EXPECT_EQ(end.code, std::nullopt);
-  EXPECT_EQ(end.error, "no shell here");
 }
 
 TEST(ExecStreamTest, AStreamThatEndsWithoutAnExitFrameThrows) {

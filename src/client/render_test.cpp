@@ -5,14 +5,7 @@
 namespace tervain::client {
 namespace {
 
-TEST(RenderTest, PingSummaryWithoutDisplaysOrGrants) {
-  EXPECT_EQ(renderPing({.version = 2}),
-            "agent protocol v2\n"
-            "displays: none\n"
-            "grants: accessibility no, screen recording no, input synthesis no\n");
-}
-
-TEST(RenderTest, PingSummaryListsDisplaysAndOperations) {
+TEST(RenderTest, PingSummaryListsDisplaysAndFeatures) {
   PingInfo ping{.version = 2,
                 .agentVersion = "0.1.0",
                 .features = {"exec", "ping"},

@@ -1,15 +1,10 @@
 #include "core/exec_session.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -17,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include "core/posix/spawn_platform.h"
 #include "core/shell_spool.h"
 #include "exec_test_support.h"
 
@@ -57,41 +51,11 @@ class ScopedEnv {
   std::optional<std::string> saved;
 };
 
-// Reads everything from a descriptor until end of file, bounded in time.
-std::string readAll(int fd, std::chrono::milliseconds limit = 10s) {
-  std::string out;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  char chunk[4096];
-  while (std::chrono::steady_clock::now() < deadline) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, 100) <= 0) continue;
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
-    if (n <= 0) break;
-    out.append(chunk, static_cast<std::size_t>(n));
-  }
-  return out;
-}
-
-// Waits, bounded, for a child; its raw status, or nothing.
-std::optional<int> reap(pid_t pid, std::chrono::milliseconds limit = 10s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    int status = 0;
-    if (::waitpid(pid, &status, WNOHANG) == pid) return status;
-    std::this_thread::sleep_for(5ms);
-  }
-  return std::nullopt;
-}
-
 // ---- How a command becomes a program, arguments and environment ------------------------------
 
 class ShellInvocationTest : public ::testing::Test {
  protected:
   std::vector<std::string> probed;
-  std::function<bool(const std::string&)> present = [this](const std::string& p) {
-    probed.push_back(p);
-    return true;
-  };
   std::function<bool(const std::string&)> missing = [this](const std::string& p) {
     probed.push_back(p);
     return false;
@@ -120,110 +84,6 @@ TEST_F(ShellInvocationTest, AnyOtherDisableValueStillNeedsTheAgentShell) {
   }
 }
 
-TEST_F(ShellInvocationTest, AgentShellRunsTheCommandAsALoginShellWithTheSpool) {
-  const std::string command = "  echo \"a b\"\n'c' $HOME\\";
-  const auto invocation = ExecSession::shellInvocation(
-      command, "/opt/dulk", {{"TERVAIN_SHELL_SPOOL", "/elsewhere"}, {"PATH", "/bin"}}, present);
-  ASSERT_TRUE(invocation);
-  EXPECT_EQ(invocation->path, "/opt/dulk");
-  EXPECT_EQ(invocation->args, (std::vector<std::string>{"-lc", command}));
-  EXPECT_EQ(invocation->env, (ExecSession::Environment{
-                                 {"TERVAIN_SHELL_SPOOL", ShellSpool::defaultDir()},
-                                 {"TERVAIN_SHELL_CAPTURE", "tap"},
-                                 {"PATH", "/bin"}}));
-}
-
-TEST_F(ShellInvocationTest, AnExistingCaptureValueIsKeptEvenWhenEmpty) {
-  for (const char* value : {"", "full"}) {
-    const auto invocation = ExecSession::shellInvocation(
-        "true", "/opt/dulk", {{"TERVAIN_SHELL_CAPTURE", value}}, present);
-    ASSERT_TRUE(invocation);
-    EXPECT_EQ(invocation->env.at("TERVAIN_SHELL_CAPTURE"), value);
-  }
-}
-
-TEST(DulkMissingMessageTest, NamesTheDefaultPathAndTheFix) {
-  EXPECT_EQ(ExecSession::dulkMissingMessage(),
-            "dulk is not installed in this guest (/usr/local/bin/dulk) \u2014 dulk is the required "
-            "agent shell in every virtualized environment (docs/DULK.md \u00a77.5), so the exec "
-            "surface refuses to run without it. Rebuild the macOS VM base image so provisioning "
-            "installs it.");
-}
-
-// ---- Spawning a group leader ----------------------------------------------------------------
-
-class SpawnTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { ignoreSigpipe(); }
-
-  // Spawns /bin/sh -c script with fresh pipes; the test gets the other ends.
-  pid_t spawnSh(const std::string& script) {
-    int in[2], out[2], err[2];
-    EXPECT_EQ(posix::makeCloexecPipe(in), 0);
-    EXPECT_EQ(posix::makeCloexecPipe(out), 0);
-    EXPECT_EQ(posix::makeCloexecPipe(err), 0);
-    const auto pid = ExecSession::spawnGroupLeader("/bin/sh", {"-c", script},
-                                                   {{"PATH", "/usr/bin:/bin"}}, in[0], out[1],
-                                                   err[1]);
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    stdinFD = in[1];
-    stdoutFD = out[0];
-    stderrFD = err[0];
-    return pid.value_or(-1);
-  }
-
-  void TearDown() override {
-    for (int fd : {stdinFD, stdoutFD, stderrFD}) {
-      if (fd >= 0) ::close(fd);
-    }
-  }
-
-  int stdinFD = -1, stdoutFD = -1, stderrFD = -1;
-};
-
-TEST_F(SpawnTest, OnlyStandardDescriptorsReachTheChild) {
-  if (!testing::procAvailable()) GTEST_SKIP() << "needs /proc";
-  // A descriptor that any plain fork would hand down.
-  const int leaky = ::dup(STDERR_FILENO);
-  ASSERT_GE(leaky, 3);
-  const pid_t pid = spawnSh("ls /proc/$$/fd; :");
-  ::close(leaky);
-  ASSERT_GT(pid, 0);
-  EXPECT_EQ(readAll(stdoutFD), "0\n1\n2\n");
-  ASSERT_TRUE(reap(pid));
-}
-
-TEST_F(SpawnTest, TheChildLeadsANewProcessGroup) {
-  const pid_t pid = spawnSh("read line; echo \"$line\"");
-  ASSERT_GT(pid, 0);
-  EXPECT_EQ(::getpgid(pid), pid);
-  EXPECT_NE(::getpgid(pid), ::getpgrp());
-  ASSERT_EQ(::write(stdinFD, "go\n", 3), 3);
-  EXPECT_EQ(readAll(stdoutFD), "go\n");
-  const auto status = reap(pid);
-  ASSERT_TRUE(status);
-  EXPECT_EQ(*status, 0);
-}
-
-TEST_F(SpawnTest, SigpipeIsAtItsDefaultInTheChild) {
-  // This process ignores SIGPIPE; if the child inherited that, "yes" would report the broken
-  // pipe on standard error instead of ending quietly.
-  const pid_t pid = spawnSh("yes | head -n 1");
-  ASSERT_GT(pid, 0);
-  EXPECT_EQ(readAll(stdoutFD), "y\n");
-  EXPECT_EQ(readAll(stderrFD), "");
-  ASSERT_TRUE(reap(pid));
-}
-
-TEST_F(SpawnTest, AFailedSpawnReportsItsErrno) {
-  errno = 0;
-  EXPECT_FALSE(ExecSession::spawnGroupLeader("/nonexistent/shell", {"-c", "true"}, {},
-                                             STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO));
-  EXPECT_EQ(errno, ENOENT);
-}
-
 // ---- Whole sessions over a socket pair ---------------------------------------------------------
 
 class ExecSessionTest : public ::testing::Test {
@@ -244,49 +104,19 @@ class ExecSessionTest : public ::testing::Test {
   }
 
   // Runs a session on its own thread, as a connection would.
-  void startSession(Json request, std::string buffered = {},
-                    std::int32_t grace = ExecSession::defaultPipeGraceMillis,
-                    std::string dulkPath = std::string(ExecSession::defaultDulkPath)) {
-    worker = std::thread([this, request = std::move(request), buffered = std::move(buffered),
-                          grace, dulkPath = std::move(dulkPath)] {
-      ExecSession session(sessionFD, buffered, dulkPath, grace);
-      session.run(request);
-      finished = true;
-    });
-  }
-
   void startCommand(const std::string& command, std::string buffered = {},
                     std::int32_t grace = ExecSession::defaultPipeGraceMillis) {
-    startSession(Json{{"op", "exec"}, {"command", command}}, std::move(buffered), grace);
-  }
-
-  // Waits, bounded, for run() to return.
-  bool sessionEnded(std::chrono::milliseconds limit = 10s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!finished) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(5ms);
-    }
-    return true;
+    worker = std::thread([this, command, buffered = std::move(buffered), grace] {
+      ExecSession session(sessionFD, buffered, std::string(ExecSession::defaultDulkPath), grace);
+      session.run(Json{{"op", "exec"}, {"command", command}});
+    });
   }
 
   ScopedEnv fallbackShell{"TERVAIN_DULK_DISABLE", "1"};
   int sessionFD = -1;
   std::optional<LineClient> host;
   std::thread worker;
-  std::atomic<bool> finished{false};
 };
-
-TEST_F(ExecSessionTest, OutputStreamsAsFramesAndEndsWithTheExitCode) {
-  startCommand("echo hello; echo oops >&2");
-  const ExecTranscript t = readExecFrames(*host);
-  EXPECT_EQ(t.out, "hello\n");
-  EXPECT_EQ(t.err, "oops\n");
-  EXPECT_EQ(t.code, 0);
-  EXPECT_EQ(t.tags.back(), "x");
-  EXPECT_TRUE(t.badFrames.empty());
-  EXPECT_TRUE(sessionEnded());
-}
 
 TEST_F(ExecSessionTest, OutputFramesHaveTheirFixedByteForm) {
   startCommand("printf 'hi'");
@@ -294,50 +124,16 @@ TEST_F(ExecSessionTest, OutputFramesHaveTheirFixedByteForm) {
   EXPECT_EQ(Json::parse(host->readLine().value_or("null")), Json::parse(R"({"t":"x","code":0})"));
 }
 
-TEST_F(ExecSessionTest, AnEmptyCommandIsACommand) {
-  startCommand("");
-  EXPECT_EQ(readExecFrames(*host).code, 0);
-}
-
-TEST_F(ExecSessionTest, FramesSentWithTheRequestAreHonoured) {
-  startCommand("cat", "{\"t\":\"i\",\"d\":\"aGkK\"}\n{\"t\":\"eof\"}\n");
-  const ExecTranscript t = readExecFrames(*host);
-  EXPECT_EQ(t.out, "hi\n");
-  EXPECT_EQ(t.code, 0);
-}
-
-TEST_F(ExecSessionTest, StdinFramesAfterTheStartReachTheCommand) {
-  startCommand("tr a-z A-Z");
-  ASSERT_TRUE(host->send(stdinFrame("abc\n") + stdinFrame("def\n")));
-  ASSERT_TRUE(host->send("{\"t\":\"eof\"}\n"));
-  const ExecTranscript t = readExecFrames(*host);
-  EXPECT_EQ(t.out, "ABC\nDEF\n");
-  EXPECT_EQ(t.code, 0);
-}
-
-TEST_F(ExecSessionTest, ACommandThatIsNotAStringIsRefused) {
-  for (const Json& request : {Json{{"op", "exec"}, {"command", 42}}, Json{{"op", "exec"}},
-                              Json{{"op", "exec"}, {"command", nullptr}}}) {
+TEST_F(ExecSessionTest, TheExitFrameCarriesTheStatusOrOneHundredTwentyEightPlusTheSignal) {
+  const std::pair<const char*, int> cases[] = {{"", 0}, {"exit 3", 3}, {"kill -9 $$", 137}};
+  for (const auto& [command, code] : cases) {
     ExecSession session(sessionFD, "", std::string(ExecSession::defaultDulkPath), 2000);
-    EXPECT_FALSE(session.start(request));
-    EXPECT_EQ(Json::parse(host->readLine(1s).value_or("null")),
-              Json::parse(R"({"t":"err","m":"exec requires a \"command\" string"})"));
+    session.run(Json{{"command", command}});
+    EXPECT_EQ(readExecFrames(*host, 10s).code, code) << "'" << command << "'";
   }
-  EXPECT_FALSE(host->readLine(100ms)) << "no exit frame follows";
 }
 
-TEST_F(ExecSessionTest, LargeOutputIsChunkedAndReassembled) {
-  std::string expected;
-  for (int i = 1; i <= 100000; ++i) expected += std::to_string(i) + "\n";
-  startCommand("seq 1 100000");
-  const ExecTranscript t = readExecFrames(*host);
-  EXPECT_EQ(t.code, 0);
-  EXPECT_EQ(t.out, expected);
-  EXPECT_LE(t.largestChunk, 65536u);
-  EXPECT_GT(t.tags.size(), 3u);
-}
-
-TEST_F(ExecSessionTest, AFinalBurstBeforeTheExitArrivesWholeBeforeTheExitFrame) {
+TEST_F(ExecSessionTest, LargeOutputIsChunkedAndArrivesWholeBeforeTheExitFrame) {
   testing::TempDir dir;
   std::string payload(256 * 1024, '\0');
   std::mt19937 random(7);
@@ -348,16 +144,22 @@ TEST_F(ExecSessionTest, AFinalBurstBeforeTheExitArrivesWholeBeforeTheExitFrame) 
   EXPECT_EQ(t.code, 0);
   EXPECT_EQ(t.out.size(), payload.size());
   EXPECT_TRUE(t.out == payload);
+  EXPECT_LE(t.largestChunk, 65536u);
+  EXPECT_GT(t.tags.size(), 4u);
 }
 
-TEST_F(ExecSessionTest, ExitStatusIsTheCode) {
-  startCommand("exit 3");
-  EXPECT_EQ(readExecFrames(*host).code, 3);
-}
-
-TEST_F(ExecSessionTest, DeathBySignalIsOneHundredTwentyEightPlusTheSignal) {
-  startCommand("kill -9 $$");
-  EXPECT_EQ(readExecFrames(*host).code, 137);
+// The agent shell exists but cannot be started: the failure and its errno reach the host.
+TEST_F(ExecSessionTest, AShellThatCannotStartIsReportedWithItsErrno) {
+  testing::TempDir dir;
+  const std::string shell = dir.file("dulk");
+  std::ofstream(shell) << "#!/nonexistent/interpreter\n";
+  ASSERT_EQ(::chmod(shell.c_str(), 0755), 0);
+  ScopedEnv noFallback("TERVAIN_DULK_DISABLE", "0");
+  ExecSession session(sessionFD, "", shell, 2000);
+  EXPECT_FALSE(session.start(Json{{"command", "true"}}));
+  const ExecTranscript t = readExecFrames(*host, 2s);
+  EXPECT_EQ(t.error, "could not launch the command (posix_spawn errno 2)");
+  EXPECT_EQ(t.tags, std::vector<std::string>{"err"});
 }
 
 TEST_F(ExecSessionTest, ASignalFrameReachesTheCommand) {
@@ -373,26 +175,8 @@ TEST_F(ExecSessionTest, ABackgroundJobHoldingStdoutCannotHoldTheSession) {
   EXPECT_EQ(t.code, 4);
   const int group = std::atoi(t.out.c_str());
   ASSERT_GT(group, 1);
-  EXPECT_FALSE(testing::liveMembersOfGroup(group).empty()) << "the job was left to run";
+  EXPECT_TRUE(testing::groupRuns(group)) << "the job was left to run";
   testing::killGroup(group);
-}
-
-TEST_F(ExecSessionTest, AHostThatGoesAwayTakesTheGroupDownAndTheChildIsReaped) {
-  if (!testing::procAvailable()) GTEST_SKIP() << "needs /proc";
-  startCommand("echo $$; sleep 30; :");
-  const std::optional<std::string> first = host->readLine();
-  ASSERT_TRUE(first);
-  const int group = std::atoi(base64::decode(Json::parse(*first)["d"].get<std::string>())
-                                  .value_or("0")
-                                  .c_str());
-  ASSERT_GT(group, 1);
-  host->close();
-  ASSERT_TRUE(sessionEnded());
-  EXPECT_TRUE(testing::groupGone(group));
-  EXPECT_TRUE(testing::zombieChildrenOf(::getpid()).empty());
-  errno = 0;
-  EXPECT_EQ(::waitpid(group, nullptr, WNOHANG), -1);
-  EXPECT_EQ(errno, ECHILD) << "the session reaped its child";
 }
 
 TEST_F(ExecSessionTest, MalformedAndUnknownHostFramesAreIgnored) {
@@ -410,13 +194,34 @@ TEST_F(ExecSessionTest, MalformedAndUnknownHostFramesAreIgnored) {
   EXPECT_EQ(t.code, 0) << "no signal reached cat";
 }
 
-TEST_F(ExecSessionTest, StdinForACommandThatNeverReadsStallsOnlyBriefly) {
-  // Far more than a pipe holds; the rest is dropped after the retry budget and the signal frame
-  // behind it is still served.
-  const std::string big(2 << 20, 'z');
-  startCommand("sleep 30", stdinFrame(big) + "{\"t\":\"sig\",\"n\":15}\n");
-  const ExecTranscript t = readExecFrames(*host, 20s);
-  EXPECT_EQ(t.code, 143);
+// Stdin the command leaves untaken for a second of the session's own time is dropped, and the
+// "eof" behind it then closes the command's input. The command reads only once the test lets
+// it, after 3 s of session time: it gets what the pipe held (the session enlarges it, to 1 MiB
+// on Linux), not the rest.
+TEST_F(ExecSessionTest, StdinLeftUntakenForASecondIsDropped) {
+  testing::TempDir dir;
+  const std::string go = dir.file("go");
+  constexpr long sent = 4 << 20;
+  std::string frames;
+  for (long at = 0; at < sent; at += 512 << 10) frames += stdinFrame(std::string(512 << 10, 's'));
+  std::int64_t now = 0;
+  ExecSession session(sessionFD, frames + "{\"t\":\"eof\"}\n",
+                      std::string(ExecSession::defaultDulkPath), 2000, std::nullopt,
+                      [&now] { return now += 100; });
+  ASSERT_TRUE(session.start(Json{
+      {"command", "for i in {1..1000}; do [[ -e " + go + " ]] && break; sleep 0.02; done; wc -c"}}));
+  ExecSession::Round round = ExecSession::Round::keepGoing;
+  for (int rounds = 0; rounds < 3000 && round == ExecSession::Round::keepGoing; ++rounds) {
+    if (rounds == 30) std::ofstream{go};
+    round = session.pumpOnce(20);
+  }
+  ASSERT_EQ(round, ExecSession::Round::finished);
+  session.finish(false);
+  const ExecTranscript t = readExecFrames(*host, 2s);
+  EXPECT_EQ(t.code, 0);
+  const long taken = std::atol(t.out.c_str());
+  EXPECT_GT(taken, 0) << t.out;
+  EXPECT_LT(taken, sent) << "nothing was dropped";
 }
 
 TEST_F(ExecSessionTest, OnlyStandardDescriptorsReachTheCommand) {
@@ -438,7 +243,12 @@ TEST_F(ExecSessionTest, AMissingAgentShellIsRefusedWithTheFixedMessage) {
     ExecSession session(sessionFD, "", "/nonexistent/dulk", 2000);
     EXPECT_FALSE(session.start(Json{{"command", "echo hi"}}));
     const ExecTranscript t = readExecFrames(*host, 2s);
-    EXPECT_EQ(t.error, ExecSession::dulkMissingMessage());
+    // It names the default path whatever path the session was made with.
+    EXPECT_EQ(t.error,
+              "dulk is not installed in this guest (/usr/local/bin/dulk) \u2014 dulk is the "
+              "required agent shell in every virtualized environment (docs/DULK.md \u00a77.5), so "
+              "the exec surface refuses to run without it. Rebuild the macOS VM base image so "
+              "provisioning installs it.");
     EXPECT_EQ(t.tags, std::vector<std::string>{"err"});
   }
 }
@@ -484,20 +294,6 @@ TEST_F(ExecSessionTest, ADescendantHoldingThePipesRunsOutTheGraceOnTheSessionsCl
   const ExecTranscript t = readExecFrames(*host, 2s);
   EXPECT_EQ(t.code, 4);
   testing::killGroup(std::atoi(t.out.c_str()));
-}
-
-TEST_F(ExecSessionTest, TheLoopCanBeDrivenOneRoundAtATime) {
-  ExecSession session(sessionFD, "", std::string(ExecSession::defaultDulkPath), 2000);
-  ASSERT_TRUE(session.start(Json{{"command", "echo stepped"}}));
-  ExecSession::Round round = ExecSession::Round::keepGoing;
-  for (int i = 0; i < 200 && round == ExecSession::Round::keepGoing; ++i) {
-    round = session.pumpOnce(50);
-  }
-  ASSERT_EQ(round, ExecSession::Round::finished);
-  session.finish(false);
-  const ExecTranscript t = readExecFrames(*host, 2s);
-  EXPECT_EQ(t.out, "stepped\n");
-  EXPECT_EQ(t.code, 0);
 }
 
 }  // namespace

@@ -49,50 +49,37 @@ TEST_F(ShellSpoolDrainTest, TakesEventFilesInNameOrderAndNothingElse) {
                                                static_cast<std::uint64_t>(info.st_ino)}));
 }
 
-TEST_F(ShellSpoolDrainTest, AFileThatDoesNotFitIsSkippedButSmallerOnesAfterItAreTaken) {
-  write("1.jsonl", 10, '1');
-  write("2.jsonl", 10, '2');
-  write("3.jsonl", 5, '3');
-  EXPECT_EQ(taken(ShellSpool::drain(dir.path(), 15)),
-            (ShellSpool::DrainResult{std::string(10, '1') + std::string(5, '3'), 2, true,
-                                     {path("1.jsonl"), path("3.jsonl")}}));
-}
-
-TEST_F(ShellSpoolDrainTest, TheWalkStopsOnceTheBudgetIsUsed) {
-  write("1.jsonl", 10);
-  write("2.jsonl", 1);
-  write("3.jsonl", 0);
-  const auto result = ShellSpool::drain(dir.path(), 10);
-  EXPECT_EQ(result.drainedPaths, std::vector<std::string>{path("1.jsonl")});
-  EXPECT_TRUE(result.truncated);
-  EXPECT_EQ(result.files, 1);
-}
-
-TEST_F(ShellSpoolDrainTest, EmptyEventFilesAreTakenUntilTheBudgetIsUsed) {
-  write("1.jsonl", 0);
-  write("2.jsonl", 4);
-  write("3.jsonl", 0);
-  const auto roomy = ShellSpool::drain(dir.path(), 5);
-  EXPECT_EQ(roomy.files, 3);
-  EXPECT_FALSE(roomy.truncated);
-  EXPECT_EQ(roomy.data, "xxxx");
-  // Once the budget is used up the walk stops, even before an empty file.
-  const auto tight = ShellSpool::drain(dir.path(), 4);
-  EXPECT_EQ(tight.files, 2);
-  EXPECT_TRUE(tight.truncated);
-}
-
-TEST_F(ShellSpoolDrainTest, ABudgetOfZeroOrLessTakesNothing) {
-  write("a.jsonl", 0);
-  for (std::int64_t budget : {std::int64_t{0}, std::int64_t{-1}, INT64_MIN}) {
-    EXPECT_EQ(ShellSpool::drain(dir.path(), budget), (ShellSpool::DrainResult{"", 0, true, {}}));
+// The byte budget: a file that does not fit is skipped (truncated) while smaller ones after it
+// are taken, empty files count until the budget is used, and a used budget ends the walk.
+TEST(ShellSpoolBudgetTest, TakesWhatFitsInNameOrder) {
+  const struct {
+    std::vector<std::pair<const char*, std::size_t>> files;  // each filled with its first letter
+    std::int64_t budget;
+    std::string data;
+    int taken;
+    bool truncated;
+  } cases[] = {
+      {{{"1.jsonl", 10}, {"2.jsonl", 10}, {"3.jsonl", 5}}, 15, std::string(10, '1') + "33333", 2, true},
+      {{{"1.jsonl", 10}, {"2.jsonl", 1}, {"3.jsonl", 0}}, 10, std::string(10, '1'), 1, true},
+      {{{"1.jsonl", 0}, {"2.jsonl", 4}, {"3.jsonl", 0}}, 5, "2222", 3, false},
+      {{{"1.jsonl", 0}, {"2.jsonl", 4}, {"3.jsonl", 0}}, 4, "2222", 2, true},
+      {{{"a.jsonl", 0}}, 0, "", 0, true},
+      {{{"a.jsonl", 0}}, -1, "", 0, true},
+      {{{"a.jsonl", 0}}, INT64_MIN, "", 0, true},
+      {{{"big.jsonl", 100}}, 99, "", 0, true},
+      {{{"big.jsonl", 100}}, 100, std::string(100, 'b'), 1, false},
+  };
+  for (const auto& c : cases) {
+    testing::TempDir dir;
+    for (const auto& [name, bytes] : c.files) {
+      std::ofstream(dir.file(name), std::ios::binary) << std::string(bytes, name[0]);
+    }
+    const auto result = ShellSpool::drain(dir.path(), c.budget);
+    EXPECT_EQ(result.data, c.data) << c.budget;
+    EXPECT_EQ(result.files, c.taken) << c.budget;
+    EXPECT_EQ(result.truncated, c.truncated) << c.budget;
+    EXPECT_EQ(result.drainedPaths.size(), static_cast<std::size_t>(c.taken)) << c.budget;
   }
-}
-
-TEST_F(ShellSpoolDrainTest, AFileLargerThanTheBudgetStaysForALargerOne) {
-  write("big.jsonl", 100);
-  EXPECT_EQ(ShellSpool::drain(dir.path(), 99), (ShellSpool::DrainResult{"", 0, true, {}}));
-  EXPECT_EQ(ShellSpool::drain(dir.path(), 100).files, 1);
 }
 
 TEST_F(ShellSpoolDrainTest, OnlyRegularFilesOfTheFolderItselfAreEventFiles) {

@@ -20,7 +20,7 @@
 #include "agent_process.h"
 #include "core/base64.h"
 #include "core/json.h"
-#include "desktop/test_desktop.h"
+#include "desktop_session.h"
 #include "desktop/x_window.h"
 
 namespace tervain::testing {

@@ -265,28 +265,6 @@ TEST_F(AtspiDesktopTest, WritesTextAndTakesFocusInGtkAndQt) {
   }
 }
 
-TEST_F(AtspiDesktopTest, HitTestFindsTheElementUnderThePoint) {
-  const auto nodes = walk(factoryPid());
-  for (const char* title : {"Page 2", "Page 3"}) {
-    const Node* radio = find(nodes, "AXRadioButton", title);
-    ASSERT_NE(radio, nullptr);
-    const auto* at = std::get_if<Point>(&radio->reads[kPosition].second);
-    const auto* size = std::get_if<Size>(&radio->reads[kSize].second);
-    ASSERT_TRUE(at && size);
-    ElementRef hit;
-    ASSERT_EQ(accessibility->elementAtPoint(static_cast<float>(at->x + size->width / 2),
-                                            static_cast<float>(at->y + size->height / 2), 1.5f, hit),
-              AXError::success);
-    ASSERT_TRUE(hit);
-    AXValue name;
-    accessibility->copyAttributeValue(*hit, "AXTitle", name);
-    EXPECT_EQ(show(AXRead{0, name}), std::string("0:s") + title);
-  }
-  ElementRef nothing;
-  EXPECT_EQ(accessibility->elementAtPoint(-5000, -5000, 1.5f, nothing), AXError::noValue);
-  EXPECT_FALSE(nothing);
-}
-
 TEST_F(AtspiDesktopTest, AStoppedApplicationCostsItsTimeoutAndHoldsUpNoOtherCaller) {
   const ElementRef editor = accessibility->applicationElement(editorPid());
   const ElementRef factory = accessibility->applicationElement(factoryPid());

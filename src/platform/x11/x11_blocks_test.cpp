@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "core/key_map.h"
-#include "desktop/test_desktop.h"
+#include "desktop_session.h"
 #include "desktop/x_window.h"
 #include "platform/x11/x11_capture.h"
 #include "platform/x11/x11_input.h"
