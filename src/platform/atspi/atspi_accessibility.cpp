@@ -695,6 +695,7 @@ std::shared_ptr<BusConnection> AtspiAccessibility::connection() {
   if (bus && !g_dbus_connection_is_closed(bus->gdbus)) return bus;  // another thread won
   bus = std::move(fresh);
   pidOfBus.clear();  // unique names belong to one bus
+  nameOfBus.clear();
   return bus;
 }
 
@@ -787,12 +788,19 @@ ElementRef AtspiAccessibility::applicationElement(std::int32_t pid) {
 std::optional<std::string> AtspiAccessibility::runningApplicationName(std::int32_t pid) {
   const auto busName = busOfPid(pid, kDefaultTimeoutMs);
   if (!busName) return std::nullopt;
+  {
+    // Known from an earlier answer: a hung application costs no second timeout here.
+    std::lock_guard lock(mutex);
+    if (const auto known = nameOfBus.find(*busName); known != nameOfBus.end()) return known->second;
+  }
   AXValue name;
   if (copyAttributeValue(AtspiElement(*busName, kRootPath), "AXTitle", name) != AXError::success) {
     return std::nullopt;
   }
   auto* text = std::get_if<std::string>(&name);
   if (text == nullptr || text->empty()) return std::nullopt;
+  std::lock_guard lock(mutex);
+  nameOfBus.emplace(*busName, *text);
   return std::move(*text);
 }
 
