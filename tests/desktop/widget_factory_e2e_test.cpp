@@ -321,5 +321,70 @@ TEST_F(WidgetFactory, AccessibilityInTheMacVocabularyOverTheWire) {
   EXPECT_FALSE(nobody["tree"].contains("children")) << nobody.dump();
 }
 
+// An application that stops answering (SIGSTOP, as a main loop stuck in a modal dialog) holds
+// only the connection that asks it, each request for about the messaging timeout; meanwhile
+// another connection dumps another application in full. Once it runs again, it answers again.
+TEST_F(WidgetFactory, AStoppedApplicationHoldsOnlyTheConnectionThatAsksIt) {
+  ASSERT_EQ(op("launch_app", {{"name", "gtk3-demo"}}), Json({{"ok", true}}));
+  const std::optional<TopLevel> demo = findTopLevel(display, "gtk3-demo", std::chrono::seconds(20));
+  ASSERT_TRUE(demo && demo->pid > 0);
+  struct Restore {
+    pid_t stopped, started;
+    ~Restore() {
+      ::kill(stopped, SIGCONT);
+      ::kill(started, SIGTERM);
+    }
+  } restore{window->pid, demo->pid};
+
+  const auto ask = [](LineClient& client, const Json& request) {
+    if (!client.send(request.dump() + "\n")) return Json::object();
+    const std::optional<std::string> reply = client.readLine();
+    return reply ? Json::parse(*reply) : Json::object();
+  };
+  const auto hasChildren = [](const Json& dump) {
+    return dump.contains("tree") && dump["tree"].contains("children");
+  };
+  LineClient stalled = agent->connect();
+  LineClient other = agent->connect();
+  // Four levels of the demo: its window and what is in it, quick to read even on a loaded machine.
+  const Json dumpDemo = {{"op", "ax_dump"}, {"pid", demo->pid}, {"maxDepth", 4}};
+  const Json dumpFactory = {{"op", "ax_dump"}, {"pid", window->pid}};
+  // The demo joins the accessibility bus a moment after its window shows.
+  Json answer;
+  for (int i = 0; i < 100 && !hasChildren(answer); ++i) {
+    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    answer = ask(other, dumpDemo);
+  }
+  ASSERT_TRUE(hasChildren(answer)) << answer.dump().substr(0, 400);
+
+  ASSERT_EQ(::kill(window->pid, SIGSTOP), 0);
+  // Three dumps of the stopped factory, answered in turn on their connection: each waits out
+  // the timeout, so the three hold that connection several times longer than the dump below.
+  const std::string line = dumpFactory.dump() + "\n";
+  ASSERT_TRUE(stalled.send(line + line + line));
+  answer = ask(other, dumpDemo);
+  EXPECT_TRUE(hasChildren(answer)) << "the other application was not read in full: "
+                                   << answer.dump().substr(0, 400);
+  int answered = 0;
+  while (stalled.readLine(std::chrono::milliseconds(0))) ++answered;
+  EXPECT_LT(answered, 3) << "the other connection waited for the stopped application";
+  // Every dump is answered while the factory is still stopped: a root of which every read
+  // timed out, holding just its ref.
+  for (; answered < 3; ++answered) {
+    const std::optional<std::string> reply = stalled.readLine();
+    ASSERT_TRUE(reply) << "dump " << answered + 1 << " of a stopped application never answered";
+    const Json dump = Json::parse(*reply);
+    EXPECT_EQ(dump["ok"], true) << *reply;
+    EXPECT_TRUE(dump["tree"].contains("ref") && !dump["tree"].contains("role")) << *reply;
+  }
+
+  ASSERT_EQ(::kill(window->pid, SIGCONT), 0);
+  // Its late answers to the timed-out calls arrive now and must not be taken for new ones.
+  answer = ask(stalled, dumpFactory);
+  const auto pages = nodesWhere(answer, [](const Json& n) { return titled(n, "AXRadioButton", "Page 1"); });
+  ASSERT_EQ(pages.size(), 1u) << answer.dump().substr(0, 400);
+  EXPECT_EQ(pages.front()["value"], "1");
+}
+
 }  // namespace
 }  // namespace tervain::testing

@@ -403,12 +403,19 @@ GVariant* propertyOf(const char* interface, const char* property) {
 // ---- Attribute plans -------------------------------------------------------------------------
 
 // What an attribute needs fetched from the application.
-// The first round asks what needs no other answer; the second (kActions and after) asks the
-// interfaces that the first round found.
+// The first round asks what needs no other answer. The second (kExtents and after) asks only
+// what the first round showed to exist: the frame of a showing component, the actions, the
+// value. The application answers every call in turn on its main loop, so each call left out is
+// time saved however many are in flight. (Properties are read one by one: GetAll on the
+// Accessible interface crashes Qt applications.)
 enum Fetch : unsigned {
-  kRole, kName, kDescription, kStates, kInterfaces, kExtents, kChildren, kParent,
-  kActions, kNumber, kTextContents, kFetchCount
+  kRole, kName, kDescription, kStates, kInterfaces, kChildren, kParent,
+  kExtents, kActions, kNumber, kTextContents, kFetchCount
 };
+constexpr unsigned kSecondRound = kExtents;
+
+// What the second round is asked to fetch for each element.
+enum Want : unsigned { kWantFrame = 1, kWantValue = 2, kWantActions = 4 };
 
 std::uint32_t needsOf(const std::string& attribute) {
   const auto bit = [](Fetch f) { return 1u << f; };
@@ -421,9 +428,15 @@ std::uint32_t needsOf(const std::string& attribute) {
       attribute == "AXExpanded") {
     return bit(kRole) | bit(kStates);
   }
-  if (attribute == "AXPosition" || attribute == "AXSize") return bit(kExtents) | bit(kStates);
+  if (attribute == "AXPosition" || attribute == "AXSize") return bit(kStates) | bit(kInterfaces);
   if (attribute == "AXChildren") return bit(kChildren);
   if (attribute == "AXParent") return bit(kParent);
+  return 0;
+}
+
+unsigned wantsOf(const std::string& attribute) {
+  if (attribute == "AXPosition" || attribute == "AXSize") return kWantFrame;
+  if (attribute == "AXValue") return kWantValue;
   return 0;
 }
 
@@ -453,7 +466,7 @@ void addFetch(Batch& batch, const AtspiElement& e, Fetch fetch, int timeoutMs,
 }
 
 // The fetched facts about one element, read out of a finished batch.
-// The second round's fetches (kActions and after) live in their own batch.
+// The second round's fetches (kExtents and after) live in their own batch.
 struct Facts {
   const Batch* batch = nullptr;
   const Batch* second = nullptr;
@@ -461,7 +474,7 @@ struct Facts {
   std::array<std::ptrdiff_t, kFetchCount> slots;
 
   Facts() { slots.fill(-1); }
-  const Batch* of(Fetch f) const { return f >= kActions ? second : batch; }
+  const Batch* of(Fetch f) const { return f >= kSecondRound ? second : batch; }
   AXResult code(Fetch f) const {
     return slots[f] < 0 ? AXError::failure : of(f)->code(static_cast<std::size_t>(slots[f]));
   }
@@ -484,6 +497,24 @@ std::optional<Fetch> valueSource(const Facts& facts) {
   if (interfaces->count(kValueInterface)) return kNumber;
   if (interfaces->count(kText)) return kTextContents;
   return std::nullopt;
+}
+
+// The second round's fetches for one element, from what round one found.
+std::vector<Fetch> secondRound(const Facts& facts, unsigned wants) {
+  std::vector<Fetch> out;
+  const auto interfaces = asInterfaces(facts.reply(kInterfaces));
+  if (wants & kWantFrame) {
+    const auto states = asStates(facts.reply(kStates));
+    if (states && hasState(*states, ATSPI_STATE_SHOWING) && interfaces &&
+        interfaces->count(kComponent)) {
+      out.push_back(kExtents);
+    }
+  }
+  if (wants & kWantValue) {
+    if (const auto source = valueSource(facts)) out.push_back(*source);
+  }
+  if ((wants & kWantActions) && interfaces && interfaces->count(kAction)) out.push_back(kActions);
+  return out;
 }
 
 // A failed fetch's code, as an attribute read reports it.
@@ -559,14 +590,18 @@ AXRead attributeOf(const Facts& facts, const std::string& attribute) {
     return stateAttribute(facts, ATSPI_STATE_EXPANDED);
   }
   if (attribute == "AXPosition" || attribute == "AXSize") {
+    // Asked only of showing components: hidden objects report placeholders (GTK: INT_MIN for a
+    // closed menu), so they have no frame at all.
+    const auto states = asStates(facts.reply(kStates));
+    if (!states) return failed(facts.code(kStates));
+    if (!hasState(*states, ATSPI_STATE_SHOWING)) return {AXError::noValue, std::monostate{}};
+    if (facts.slots[kExtents] < 0) {
+      if (!asInterfaces(facts.reply(kInterfaces))) return failed(facts.code(kInterfaces));
+      return {AXError::attributeUnsupported, std::monostate{}};
+    }
     const auto extents = asExtents(facts.reply(kExtents));
     if (!extents) return failed(facts.code(kExtents));
-    // Hidden objects report placeholders (GTK: INT_MIN for a closed menu): no frame at all.
-    const auto states = asStates(facts.reply(kStates));
-    if ((states && !hasState(*states, ATSPI_STATE_SHOWING)) || extents->x == INT_MIN ||
-        extents->y == INT_MIN) {
-      return {AXError::noValue, std::monostate{}};
-    }
+    if (extents->x == INT_MIN || extents->y == INT_MIN) return {AXError::noValue, std::monostate{}};
     if (attribute == "AXPosition") return {AXError::success, Point{double(extents->x), double(extents->y)}};
     return {AXError::success, Size{double(extents->width), double(extents->height)}};
   }
@@ -660,6 +695,7 @@ std::shared_ptr<BusConnection> AtspiAccessibility::connection() {
   if (bus && !g_dbus_connection_is_closed(bus->gdbus)) return bus;  // another thread won
   bus = std::move(fresh);
   pidOfBus.clear();  // unique names belong to one bus
+  nameOfBus.clear();
   return bus;
 }
 
@@ -752,12 +788,19 @@ ElementRef AtspiAccessibility::applicationElement(std::int32_t pid) {
 std::optional<std::string> AtspiAccessibility::runningApplicationName(std::int32_t pid) {
   const auto busName = busOfPid(pid, kDefaultTimeoutMs);
   if (!busName) return std::nullopt;
+  {
+    // Known from an earlier answer: a hung application costs no second timeout here.
+    std::lock_guard lock(mutex);
+    if (const auto known = nameOfBus.find(*busName); known != nameOfBus.end()) return known->second;
+  }
   AXValue name;
   if (copyAttributeValue(AtspiElement(*busName, kRootPath), "AXTitle", name) != AXError::success) {
     return std::nullopt;
   }
   auto* text = std::get_if<std::string>(&name);
   if (text == nullptr || text->empty()) return std::nullopt;
+  std::lock_guard lock(mutex);
+  nameOfBus.emplace(*busName, *text);
   return std::move(*text);
 }
 
@@ -771,9 +814,11 @@ void AtspiAccessibility::copyAttributeValues(const std::vector<ElementRef>& elem
                                                   AXRead{AXError::illegalArgument, {}}));
   if (actionNames) actionNames->assign(elements.size(), AXRead{AXError::illegalArgument, {}});
   std::uint32_t needs = 0;
-  for (const std::string& attribute : attributes) needs |= needsOf(attribute);
-  const bool wantsValue =
-      std::find(attributes.begin(), attributes.end(), "AXValue") != attributes.end();
+  unsigned wants = actionNames ? unsigned{kWantActions} : 0u;
+  for (const std::string& attribute : attributes) {
+    needs |= needsOf(attribute);
+    wants |= wantsOf(attribute);
+  }
 
   // Round one: everything that does not depend on another answer.
   const auto c = connection();
@@ -786,27 +831,21 @@ void AtspiAccessibility::copyAttributeValues(const std::vector<ElementRef>& elem
     facts[i].element = e;
     if (e->bus.empty()) continue;  // an application that does not exist: every read fails
     const int timeoutMs = timeoutMillis(e->bus);
-    for (unsigned f = 0; f < kActions; ++f) {
+    for (unsigned f = 0; f < kSecondRound; ++f) {
       if (needs & (1u << f)) addFetch(first, *e, static_cast<Fetch>(f), timeoutMs, facts[i].slots);
     }
   }
   first.run(c.get());
 
-  // Round two: the value and the actions, from the interfaces the element turned out to have.
+  // Round two: what round one showed each element to have.
   Batch second;
   for (Facts& f : facts) {
     f.batch = &first;
     f.second = &second;
     if (f.element == nullptr || f.element->bus.empty()) continue;
     const int timeoutMs = timeoutMillis(f.element->bus);
-    if (wantsValue) {
-      if (const auto source = valueSource(f)) addFetch(second, *f.element, *source, timeoutMs, f.slots);
-    }
-    if (actionNames) {
-      const auto interfaces = asInterfaces(f.reply(kInterfaces));
-      if (interfaces && interfaces->count(kAction)) {
-        addFetch(second, *f.element, kActions, timeoutMs, f.slots);
-      }
+    for (const Fetch fetch : secondRound(f, wants)) {
+      addFetch(second, *f.element, fetch, timeoutMs, f.slots);
     }
   }
   second.run(c.get());

@@ -9,8 +9,8 @@
 // roughly the application's own time per call instead of a round trip per attribute.
 //
 // Elements are (bus name, object path) pairs. Nothing about an element is cached: every read is
-// a fresh call. What is cached is stable for the life of a bus connection: the pid behind each
-// unique bus name, and the per-application timeouts.
+// a fresh call. What is cached is stable for the life of a bus connection: the pid and the
+// application name behind each unique bus name, and the per-application timeouts.
 #pragma once
 
 #include <cstdint>
@@ -84,7 +84,7 @@ class AtspiAccessibility {
 
   // The application of the active frame.
   std::optional<std::int32_t> frontmostApplicationPid();
-  // The application's own name (AT-SPI's Name of its root).
+  // The application's own name (AT-SPI's Name of its root), read once per application.
   std::optional<std::string> runningApplicationName(std::int32_t pid);
 
   // Optional knowledge of the window stack: the pids owning top-level windows that contain a
@@ -109,6 +109,7 @@ class AtspiAccessibility {
   std::mutex mutex;  // guards the members below, never held across a call
   std::shared_ptr<BusConnection> bus;
   std::map<std::string, std::int32_t> pidOfBus;
+  std::map<std::string, std::string> nameOfBus;
   std::map<std::string, int> timeoutOfBus;
   WindowStack windowStack;
 };
