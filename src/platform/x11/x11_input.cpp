@@ -1,11 +1,15 @@
 #include "platform/x11/x11_input.h"
 
 #include <X11/XKBlib.h>
+#include <X11/Xatom.h>
 #include <X11/extensions/XTest.h>
 #include <X11/keysym.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <map>
 #include <optional>
 #include <vector>
@@ -71,6 +75,106 @@ struct Keymap {
     return result;
   }
 };
+
+// The window whose client reads the keys, when it answers the window manager's ping: the focus
+// window or its nearest ancestor with _NET_WM_PING among its WM_PROTOCOLS. 0 when there is none.
+Window pingableFocus(Display* display) {
+  Window focus = 0;
+  int revert = 0;
+  XGetInputFocus(display, &focus, &revert);
+  const Atom protocols = XInternAtom(display, "WM_PROTOCOLS", False);
+  const Atom ping = XInternAtom(display, "_NET_WM_PING", False);
+  const Window root = DefaultRootWindow(display);
+  for (int depth = 0; depth < 16 && focus != 0 && focus != PointerRoot && focus != root; ++depth) {
+    Atom type = 0;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char* data = nullptr;
+    if (XGetWindowProperty(display, focus, protocols, 0, 64, False, XA_ATOM, &type, &format,
+                           &count, &after, &data) == Success &&
+        data != nullptr && format == 32) {
+      const auto* atoms = reinterpret_cast<const unsigned long*>(data);  // widened to long
+      const bool answers = std::find(atoms, atoms + count, ping) != atoms + count;
+      XFree(data);
+      if (answers) return focus;
+    } else if (data != nullptr) {
+      XFree(data);
+    }
+    Window rootReturn = 0, parent = 0;
+    Window* children = nullptr;
+    unsigned int childCount = 0;
+    if (XQueryTree(display, focus, &rootReturn, &parent, &children, &childCount) == 0) break;
+    if (children != nullptr) XFree(children);
+    focus = parent;
+  }
+  return 0;
+}
+
+// Waits until the client of `window` has read every event the server sent it before this call:
+// the client echoes a ping to the root window when it reaches the message, and X hands a client
+// its events in order, so by then it has looked up every key sent before. False when no echo
+// came within the limit (a client that hangs, or a connection that broke).
+bool waitUntilRead(Display* display, Window window, std::chrono::milliseconds limit) {
+  static std::atomic<long> lastStamp{0};
+  const long stamp = ++lastStamp;
+  const Window root = DefaultRootWindow(display);
+  const Atom protocols = XInternAtom(display, "WM_PROTOCOLS", False);
+  const Atom pingAtom = XInternAtom(display, "_NET_WM_PING", False);
+  XWindowAttributes rootAttributes{};
+  XGetWindowAttributes(display, root, &rootAttributes);
+  // The echo goes to whoever listens for the root's substructure; the window manager does too.
+  XSelectInput(display, root, rootAttributes.your_event_mask | SubstructureNotifyMask);
+
+  XEvent ping{};
+  ping.xclient.type = ClientMessage;
+  ping.xclient.window = window;
+  ping.xclient.message_type = protocols;
+  ping.xclient.format = 32;
+  ping.xclient.data.l[0] = static_cast<long>(pingAtom);
+  ping.xclient.data.l[1] = stamp;
+  ping.xclient.data.l[2] = static_cast<long>(window);
+  XSendEvent(display, window, False, NoEventMask, &ping);
+  XFlush(display);
+
+  struct Wanted {
+    Window root;
+    Atom protocols;
+    long stamp;
+  } wanted{root, protocols, stamp};
+  const auto isEcho = [](Display*, XEvent* e, XPointer arg) -> Bool {
+    const auto* w = reinterpret_cast<const Wanted*>(arg);
+    return e->type == ClientMessage && e->xclient.window == w->root &&
+           e->xclient.message_type == w->protocols && e->xclient.data.l[1] == w->stamp;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  bool echoed = false;
+  for (int round = 0; round < 100'000 && !echoed; ++round) {
+    XEvent event;
+    if (XCheckIfEvent(display, &event, isEcho, reinterpret_cast<XPointer>(&wanted))) {
+      echoed = true;
+      break;
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) break;
+    pollfd p{ConnectionNumber(display), POLLIN, 0};
+    const int ready = ::poll(&p, 1, static_cast<int>(std::min<long>(left.count(), 50)));
+    if (ready > 0 && (p.revents & (POLLHUP | POLLERR)) != 0) break;
+    if (ready > 0) XEventsQueued(display, QueuedAfterReading);
+  }
+  XSelectInput(display, root, rootAttributes.your_event_mask);
+  // What the root reported meanwhile is nobody's business here.
+  const auto fromRoot = [](Display*, XEvent* e, XPointer arg) -> Bool {
+    return e->xany.window == *reinterpret_cast<const Window*>(arg);
+  };
+  XEvent dropped;
+  Window rootWindow = root;
+  for (int i = 0; i < 10'000 && XCheckIfEvent(display, &dropped, fromRoot,
+                                               reinterpret_cast<XPointer>(&rootWindow));
+       ++i) {
+  }
+  return echoed;
+}
 
 }  // namespace
 
@@ -156,8 +260,10 @@ bool Input::type(std::u32string_view text) {
   std::lock_guard lock(typing);
   Keymap keymap;
   KeyCode shift = 0;
+  Window reader = 0;
   if (!connection.run([&](Display* display) {
         shift = XKeysymToKeycode(display, XK_Shift_L);
+        reader = pingableFocus(display);
         return keymap.load(display);
       })) {
     return false;
@@ -206,8 +312,11 @@ bool Input::type(std::u32string_view text) {
     };
     if (!bound.empty()) {
       if (!bind(true)) return false;
-      ::usleep(kRemapSettleMicros);
+      // The client looks the keys up when it reads them, after the remapping's notice, which
+      // reaches it first: no wait is needed unless the release below comes too early.
+      if (reader == 0) ::usleep(kRemapSettleMicros);
     }
+    bool read = bound.empty();
     const bool typed = connection.run([&](Display* display) {
       bool ok = true;
       for (const Stroke& stroke : strokes) {
@@ -215,12 +324,17 @@ bool Input::type(std::u32string_view text) {
         ok = sendKey(display, stroke.code, true) && sendKey(display, stroke.code, false) && ok;
         if (stroke.shifted) ok = sendKey(display, shift, false) && ok;
       }
+      // The bindings stay until the client has read these keys: a busy client (an
+      // accessibility bridge at work) reads them many settle times later.
+      if (!read && reader != 0) read = waitUntilRead(display, reader, kReadLimit);
       return ok;
     });
-    if (!bound.empty()) {
+    if (!read) {
+      // A client that does not answer pings, or hangs: the settle time is all there is.
+      reader = 0;
       ::usleep(kRemapSettleMicros);
-      if (!bind(false)) return false;
     }
+    if (!bound.empty() && !bind(false)) return false;
     if (!typed) return false;
     start = end;
   }
