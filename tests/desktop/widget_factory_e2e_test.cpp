@@ -320,6 +320,11 @@ TEST_F(WidgetFactory, TypedUnicodeTextComesBackThroughTheClipboard) {
   EXPECT_EQ(clipboardText(display), text);
   // Emptied again for the next run of the suite.
   EXPECT_EQ(op("key", {{"chord", "delete"}}), Json({{"ok", true}}));
+  // X has no fn key, and the refusal says so rather than leaving the host to guess.
+  EXPECT_EQ(op("key", {{"chord", "fn+a"}}),
+            Json({{"ok", false},
+                  {"error", "this desktop cannot hold every modifier of chord \"fn+a\": the x11 "
+                            "desktop has no fn key"}}));
 }
 
 }  // namespace
