@@ -42,6 +42,17 @@ void Capture::releaseSharedLocked(Display* display) {
   segment = {};
 }
 
+// The server went away and a new one answers: the old one's segment and its verdict on shared
+// memory mean nothing to it.
+void Capture::forgetServerLocked() {
+  if (shared) ::shmdt(segment.shmaddr);
+  if (image != nullptr && shared) image->data = nullptr;
+  destroyImage(image);
+  shared = false;
+  shmBroken = false;
+  segment = {};
+}
+
 bool Capture::sharedMemory() {
   std::lock_guard lock(mutex);
   return connection.run([this](Display* display) {
@@ -50,6 +61,10 @@ bool Capture::sharedMemory() {
 }
 
 bool Capture::grabLocked(Display* display, const Area& area, std::string& error) {
+  if (generation != connection.generation()) {
+    forgetServerLocked();
+    generation = connection.generation();
+  }
   const Window root = DefaultRootWindow(display);
   Screen* screen = DefaultScreenOfDisplay(display);
   if (area.width <= 0 || area.height <= 0 || area.x < 0 || area.y < 0 ||

@@ -1,7 +1,5 @@
 #include "platform/x11/x11_connection.h"
 
-
-
 namespace tervain::x11 {
 namespace {
 
@@ -45,7 +43,10 @@ Display* Connection::openLocked() {
   // A lost Display is leaked on purpose: Xlib cannot close it safely.
   display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
   lost = false;
-  if (display != nullptr) XSetIOErrorExitHandler(display, onLostConnectionExit, this);
+  if (display != nullptr) {
+    XSetIOErrorExitHandler(display, onLostConnectionExit, this);
+    ++opened;
+  }
   return display;
 }
 

@@ -8,6 +8,7 @@
 
 #include <X11/Xlib.h>
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -43,6 +44,10 @@ class Connection {
   // True when the server has the extension (for example "XTEST", "MIT-SHM").
   bool hasExtension(const char* name);
 
+  // Inside run(): which opening of the display this is (1 for the first). State kept about the
+  // server (a shared memory segment, for one) is stale once it changes.
+  std::uint64_t generation() const { return opened; }
+
  private:
   Display* openLocked();
   void beginRequestsLocked();
@@ -52,6 +57,7 @@ class Connection {
   std::string name;
   Display* display = nullptr;
   bool lost = false;  // the server went away; the Display is unusable and reopened on next use
+  std::uint64_t opened = 0;
   friend void onLostConnectionExit(Display*, void*);
 };
 
