@@ -113,8 +113,8 @@ bool Capture::grabLocked(Display* display, const Area& area, std::string& error)
       }
     }
     if (shared) {
+      // A request with a reply: its error, if any, has come in when it returns.
       const bool got = XShmGetImage(display, root, image, area.x, area.y, AllPlanes) == True;
-      XSync(display, False);
       if (!Connection::takeRequestFailure() && got) return true;
       // A server on another machine (or in another IPC namespace) cannot see the segment.
       releaseSharedLocked(display);
@@ -161,7 +161,8 @@ bool Capture::grab(const Area& area, bool withCursor,
                    const std::function<void(const Pixels&)>& use, std::string& error) {
   std::lock_guard lock(mutex);
   bool grabbed = false;
-  const bool answered = connection.run([&](Display* display) {
+  // The grab, and the cursor's image after it, wait for their replies.
+  const bool answered = connection.runAwaited([&](Display* display) {
     grabbed = grabLocked(display, area, error);
     if (grabbed && !isBgrx(*image)) {
       error = "the screen's visual is not 24-bit TrueColor (depth " +

@@ -1,5 +1,7 @@
 #include "platform/x11/x11_connection.h"
 
+#include <poll.h>
+
 namespace tervain::x11 {
 namespace {
 
@@ -57,6 +59,8 @@ bool Connection::endRequestsLocked() {
   return !requestFailed && !lost;
 }
 
+bool Connection::requestFailedLocked() const { return requestFailed || lost; }
+
 bool Connection::takeRequestFailure() {
   const bool failed = requestFailed;
   requestFailed = false;
@@ -64,6 +68,13 @@ bool Connection::takeRequestFailure() {
 }
 
 bool Connection::answers() {
+  {
+    std::lock_guard lock(mutex);
+    if (display != nullptr && !lost) {
+      pollfd quiet{ConnectionNumber(display), POLLIN, 0};
+      if (::poll(&quiet, 1, 0) == 0) return true;
+    }
+  }
   return run([](Display*) { return true; });
 }
 

@@ -261,7 +261,7 @@ CapturedImage X11Desktop::captureImage(const ShareableDisplay& display,
       source = x11::scaleNearest(pixels, width, height, scaled);
     }
     encoded = request.format == ImageFormat::png ? x11::encodePng(source)
-                                                 : x11::encodeJpeg(source, quality);
+                                                 : jpeg.encode(source, quality);
   }, error);
   if (!grabbed) {
     image.status = CapturedImage::Status::captureFailed;

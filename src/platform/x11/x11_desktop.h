@@ -79,6 +79,7 @@ class X11Desktop : public Desktop {
   x11::Connection captureConnection;  // captures never wait behind input
   x11::Input input{inputConnection};
   x11::Capture capture{captureConnection};
+  x11::JpegEncoder jpeg;  // used inside a grab only, so one capture at a time
   x11::LaunchEnvironment launchEnvironment = x11::LaunchEnvironment::current();
   atspi::AtspiAccessibility accessibility;
 };

@@ -9,7 +9,8 @@ namespace tervain::x11 {
 
 std::vector<Monitor> monitors(Connection& connection) {
   std::vector<Monitor> result;
-  const bool answered = connection.run([&result](Display* display) {
+  // The monitors' request waits for its reply; the screen's size needs none.
+  const bool answered = connection.runAwaited([&result](Display* display) {
     const Window root = DefaultRootWindow(display);
     int event = 0, error = 0;
     if (XRRQueryExtension(display, &event, &error)) {
