@@ -12,6 +12,7 @@
 #include <chrono>
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 namespace tervain::x11 {
@@ -270,8 +271,33 @@ bool Input::type(std::u32string_view text) {
   }
   const std::vector<KeyCode> spares = keymap.spares();
 
+  // What the spare keycodes carry now: a character stays bound from one batch to the next while
+  // the text needs it (every remapping makes each client, the window manager too, read the
+  // keymap again), and all are cleared at the end.
+  std::map<KeyCode, KeySym> carried;
+  using Change = std::pair<KeyCode, KeySym>;  // NoSymbol clears
+  const auto remap = [&](const std::vector<Change>& changes) {
+    return connection.run([&](Display* display) {
+      for (const auto& [code, keysym] : changes) {
+        // The plain and shifted levels of the first group carry the character, so a held
+        // Shift cannot change it; the rest stays empty, which the server turns into a plain
+        // one-group key.
+        std::vector<KeySym> levels(static_cast<std::size_t>(keymap.perCode), NoSymbol);
+        if (keysym != NoSymbol) std::fill_n(levels.begin(), std::min(2, keymap.perCode), keysym);
+        XChangeKeyboardMapping(display, code, keymap.perCode, levels.data(), 1);
+        if (keysym == NoSymbol) {
+          carried.erase(code);
+        } else {
+          carried[code] = keysym;
+        }
+      }
+      return true;
+    });
+  };
+
+  bool ok = true;
   std::size_t start = 0;
-  while (start < text.size()) {
+  while (ok && start < text.size()) {
     // One batch: the longest run of text whose missing characters fit on the spare keycodes.
     struct Stroke {
       KeyCode code;
@@ -279,6 +305,7 @@ bool Input::type(std::u32string_view text) {
     };
     std::vector<Stroke> strokes;
     std::map<KeySym, KeyCode> bound;
+    std::set<KeyCode> used;
     std::size_t end = start;
     for (; end < text.size(); ++end) {
       const KeySym keysym = keysymForCodePoint(text[end]);
@@ -291,54 +318,60 @@ bool Input::type(std::u32string_view text) {
         continue;
       }
       if (bound.size() == spares.size()) break;
-      const KeyCode code = spares[nextSpare++ % spares.size()];
+      // The keycode that carries it already, else the next one in turn this batch leaves free.
+      KeyCode code = 0;
+      for (const auto& [c, k] : carried) {
+        if (k == keysym && !used.contains(c)) code = c;
+      }
+      for (std::size_t tries = 0; code == 0 && tries < spares.size(); ++tries) {
+        const KeyCode candidate = spares[nextSpare++ % spares.size()];
+        if (!used.contains(candidate)) code = candidate;
+      }
       bound.emplace(keysym, code);
+      used.insert(code);
       strokes.push_back({code, false});
     }
-    if (end == start) return false;  // a missing character and no spare keycode at all
+    if (end == start) {
+      ok = false;  // a missing character and no spare keycode at all
+      break;
+    }
 
-    const auto bind = [&](bool set) {
-      return connection.run([&](Display* display) {
-        for (const auto& [keysym, code] : bound) {
-          // The plain and shifted levels of the first group carry the character, so a held
-          // Shift cannot change it; the rest stays empty, which the server turns into a plain
-          // one-group key.
-          std::vector<KeySym> levels(static_cast<std::size_t>(keymap.perCode), NoSymbol);
-          if (set) std::fill_n(levels.begin(), std::min(2, keymap.perCode), keysym);
-          XChangeKeyboardMapping(display, code, keymap.perCode, levels.data(), 1);
-        }
-        return true;
-      });
-    };
-    if (!bound.empty()) {
-      if (!bind(true)) return false;
+    std::vector<Change> changes;
+    for (const auto& [keysym, code] : bound) {
+      if (const auto it = carried.find(code); it == carried.end() || it->second != keysym) {
+        changes.emplace_back(code, keysym);
+      }
+    }
+    if (!changes.empty()) {
+      if (!remap(changes)) return false;
       // The client looks the keys up when it reads them, after the remapping's notice, which
-      // reaches it first: no wait is needed unless the release below comes too early.
+      // reaches it first: no wait is needed unless a later remapping comes too early.
       if (reader == 0) ::usleep(kRemapSettleMicros);
     }
     bool read = bound.empty();
-    const bool typed = connection.run([&](Display* display) {
-      bool ok = true;
+    ok = connection.run([&](Display* display) {
+      bool sent = true;
       for (const Stroke& stroke : strokes) {
-        if (stroke.shifted) ok = sendKey(display, shift, true) && ok;
-        ok = sendKey(display, stroke.code, true) && sendKey(display, stroke.code, false) && ok;
-        if (stroke.shifted) ok = sendKey(display, shift, false) && ok;
+        if (stroke.shifted) sent = sendKey(display, shift, true) && sent;
+        sent = sendKey(display, stroke.code, true) && sendKey(display, stroke.code, false) && sent;
+        if (stroke.shifted) sent = sendKey(display, shift, false) && sent;
       }
       // The bindings stay until the client has read these keys: a busy client (an
       // accessibility bridge at work) reads them many settle times later.
       if (!read && reader != 0) read = waitUntilRead(display, reader, kReadLimit);
-      return ok;
+      return sent;
     });
     if (!read) {
       // A client that does not answer pings, or hangs: the settle time is all there is.
       reader = 0;
       ::usleep(kRemapSettleMicros);
     }
-    if (!bound.empty() && !bind(false)) return false;
-    if (!typed) return false;
     start = end;
   }
-  return true;
+  std::vector<Change> clear;
+  for (const auto& [code, keysym] : carried) clear.emplace_back(code, NoSymbol);
+  if (!clear.empty() && !remap(clear)) return false;
+  return ok;
 }
 
 }  // namespace tervain::x11

@@ -9,8 +9,9 @@
 // answers the window manager's ping, the ping sent after the keys says so (its echo comes back
 // once the client has read everything before it); otherwise a settle time has to do, before the
 // keys and again before the binding goes. To pay that once per batch rather than once per
-// character, a batch binds as many distinct characters as there are spare keycodes, types the
-// whole run of text they cover (keymap characters included), then clears them.
+// character, a batch binds as many distinct characters as there are spare keycodes and types the
+// whole run of text they cover (keymap characters included); a character the next batch needs
+// too keeps its keycode, and the keycodes are cleared when the text is done.
 #pragma once
 
 #include <chrono>
