@@ -32,7 +32,7 @@ using Clock = std::chrono::steady_clock;
 class PrivateXServer {
  public:
   // display: a number to take, or -1 for any free one (the server picks it).
-  explicit PrivateXServer(int display = -1) {
+  explicit PrivateXServer(int display = -1, std::string size = "640x480x24") {
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0) return;
     posix_spawn_file_actions_t actions;
@@ -40,7 +40,7 @@ class PrivateXServer {
     posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 3);  // clears close-on-exec
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<std::string> args = {"Xvfb", "-displayfd", "3", "-screen", "0", "640x480x24",
+    std::vector<std::string> args = {"Xvfb", "-displayfd", "3", "-screen", "0", size,
                                      "-nolisten", "tcp", "+extension", "XTEST"};
     if (display >= 0) args.insert(args.begin() + 1, ":" + std::to_string(display));
     std::vector<char*> argv;
@@ -111,15 +111,16 @@ TEST(XServerLoss, TheAgentOutlivesItsXServerAndTakesTheNextOne) {
   EXPECT_EQ(request(agent, {{"op", "shell-events"}, {"dir", spool.path()}})["files"], 1);
   ASSERT_TRUE(agent.running()) << agent.log();
 
-  // A new server on the same display: the next requests find it.
-  server.emplace(number);
+  // A new server of another size on the same display: the next requests find it, and nothing
+  // kept about the old one misleads them.
+  server.emplace(number, "800x600x24");
   ASSERT_EQ(server->display(), ":" + std::to_string(number));
   Json shot = Json::object();
   for (int i = 0; i < 50 && !shot.value("ok", false); ++i) {
     shot = request(agent, screenshot);
     if (!shot.value("ok", false)) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
-  EXPECT_EQ(shot["width"], 640) << shot.dump().substr(0, 300);
+  EXPECT_EQ(shot["width"], 800) << shot.dump().substr(0, 300);
   EXPECT_EQ(request(agent, click), Json({{"ok", true}}));
   server->stop();
   EXPECT_TRUE(agent.running()) << agent.log();

@@ -221,7 +221,7 @@ void X11Desktop::launchApplication(const std::string& name,
 
 ShareableContent X11Desktop::copyShareableContent() {
   ShareableContent content;
-  const std::vector<x11::Monitor> monitors = x11::monitors(captureConnection);
+  const std::vector<x11::Monitor> monitors = captureMonitors.current();
   if (monitors.empty()) {
     content.error = "the X display does not answer";
     return content;
