@@ -168,8 +168,20 @@ Reply opKey(OperationContext& context, const Json& request) {
   }
   const std::optional<KeyStroke> stroke = KeyMap::stroke(*chord);
   if (!stroke) return Reply::failure("unrecognized key in chord \"" + *chord + "\"");
-  if ((stroke->modifiers & ~desktop.supportedModifiers()) != 0) {
-    return Reply::failure("this desktop cannot hold every modifier of chord \"" + *chord + "\"");
+  if (const Modifiers missing = stroke->modifiers & ~desktop.supportedModifiers(); missing != 0) {
+    // Named, so that a host knows which key to leave out ("fn" on X11, which has none).
+    constexpr std::pair<Modifiers, const char*> kNames[] = {{Modifier::fn, "fn"},
+                                                            {Modifier::command, "cmd"},
+                                                            {Modifier::option, "option"},
+                                                            {Modifier::control, "ctrl"},
+                                                            {Modifier::shift, "shift"}};
+    std::string names;
+    for (const auto& [flag, name] : kNames) {
+      if ((missing & flag) != 0) names += (names.empty() ? "" : ", ") + std::string(name);
+    }
+    return Reply::failure("this desktop cannot hold every modifier of chord \"" + *chord +
+                          "\": the " + std::string(desktop.kind()) + " desktop has no " + names +
+                          " key");
   }
 
   // The modifiers are exactly the chord's, also when it has none: the chord must mean the same

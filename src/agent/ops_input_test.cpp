@@ -201,7 +201,8 @@ TEST_F(InputOpsTest, TypeSplitsASurrogatePairAtTheBoundary) {
 TEST_F(InputOpsTest, AChordThisDesktopCannotHoldIsRefused) {
   desktop.modifiers = Modifier::all & ~Modifier::fn;
   EXPECT_EQ(error(R"({"op":"key","chord":"fn+f1"})"),
-            "this desktop cannot hold every modifier of chord \"fn+f1\"");
+            "this desktop cannot hold every modifier of chord \"fn+f1\": the fake desktop has no "
+            "fn key");
   EXPECT_TRUE(run(R"({"op":"key","chord":"cmd+f1"})").ok());
 }
 

@@ -241,9 +241,13 @@ int runAgent(int argc, const char* const* argv, DesktopChooser chooseDesktop) {
   }
   std::string problem;
   Desktop* const chosen = chooseDesktop(commandLine.desktop, problem);
-  if (chosen == nullptr) {
+  if (chosen == nullptr && problem.starts_with("--")) {
     std::fprintf(stderr, "TervainVMAgent: %s\n\n%s", problem.c_str(), usageText().c_str());
     return 2;
+  }
+  if (chosen == nullptr) {
+    agentLog("FATAL: " + problem);
+    return 1;
   }
   Desktop& desktop = *chosen;
   if (commandLine.action == CommandLine::Action::requestGrants) {
@@ -263,6 +267,7 @@ int runAgent(int argc, const char* const* argv, DesktopChooser chooseDesktop) {
     agentLog(protocol + " starting on unix socket " + path);
     agentLog(readinessLine(desktop));
     agentLog(desktopLine(desktop));
+    if (!problem.empty()) agentLog(problem);  // why this desktop and not the one asked for
     try {
       listener.emplace(AgentListener::UnixSocket{path});
     } catch (const AgentError& e) {
@@ -275,6 +280,7 @@ int runAgent(int argc, const char* const* argv, DesktopChooser chooseDesktop) {
     agentLog(protocol + " starting on vsock port " + std::to_string(port));
     agentLog(readinessLine(desktop));
     agentLog(desktopLine(desktop));
+    if (!problem.empty()) agentLog(problem);  // why this desktop and not the one asked for
     try {
       listener.emplace(port);
     } catch (const AgentError& e) {

@@ -4,28 +4,49 @@
 #include <turbojpeg.h>
 
 #include <algorithm>
-#include <memory>
 
 namespace tervain::x11 {
 
 Encoded encodeJpeg(const Pixels& pixels, int quality) {
+  JpegEncoder encoder;
+  return encoder.encode(pixels, quality);
+}
+
+JpegEncoder::~JpegEncoder() {
+  tjFree(buffer);
+  if (handle != nullptr) tjDestroy(handle);
+}
+
+Encoded JpegEncoder::encode(const Pixels& pixels, int quality) {
   Encoded result;
-  // A handle is cheap next to an encode (microseconds) and cannot be shared between threads.
-  std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitCompress(), tjDestroy);
-  if (!handle) {
+  if (handle == nullptr) handle = tjInitCompress();
+  if (handle == nullptr) {
     result.error = "the JPEG encoder could not start";
     return result;
   }
-  unsigned char* out = nullptr;
-  unsigned long size = 0;
-  if (tjCompress2(handle.get(), pixels.data, pixels.width, pixels.stride, pixels.height,
-                  TJPF_BGRX, &out, &size, TJSAMP_420, std::clamp(quality, 1, 100), 0) != 0) {
-    result.error = tjGetErrorStr2(handle.get());
-    tjFree(out);
+  // The largest JPEG these pixels can make, so the encoder never reallocates; a buffer kept
+  // from frame to frame keeps its pages too.
+  const unsigned long needed = tjBufSize(pixels.width, pixels.height, TJSAMP_420);
+  if (needed == static_cast<unsigned long>(-1)) {
+    result.error = tjGetErrorStr2(handle);
+    return result;
+  }
+  if (needed > capacity) {
+    tjFree(buffer);
+    buffer = tjAlloc(static_cast<int>(needed));
+    capacity = buffer == nullptr ? 0 : needed;
+  }
+  unsigned long size = capacity;
+  const int flags = buffer == nullptr ? 0 : TJFLAG_NOREALLOC;
+  unsigned char* out = buffer;
+  if (tjCompress2(handle, pixels.data, pixels.width, pixels.stride, pixels.height, TJPF_BGRX, &out,
+                  &size, TJSAMP_420, std::clamp(quality, 1, 100), flags) != 0) {
+    result.error = tjGetErrorStr2(handle);
+    if (out != buffer) tjFree(out);
     return result;
   }
   result.bytes.assign(reinterpret_cast<const char*>(out), size);
-  tjFree(out);
+  if (out != buffer) tjFree(out);
   result.ok = true;
   return result;
 }

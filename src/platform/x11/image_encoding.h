@@ -23,6 +23,23 @@ struct Encoded {
 
 // Baseline JPEG, 4:2:0, at quality 1..100. Thread-safe.
 Encoded encodeJpeg(const Pixels& pixels, int quality);
+
+// The same, for one caller at a time that encodes again and again (screenshots): the encoder
+// and its output buffer are kept, so a frame costs no fresh memory but its result's.
+class JpegEncoder {
+ public:
+  JpegEncoder() = default;
+  ~JpegEncoder();
+  JpegEncoder(const JpegEncoder&) = delete;
+  JpegEncoder& operator=(const JpegEncoder&) = delete;
+
+  Encoded encode(const Pixels& pixels, int quality);
+
+ private:
+  void* handle = nullptr;
+  unsigned char* buffer = nullptr;
+  unsigned long capacity = 0;
+};
 // 8-bit RGB PNG. Thread-safe.
 Encoded encodePng(const Pixels& pixels);
 

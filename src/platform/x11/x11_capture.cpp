@@ -42,6 +42,17 @@ void Capture::releaseSharedLocked(Display* display) {
   segment = {};
 }
 
+// The server went away and a new one answers: the old one's segment and its verdict on shared
+// memory mean nothing to it.
+void Capture::forgetServerLocked() {
+  if (shared) ::shmdt(segment.shmaddr);
+  if (image != nullptr && shared) image->data = nullptr;
+  destroyImage(image);
+  shared = false;
+  shmBroken = false;
+  segment = {};
+}
+
 bool Capture::sharedMemory() {
   std::lock_guard lock(mutex);
   return connection.run([this](Display* display) {
@@ -50,6 +61,10 @@ bool Capture::sharedMemory() {
 }
 
 bool Capture::grabLocked(Display* display, const Area& area, std::string& error) {
+  if (generation != connection.generation()) {
+    forgetServerLocked();
+    generation = connection.generation();
+  }
   const Window root = DefaultRootWindow(display);
   Screen* screen = DefaultScreenOfDisplay(display);
   if (area.width <= 0 || area.height <= 0 || area.x < 0 || area.y < 0 ||
@@ -98,8 +113,8 @@ bool Capture::grabLocked(Display* display, const Area& area, std::string& error)
       }
     }
     if (shared) {
+      // A request with a reply: its error, if any, has come in when it returns.
       const bool got = XShmGetImage(display, root, image, area.x, area.y, AllPlanes) == True;
-      XSync(display, False);
       if (!Connection::takeRequestFailure() && got) return true;
       // A server on another machine (or in another IPC namespace) cannot see the segment.
       releaseSharedLocked(display);
@@ -146,7 +161,8 @@ bool Capture::grab(const Area& area, bool withCursor,
                    const std::function<void(const Pixels&)>& use, std::string& error) {
   std::lock_guard lock(mutex);
   bool grabbed = false;
-  const bool answered = connection.run([&](Display* display) {
+  // The grab, and the cursor's image after it, wait for their replies.
+  const bool answered = connection.runAwaited([&](Display* display) {
     grabbed = grabLocked(display, area, error);
     if (grabbed && !isBgrx(*image)) {
       error = "the screen's visual is not 24-bit TrueColor (depth " +

@@ -42,6 +42,7 @@ class Capture {
  private:
   bool grabLocked(Display* display, const Area& area, std::string& error);
   void releaseSharedLocked(Display* display);
+  void forgetServerLocked();
   void drawCursorLocked(Display* display, const Area& area);
 
   Connection& connection;
@@ -50,6 +51,7 @@ class Capture {
   bool shared = false;      // image lives in the shared segment below
   bool shmBroken = false;   // the server could not attach a segment: XGetImage from now on
   XShmSegmentInfo segment{};  // the shared image points here: it lives as long as the image
+  std::uint64_t generation = 0;  // the connection's opening the state above belongs to
 };
 
 }  // namespace tervain::x11

@@ -1,6 +1,6 @@
 #include "platform/x11/x11_connection.h"
 
-
+#include <poll.h>
 
 namespace tervain::x11 {
 namespace {
@@ -45,7 +45,10 @@ Display* Connection::openLocked() {
   // A lost Display is leaked on purpose: Xlib cannot close it safely.
   display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
   lost = false;
-  if (display != nullptr) XSetIOErrorExitHandler(display, onLostConnectionExit, this);
+  if (display != nullptr) {
+    XSetIOErrorExitHandler(display, onLostConnectionExit, this);
+    ++opened;
+  }
   return display;
 }
 
@@ -56,6 +59,8 @@ bool Connection::endRequestsLocked() {
   return !requestFailed && !lost;
 }
 
+bool Connection::requestFailedLocked() const { return requestFailed || lost; }
+
 bool Connection::takeRequestFailure() {
   const bool failed = requestFailed;
   requestFailed = false;
@@ -63,6 +68,13 @@ bool Connection::takeRequestFailure() {
 }
 
 bool Connection::answers() {
+  {
+    std::lock_guard lock(mutex);
+    if (display != nullptr && !lost) {
+      pollfd quiet{ConnectionNumber(display), POLLIN, 0};
+      if (::poll(&quiet, 1, 0) == 0) return true;
+    }
+  }
   return run([](Display*) { return true; });
 }
 

@@ -8,6 +8,7 @@
 
 #include <X11/Xlib.h>
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -34,24 +35,45 @@ class Connection {
     return endRequestsLocked() && wanted;
   }
 
+  // run() for an fn whose last request waited for its reply (or that made none): the server has
+  // answered every earlier request by then, and their errors are in, without a further round
+  // trip.
+  template <typename F>
+  bool runAwaited(F&& fn) {
+    std::lock_guard lock(mutex);
+    Display* display = openLocked();
+    if (display == nullptr) return false;
+    beginRequestsLocked();
+    const bool wanted = fn(display);
+    return !requestFailedLocked() && wanted;
+  }
+
   // Inside run(): whether a request failed since the last call (or since run() began), and
   // forget it. For code that tries a request and falls back when the server refuses it.
   static bool takeRequestFailure();
 
-  // True when the display can be opened and answers a round trip.
+  // True when the display can be opened and answers a round trip. An open connection whose
+  // socket holds nothing (no bytes, no hang-up) answers without one: the server is still there,
+  // and the next request finds out if it hangs.
   bool answers();
   // True when the server has the extension (for example "XTEST", "MIT-SHM").
   bool hasExtension(const char* name);
+
+  // Inside run(): which opening of the display this is (1 for the first). State kept about the
+  // server (a shared memory segment, for one) is stale once it changes.
+  std::uint64_t generation() const { return opened; }
 
  private:
   Display* openLocked();
   void beginRequestsLocked();
   bool endRequestsLocked();
+  bool requestFailedLocked() const;
 
   std::mutex mutex;
   std::string name;
   Display* display = nullptr;
   bool lost = false;  // the server went away; the Display is unusable and reopened on next use
+  std::uint64_t opened = 0;
   friend void onLostConnectionExit(Display*, void*);
 };
 

@@ -221,7 +221,7 @@ void X11Desktop::launchApplication(const std::string& name,
 
 ShareableContent X11Desktop::copyShareableContent() {
   ShareableContent content;
-  const std::vector<x11::Monitor> monitors = x11::monitors(captureConnection);
+  const std::vector<x11::Monitor> monitors = captureMonitors.current();
   if (monitors.empty()) {
     content.error = "the X display does not answer";
     return content;
@@ -261,7 +261,7 @@ CapturedImage X11Desktop::captureImage(const ShareableDisplay& display,
       source = x11::scaleNearest(pixels, width, height, scaled);
     }
     encoded = request.format == ImageFormat::png ? x11::encodePng(source)
-                                                 : x11::encodeJpeg(source, quality);
+                                                 : jpeg.encode(source, quality);
   }, error);
   if (!grabbed) {
     image.status = CapturedImage::Status::captureFailed;

@@ -17,6 +17,7 @@
 #include "platform/x11/x11_capture.h"
 #include "platform/x11/x11_connection.h"
 #include "platform/x11/x11_input.h"
+#include "platform/x11/x11_screen.h"
 
 namespace tervain {
 
@@ -79,6 +80,8 @@ class X11Desktop : public Desktop {
   x11::Connection captureConnection;  // captures never wait behind input
   x11::Input input{inputConnection};
   x11::Capture capture{captureConnection};
+  x11::JpegEncoder jpeg;  // used inside a grab only, so one capture at a time
+  x11::MonitorList captureMonitors{captureConnection};
   x11::LaunchEnvironment launchEnvironment = x11::LaunchEnvironment::current();
   atspi::AtspiAccessibility accessibility;
 };

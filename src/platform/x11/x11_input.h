@@ -4,14 +4,17 @@
 // Typing goes by the keymap where it can: a character on the keymap is its key (with Shift when
 // it sits on the shifted level). A character the keymap lacks is bound for the moment to a spare
 // keycode (one with no keysym at all), typed, and the keycode is cleared again. Clients look a
-// keycode up when they handle its event, not when it is sent, so every remapping needs a settle
-// time before the keys that use it and again before it is undone. To pay that twice per batch
-// rather than twice per character, a batch binds as many distinct characters as there are spare
-// keycodes, types the whole run of text they cover (keymap characters included), then clears
-// them; the batches rotate through the spare keycodes, so a late client never reads a keycode of
-// the batch before under the binding of the next.
+// keycode up when they read its event, not when it is sent, and a busy one reads late: a
+// binding may only go once the client has read every key that uses it. When the focused window
+// answers the window manager's ping, the ping sent after the keys says so (its echo comes back
+// once the client has read everything before it); otherwise a settle time has to do, before the
+// keys and again before the binding goes. To pay that once per batch rather than once per
+// character, a batch binds as many distinct characters as there are spare keycodes and types the
+// whole run of text they cover (keymap characters included); a character the next batch needs
+// too keeps its keycode, and the keycodes are cleared when the text is done.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string_view>
@@ -53,6 +56,9 @@ class Input {
   // Time a remapping needs to reach the clients, in microseconds (see above). An idle machine
   // needs 5 ms; a busy one (a CI runner building in parallel) several times that.
   static constexpr unsigned int kRemapSettleMicros = 25'000;
+  // How long a client that answers pings may take to read a batch of keys before the bindings
+  // go anyway (it hangs: the keys are lost to it whatever we do).
+  static constexpr std::chrono::milliseconds kReadLimit{3000};
 
  private:
   bool modifierKeys(Display* display, ModifierKeys modifiers, bool down);

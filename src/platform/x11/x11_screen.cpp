@@ -7,31 +7,72 @@
 
 namespace tervain::x11 {
 
-std::vector<Monitor> monitors(Connection& connection) {
-  std::vector<Monitor> result;
-  const bool answered = connection.run([&result](Display* display) {
-    const Window root = DefaultRootWindow(display);
-    int event = 0, error = 0;
-    if (XRRQueryExtension(display, &event, &error)) {
-      int count = 0;
-      XRRMonitorInfo* info = XRRGetMonitors(display, root, True, &count);
-      for (int i = 0; info != nullptr && i < count; ++i) {
-        result.push_back({static_cast<std::uint32_t>(info[i].name), info[i].x, info[i].y,
-                          info[i].width, info[i].height, info[i].primary != 0});
-      }
-      if (info != nullptr) XRRFreeMonitors(info);
+namespace {
+
+// The monitors as the server reports them now; the last request waits for its reply.
+void fetchMonitors(Display* display, std::vector<Monitor>& result) {
+  result.clear();
+  const Window root = DefaultRootWindow(display);
+  int event = 0, error = 0;
+  if (XRRQueryExtension(display, &event, &error)) {
+    int count = 0;
+    XRRMonitorInfo* info = XRRGetMonitors(display, root, True, &count);
+    for (int i = 0; info != nullptr && i < count; ++i) {
+      result.push_back({static_cast<std::uint32_t>(info[i].name), info[i].x, info[i].y,
+                        info[i].width, info[i].height, info[i].primary != 0});
     }
-    if (result.empty()) {
-      Screen* screen = DefaultScreenOfDisplay(display);
-      result.push_back({0, 0, 0, WidthOfScreen(screen), HeightOfScreen(screen), true});
-    }
-    return true;
-  });
-  if (!answered) return {};
+    if (info != nullptr) XRRFreeMonitors(info);
+  }
+  if (result.empty()) {
+    Screen* screen = DefaultScreenOfDisplay(display);
+    result.push_back({0, 0, 0, WidthOfScreen(screen), HeightOfScreen(screen), true});
+  }
   bool anyPrimary = false;
   for (const Monitor& m : result) anyPrimary = anyPrimary || m.primary;
   if (!anyPrimary) result.front().primary = true;
+}
+
+}  // namespace
+
+std::vector<Monitor> monitors(Connection& connection) {
+  std::vector<Monitor> result;
+  if (!connection.runAwaited([&result](Display* display) {
+        fetchMonitors(display, result);
+        return true;
+      })) {
+    return {};
+  }
   return result;
+}
+
+std::vector<Monitor> MonitorList::current() {
+  std::lock_guard lock(mutex);
+  const bool answered = connection.runAwaited([this](Display* display) {
+    bool stale = cached.empty() || generation != connection.generation();
+    if (generation != connection.generation()) {
+      int event = 0, error = 0;
+      if (XRRQueryExtension(display, &event, &error)) {
+        XRRSelectInput(display, DefaultRootWindow(display),
+                       RRScreenChangeNotifyMask | RRCrtcChangeNotifyMask |
+                           RROutputChangeNotifyMask);
+      }
+      generation = connection.generation();
+    }
+    // What the server has sent, read without waiting: only RandR's notices come here, and any
+    // of them means the list changed. (A server that hung up shows here too.)
+    for (int i = 0; i < 10'000 && XEventsQueued(display, QueuedAfterReading) > 0; ++i) {
+      XEvent event;
+      XNextEvent(display, &event);
+      stale = true;
+    }
+    if (stale) fetchMonitors(display, cached);
+    return true;
+  });
+  if (!answered) {
+    cached.clear();
+    return {};
+  }
+  return cached;
 }
 
 std::optional<PointerPosition> pointer(Connection& connection) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,6 +22,21 @@ struct Monitor {
 // The monitors RandR reports, the primary one flagged (the first when none is); the whole screen
 // as one monitor when RandR is missing or reports none. Empty when the display does not answer.
 std::vector<Monitor> monitors(Connection& connection);
+
+// The same list kept for a connection that nothing else reads events from (the capture's): it
+// is asked for again only when RandR has reported a change since, or the connection reopened,
+// so a screenshot costs no round trip for it.
+class MonitorList {
+ public:
+  explicit MonitorList(Connection& connection) : connection(connection) {}
+  std::vector<Monitor> current();
+
+ private:
+  Connection& connection;
+  std::mutex mutex;
+  std::vector<Monitor> cached;
+  std::uint64_t generation = 0;  // the connection's opening the list belongs to
+};
 
 struct PointerPosition {
   int x = 0, y = 0;
