@@ -7,6 +7,7 @@
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+#include <png.h>
 #include <poll.h>
 #include <signal.h>
 #include <turbojpeg.h>
@@ -39,6 +40,25 @@ struct Image {
     return out;
   }
 };
+
+// A PNG screenshot reply's pixels; empty when it does not decode.
+Image decodePng(const Json& reply) {
+  Image image;
+  const std::optional<std::string> png = base64::decode(reply.value("image", ""));
+  if (!png) return image;
+  png_image in{};
+  in.version = PNG_IMAGE_VERSION;
+  if (png_image_begin_read_from_memory(&in, png->data(), png->size()) == 0) return image;
+  in.format = PNG_FORMAT_RGB;
+  image.rgb.resize(PNG_IMAGE_SIZE(in));
+  if (png_image_finish_read(&in, nullptr, image.rgb.data(), 0, nullptr) == 0) {
+    image.rgb.clear();
+    return image;
+  }
+  image.width = static_cast<int>(in.width);
+  image.height = static_cast<int>(in.height);
+  return image;
+}
 
 // The mean absolute difference of two equally sized pixel runs.
 double difference(const std::vector<unsigned char>& a, const std::vector<unsigned char>& b) {
@@ -141,6 +161,34 @@ TEST_F(WidgetFactory, LaunchedByNameAndSeenInPingAndScreenshots) {
   EXPECT_TRUE(missing.value("error", "").starts_with(
       "no application named \"no-such-application-here\" ("))
       << missing.dump();
+}
+
+// A region is that rectangle of the whole screen (PNG, so pixel for pixel), and a maximum width
+// scales the image and says by how much.
+TEST_F(WidgetFactory, ARegionIsThatRectangleOfTheWholeScreen) {
+  const Json full = op("screenshot", {{"format", "png"}});
+  const int x = window->x + 10, y = window->y + 10;
+  const Json part = op("screenshot", {{"format", "png"},
+                                      {"region", {{"x", x}, {"y", y}, {"w", 300}, {"h", 200}}}});
+  ASSERT_EQ(full["format"], "png") << full.dump().substr(0, 300);
+  ASSERT_EQ(part["format"], "png") << part.dump().substr(0, 300);
+  EXPECT_EQ(part["region"], Json({{"x", x}, {"y", y}, {"w", 300}, {"h", 200}}));
+  EXPECT_EQ(part["scale"], 1.0);
+  const Image whole = decodePng(full);
+  const Image cut = decodePng(part);
+  ASSERT_EQ(whole.width, 1920);
+  ASSERT_EQ(cut.width, 300);
+  ASSERT_EQ(cut.height, 200);
+  const std::vector<unsigned char> expected = whole.region(x, y, 300, 200);
+  const std::vector<unsigned char> shifted = whole.region(x + 3, y, 300, 200);
+  // A caret may blink between the two captures; nothing else moves.
+  EXPECT_LT(difference(cut.rgb, expected), 1.0);
+  EXPECT_GT(difference(cut.rgb, shifted), difference(cut.rgb, expected));
+
+  const Json small = op("screenshot", {{"maxWidth", 480}});
+  EXPECT_EQ(small["width"], 480);
+  EXPECT_EQ(small["height"], 270);
+  EXPECT_EQ(small["scale"], 0.25);
 }
 
 TEST_F(WidgetFactory, ClickingTheCheckBoxTogglesIt) {

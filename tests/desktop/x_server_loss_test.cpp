@@ -18,7 +18,7 @@
 
 #include "agent_process.h"
 #include "core/json.h"
-#include "desktop/test_desktop.h"
+#include "desktop_session.h"
 #include "exec_test_support.h"
 
 extern char** environ;
