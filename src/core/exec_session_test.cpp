@@ -17,7 +17,6 @@
 
 #include <gtest/gtest.h>
 
-#include "core/posix/spawn_platform.h"
 #include "core/shell_spool.h"
 #include "exec_test_support.h"
 
@@ -56,32 +55,6 @@ class ScopedEnv {
   const char* name;
   std::optional<std::string> saved;
 };
-
-// Reads everything from a descriptor until end of file, bounded in time.
-std::string readAll(int fd, std::chrono::milliseconds limit = 10s) {
-  std::string out;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  char chunk[4096];
-  while (std::chrono::steady_clock::now() < deadline) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, 100) <= 0) continue;
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
-    if (n <= 0) break;
-    out.append(chunk, static_cast<std::size_t>(n));
-  }
-  return out;
-}
-
-// Waits, bounded, for a child; its raw status, or nothing.
-std::optional<int> reap(pid_t pid, std::chrono::milliseconds limit = 10s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    int status = 0;
-    if (::waitpid(pid, &status, WNOHANG) == pid) return status;
-    std::this_thread::sleep_for(5ms);
-  }
-  return std::nullopt;
-}
 
 // ---- How a command becomes a program, arguments and environment ------------------------------
 
@@ -148,80 +121,6 @@ TEST(DulkMissingMessageTest, NamesTheDefaultPathAndTheFix) {
             "agent shell in every virtualized environment (docs/DULK.md \u00a77.5), so the exec "
             "surface refuses to run without it. Rebuild the macOS VM base image so provisioning "
             "installs it.");
-}
-
-// ---- Spawning a group leader ----------------------------------------------------------------
-
-class SpawnTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { ignoreSigpipe(); }
-
-  // Spawns /bin/sh -c script with fresh pipes; the test gets the other ends.
-  pid_t spawnSh(const std::string& script) {
-    int in[2], out[2], err[2];
-    EXPECT_EQ(posix::makeCloexecPipe(in), 0);
-    EXPECT_EQ(posix::makeCloexecPipe(out), 0);
-    EXPECT_EQ(posix::makeCloexecPipe(err), 0);
-    const auto pid = ExecSession::spawnGroupLeader("/bin/sh", {"-c", script},
-                                                   {{"PATH", "/usr/bin:/bin"}}, in[0], out[1],
-                                                   err[1]);
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    stdinFD = in[1];
-    stdoutFD = out[0];
-    stderrFD = err[0];
-    return pid.value_or(-1);
-  }
-
-  void TearDown() override {
-    for (int fd : {stdinFD, stdoutFD, stderrFD}) {
-      if (fd >= 0) ::close(fd);
-    }
-  }
-
-  int stdinFD = -1, stdoutFD = -1, stderrFD = -1;
-};
-
-TEST_F(SpawnTest, OnlyStandardDescriptorsReachTheChild) {
-  if (!testing::procAvailable()) GTEST_SKIP() << "needs /proc";
-  // A descriptor that any plain fork would hand down.
-  const int leaky = ::dup(STDERR_FILENO);
-  ASSERT_GE(leaky, 3);
-  const pid_t pid = spawnSh("ls /proc/$$/fd; :");
-  ::close(leaky);
-  ASSERT_GT(pid, 0);
-  EXPECT_EQ(readAll(stdoutFD), "0\n1\n2\n");
-  ASSERT_TRUE(reap(pid));
-}
-
-TEST_F(SpawnTest, TheChildLeadsANewProcessGroup) {
-  const pid_t pid = spawnSh("read line; echo \"$line\"");
-  ASSERT_GT(pid, 0);
-  EXPECT_EQ(::getpgid(pid), pid);
-  EXPECT_NE(::getpgid(pid), ::getpgrp());
-  ASSERT_EQ(::write(stdinFD, "go\n", 3), 3);
-  EXPECT_EQ(readAll(stdoutFD), "go\n");
-  const auto status = reap(pid);
-  ASSERT_TRUE(status);
-  EXPECT_EQ(*status, 0);
-}
-
-TEST_F(SpawnTest, SigpipeIsAtItsDefaultInTheChild) {
-  // This process ignores SIGPIPE; if the child inherited that, "yes" would report the broken
-  // pipe on standard error instead of ending quietly.
-  const pid_t pid = spawnSh("yes | head -n 1");
-  ASSERT_GT(pid, 0);
-  EXPECT_EQ(readAll(stdoutFD), "y\n");
-  EXPECT_EQ(readAll(stderrFD), "");
-  ASSERT_TRUE(reap(pid));
-}
-
-TEST_F(SpawnTest, AFailedSpawnReportsItsErrno) {
-  errno = 0;
-  EXPECT_FALSE(ExecSession::spawnGroupLeader("/nonexistent/shell", {"-c", "true"}, {},
-                                             STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO));
-  EXPECT_EQ(errno, ENOENT);
 }
 
 // ---- Whole sessions over a socket pair ---------------------------------------------------------
