@@ -11,6 +11,7 @@ install(TARGETS TervainVMAgent tervainctl RUNTIME DESTINATION ${CMAKE_INSTALL_BI
 set(TERVAIN_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/tervain)
 install(FILES ${TERVAIN_ROOT}/src/client/tervain_client.h DESTINATION ${TERVAIN_INCLUDE_DIR}/client)
 install(FILES ${TERVAIN_ROOT}/src/core/json.h ${TERVAIN_ROOT}/src/core/line_split_buffer.h
+        ${TERVAIN_ROOT}/src/core/unique_fd.h ${TERVAIN_ROOT}/src/core/errno_or.h
         DESTINATION ${TERVAIN_INCLUDE_DIR}/core)
 
 # The source folder is an include directory for builds here only.

@@ -23,13 +23,14 @@
 #include <string>
 
 #include "core/exec_session.h"
+#include "core/spawn.h"
 
 namespace tervain {
 
 struct ExecSessionProbe {
   static void attach(ExecSession& session, pid_t child, int stdinFD) {
     session.pid = child;
-    session.stdinFD = stdinFD;
+    session.stdinFD.reset(stdinFD);
   }
   static void applyBufferedLines(ExecSession& session) { session.applyBufferedLines(); }
   // The child outlives the session: without a pid the destructor neither kills nor reaps it.
@@ -58,8 +59,10 @@ void startChild() {
   const int devNull = ::open("/dev/null", O_WRONLY);
   if (devNull < 0) std::abort();
   for (int fd : {ends[0], ends[1], devNull}) closeOnExec(fd);
-  const std::optional<pid_t> pid =
-      ExecSession::spawnGroupLeader("/bin/cat", {}, {}, ends[1], devNull, devNull);
+  const ErrnoOr<pid_t> pid = spawnProcess({.path = "/bin/cat",
+                                           .environment = std::vector<std::string>{},
+                                           .standardStreams = {ends[1], devNull, devNull},
+                                           .group = SpawnOptions::Group::newGroup});
   ::close(devNull);
   if (!pid) std::abort();
   gChild = {*pid, ends[0], ends[1]};

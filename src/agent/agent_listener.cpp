@@ -1,7 +1,5 @@
 #include "agent/agent_listener.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <memory>
@@ -19,9 +17,9 @@ constexpr int kVsockBacklog = 4;
 // The development socket serves test suites that open many connections at once.
 constexpr int kUnixBacklog = 128;
 
-int checked(int result, const std::string& what) {
+UniqueFd checked(int result, const std::string& what) {
   if (result < 0) throw AgentError::posix(what, -result);
-  return result;
+  return UniqueFd(result);
 }
 
 }  // namespace
@@ -39,13 +37,14 @@ void AgentListener::run(AgentContext& context) {
 }
 
 void AgentListener::acceptOne(AgentContext& context) {
-  const int c = tervain_accept(fd);
+  const int c = tervain_accept(fd.get());
   if (c == -EINTR) return;
   if (c < 0) {
     agentLog("accept failed (errno " + std::to_string(-c) + "); retrying");
     std::this_thread::sleep_for(std::chrono::seconds(1));
     return;
   }
+  UniqueFd connection(c);
   tervain_set_nosigpipe(c);
   agentLog("host connected (fd " + std::to_string(c) + ")");
   auto handler = std::make_unique<ConnectionHandler>(c, context);
@@ -58,9 +57,10 @@ void AgentListener::acceptOne(AgentContext& context) {
       } catch (...) {
       }
     }).detach();
+    (void)connection.release();  // the handler's run() closes it
   } catch (const std::system_error&) {
     // No thread to serve it (a process out of threads): drop the connection, keep accepting.
-    ::close(c);
+    connection.reset();
     agentLog("host disconnected (fd " + std::to_string(c) + ")");
   }
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "agent/agent_context.h"
+#include "core/unique_fd.h"
 
 namespace tervain {
 
@@ -22,17 +23,17 @@ class AgentListener {
   AgentListener(const AgentListener&) = delete;
   AgentListener& operator=(const AgentListener&) = delete;
 
-  // The accept loop; never returns. The socket stays open for the life of the process.
+  // The accept loop; never returns. The socket stays open for the life of the listener.
   [[noreturn]] void run(AgentContext& context);
 
   // One round of the loop: accepts one connection and starts its handler thread, or logs an
   // accept failure and pauses for a second (EINTR is retried at once, silently).
   void acceptOne(AgentContext& context);
 
-  int descriptor() const { return fd; }
+  int descriptor() const { return fd.get(); }
 
  private:
-  const int fd;
+  const UniqueFd fd;
 };
 
 }  // namespace tervain

@@ -13,6 +13,7 @@
 #include "core/agent_wire.h"
 #include "core/request_members.h"
 #include "core/socket_io.h"
+#include "core/unique_fd.h"
 
 namespace tervain {
 namespace {
@@ -40,6 +41,7 @@ ConnectionHandler::ConnectionHandler(int fd, AgentContext& agent) : context(fd, 
 
 void ConnectionHandler::run() {
   const int fd = context.fd;
+  UniqueFd socket(fd);
   auto serve = [this, fd] {
     std::vector<char> buffer(AgentWire::readChunkBytes);
     for (;;) {
@@ -89,7 +91,7 @@ void ConnectionHandler::run() {
       return "an internal error";
     }
   }();
-  ::close(fd);
+  socket.reset();
   try {
     if (!failure.empty()) {
       agentLog("connection ended by " + std::string(failure) + " (fd " + std::to_string(fd) +

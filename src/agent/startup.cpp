@@ -18,6 +18,7 @@
 #include "core/exec_session.h"
 #include "core/posix/login_shell.h"
 #include "core/posix/spawn_platform.h"
+#include "core/unique_fd.h"
 
 namespace tervain {
 
@@ -180,16 +181,17 @@ extern "C" void requestStop(int signal) {
 }
 
 void stopOnSignals(std::optional<std::string> socketPath) {
-  int ends[2] = {-1, -1};
-  if (posix::makeCloexecPipe(ends) != 0) {
+  ErrnoOr<PipeEnds> ends = makePipe();
+  if (!ends) {
     agentLog("cannot watch for SIGTERM (no pipe): the agent stops without clean-up");
     return;
   }
-  gStopWrite = ends[1];
+  // Both ends stay open for the rest of the process: the handler and the thread use them.
+  gStopWrite = ends->write.release();
   // The socket file is removed only while it is still the one this agent bound.
   struct stat bound {};
   const bool known = socketPath && ::stat(socketPath->c_str(), &bound) == 0;
-  std::thread([readEnd = ends[0], socketPath = std::move(socketPath), bound, known] {
+  std::thread([readEnd = ends->read.release(), socketPath = std::move(socketPath), bound, known] {
     unsigned char signal = 0;
     while (::read(readEnd, &signal, 1) < 0 && errno == EINTR) {
     }

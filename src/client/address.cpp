@@ -83,7 +83,8 @@ std::string formatAddress(const Address& address) {
   return "?";
 }
 
-int connectTo(const Address& address) {
+UniqueFd connectTo(const Address& address) {
+  // A descriptor or a negated errno, the form of the C socket calls.
   int fd = -1;
   switch (address.kind) {
     case Address::Kind::vsock:
@@ -103,7 +104,7 @@ int connectTo(const Address& address) {
                           -fd);
   }
   tervain_set_nosigpipe(fd);
-  return fd;
+  return UniqueFd(fd);
 }
 
 }  // namespace tervain::client

@@ -234,32 +234,31 @@ Result<ShellEventsDeletion> parseShellEventsDeletion(const Json& reply) {
 
 // ---- Connection ----------------------------------------------------------------------------
 
-Connection Connection::open(const Address& address) { return Connection(connectTo(address)); }
+Connection Connection::open(const Address& address) {
+  return Connection(connectTo(address).release());
+}
 
 Connection::Connection(int fd) : fd(fd) {}
 
-Connection::~Connection() {
-  if (fd >= 0) ::close(fd);
-}
+Connection::~Connection() = default;
 
 Connection::Connection(Connection&& other) noexcept
-    : fd(std::exchange(other.fd, -1)),
+    : fd(std::move(other.fd)),
       lines(std::exchange(other.lines, LineSplitBuffer{})),
       replyTimeout(other.replyTimeout) {}
 
 Connection& Connection::operator=(Connection&& other) noexcept {
   if (this != &other) {
-    if (fd >= 0) ::close(fd);
-    fd = std::exchange(other.fd, -1);
+    fd = std::move(other.fd);
     lines = std::exchange(other.lines, LineSplitBuffer{});
     replyTimeout = other.replyTimeout;
   }
   return *this;
 }
 
-int Connection::release(std::string& pending) {
+UniqueFd Connection::release(std::string& pending) {
   pending = lines.takePending();
-  return std::exchange(fd, -1);
+  return std::move(fd);
 }
 
 void Connection::sendLine(std::string_view line) {
@@ -267,7 +266,7 @@ void Connection::sendLine(std::string_view line) {
   bytes.reserve(line.size() + 1);
   bytes.append(line);
   bytes.push_back('\n');
-  if (fd < 0 || !writeAll(fd, bytes)) {
+  if (!fd || !writeAll(fd.get(), bytes)) {
     throw ConnectionError("the connection to the agent is closed");
   }
 }
@@ -283,7 +282,7 @@ void Connection::send(const Json& request) {
 }
 
 std::string Connection::receiveLine() {
-  if (fd < 0) throw ConnectionError("the connection to the agent is closed");
+  if (!fd) throw ConnectionError("the connection to the agent is closed");
   const auto started = std::chrono::steady_clock::now();
   if (readBuffer.empty()) readBuffer.resize(AgentWire::readChunkBytes);
   for (;;) {
@@ -296,7 +295,7 @@ std::string Connection::receiveLine() {
                                 std::chrono::steady_clock::now() - started);
       if (left.count() <= 0) left = std::chrono::milliseconds(1);
     }
-    const ReadResult got = readSome(fd, readBuffer.data(), readBuffer.size(), left);
+    const ReadResult got = readSome(fd.get(), readBuffer.data(), readBuffer.size(), left);
     switch (got.status) {
       case ReadStatus::data:
         lines.append(std::string_view(readBuffer.data(), got.count));

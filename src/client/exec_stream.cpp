@@ -29,20 +29,16 @@ constexpr std::size_t kMaxFrameLine = 16 * 1024 * 1024;
 }  // namespace
 
 struct ExecStream::State {
-  int fd = -1;
+  UniqueFd fd;
   LineSplitBuffer lines;
   std::mutex writeMutex;  // one frame at a time on the socket
   std::string frame;      // guarded by writeMutex
   std::atomic<bool> ended{false};    // writes are pointless from now on
   std::atomic<bool> aborted{false};  // abort() was called
 
-  ~State() {
-    if (fd >= 0) ::close(fd);
-  }
-
   bool writeFrame(std::string_view bytes) {
     if (ended.load()) return false;
-    if (!writeAll(fd, bytes)) {
+    if (!writeAll(fd.get(), bytes)) {
       ended.store(true);
       return false;
     }
@@ -96,7 +92,7 @@ bool ExecStream::sendSignal(int signal) {
 void ExecStream::abort() {
   state->aborted.store(true);
   state->ended.store(true);
-  ::shutdown(state->fd, SHUT_RDWR);
+  ::shutdown(state->fd.get(), SHUT_RDWR);
 }
 
 ExecOutcome ExecStream::wait(const ExecOutput& output) {
@@ -129,7 +125,7 @@ ExecOutcome ExecStream::wait(const ExecOutput& output) {
     if (state->lines.pendingBytes() > kMaxFrameLine) {
       throw ProtocolError("the agent sent an exec frame longer than 16 MiB");
     }
-    const ReadResult got = readSome(state->fd, buffer.data(), buffer.size(), {});
+    const ReadResult got = readSome(state->fd.get(), buffer.data(), buffer.size(), {});
     if (got.status == ReadStatus::data) {
       state->lines.append(std::string_view(buffer.data(), got.count));
       continue;

@@ -30,6 +30,7 @@
 
 #include "core/json.h"
 #include "core/line_split_buffer.h"
+#include "core/unique_fd.h"
 
 namespace tervain::client {
 
@@ -80,7 +81,7 @@ std::string formatAddress(const Address& address);
 
 // Opens a new connected descriptor (close-on-exec) for the address. For "fd:N" that is a
 // duplicate of N, so the caller keeps its own descriptor. Throws ConnectionError.
-int connectTo(const Address& address);
+UniqueFd connectTo(const Address& address);
 
 // ---- Replies -------------------------------------------------------------------------------
 
@@ -243,7 +244,7 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  int descriptor() const { return fd; }
+  int descriptor() const { return fd.get(); }
 
   // Gives up waiting for a reply after this long (ConnectionError); zero waits for ever, which
   // is the default: the agent itself bounds its slow operations (screenshot, launch) at 15 s,
@@ -292,12 +293,12 @@ class Connection {
 
   // Hands the descriptor and any bytes already read behind the last reply to the caller;
   // the connection is empty afterwards.
-  int release(std::string& pending);
+  UniqueFd release(std::string& pending);
 
  private:
   Result<Done> simple(const Json& request);
 
-  int fd = -1;
+  UniqueFd fd;
   LineSplitBuffer lines;
   std::string readBuffer;  // sized once: zeroing a fresh chunk per reply cost more than the rest of a call
   std::chrono::milliseconds replyTimeout{0};

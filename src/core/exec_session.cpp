@@ -35,6 +35,7 @@
 #include "core/posix/spawn_platform.h"
 #include "core/request_members.h"
 #include "core/shell_spool.h"
+#include "core/spawn.h"
 #include "core/socket_io.h"
 #include "vsock/tervain_vsock.h"
 
@@ -56,6 +57,14 @@ std::int32_t exitCodeFromStatus(int status) {
   return (status >> 8) & 0xFF;
 }
 
+// NAME=value entries, as a spawned program's environment.
+std::vector<std::string> environmentEntries(const ExecSession::Environment& environment) {
+  std::vector<std::string> entries;
+  entries.reserve(environment.size());
+  for (const auto& [key, value] : environment) entries.push_back(key + "=" + value);
+  return entries;
+}
+
 ExecSession::Environment processEnvironment() {
   ExecSession::Environment env;
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
@@ -71,11 +80,6 @@ bool isExecutableFile(const std::string& path) {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode) &&
          ::access(path.c_str(), X_OK) == 0;
-}
-
-void closeIfOpen(int& fd) {
-  if (fd >= 0) ::close(fd);
-  fd = -1;
 }
 
 // Frames written in place: the prefix before the tag, the part between tag and payload, the end.
@@ -120,68 +124,6 @@ std::optional<ExecSession::ShellInvocation> ExecSession::shellInvocation(
   env[std::string(ShellSpool::spoolEnvKey)] = ShellSpool::defaultDir();
   env.try_emplace(std::string(ShellSpool::captureEnvKey), "tap");
   return ShellInvocation{std::move(shell), {"-lc", std::string(command)}, std::move(env)};
-}
-
-std::optional<pid_t> ExecSession::spawnGroupLeader(const std::string& path,
-                                                   const std::vector<std::string>& args,
-                                                   const Environment& environment, int stdinFD,
-                                                   int stdoutFD, int stderrFD) {
-  std::vector<char*> argv;
-  argv.reserve(args.size() + 2);
-  argv.push_back(const_cast<char*>(path.c_str()));
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-
-  std::vector<std::string> entries;
-  entries.reserve(environment.size());
-  for (const auto& [key, value] : environment) entries.push_back(key + "=" + value);
-  std::vector<char*> envp;
-  envp.reserve(entries.size() + 1);
-  for (std::string& entry : entries) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-
-  posix_spawnattr_t attr;
-  posix_spawn_file_actions_t actions;
-  int rc = ::posix_spawnattr_init(&attr);
-  if (rc != 0) {
-    errno = rc;
-    return std::nullopt;
-  }
-  rc = ::posix_spawn_file_actions_init(&actions);
-  if (rc != 0) {
-    ::posix_spawnattr_destroy(&attr);
-    errno = rc;
-    return std::nullopt;
-  }
-
-  // An ignored signal stays ignored across exec: the agent ignores SIGPIPE itself, and an agent
-  // started with "&" or nohup has SIGINT, SIGQUIT and SIGHUP ignored too. Every command starts
-  // with all signals at their defaults, or "yes | head" would never end by SIGPIPE and a
-  // forwarded interrupt would do nothing. The mask is cleared too, whatever the thread blocks.
-  short flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
-  sigset_t defaults;
-  sigset_t mask;
-  sigfillset(&defaults);
-  sigemptyset(&mask);
-  if (rc == 0) rc = ::posix_spawnattr_setpgroup(&attr, 0);
-  if (rc == 0) rc = ::posix_spawnattr_setsigdefault(&attr, &defaults);
-  if (rc == 0) rc = ::posix_spawnattr_setsigmask(&attr, &mask);
-  if (rc == 0) rc = ::posix_spawn_file_actions_adddup2(&actions, stdinFD, 0);
-  if (rc == 0) rc = ::posix_spawn_file_actions_adddup2(&actions, stdoutFD, 1);
-  if (rc == 0) rc = ::posix_spawn_file_actions_adddup2(&actions, stderrFD, 2);
-  if (rc == 0) rc = posix::closeOtherDescriptorsInChild(&actions, &flags);
-  if (rc == 0) rc = ::posix_spawnattr_setflags(&attr, flags);
-  pid_t child = -1;
-  if (rc == 0) {
-    rc = ::posix_spawn(&child, path.c_str(), &actions, &attr, argv.data(), envp.data());
-  }
-  ::posix_spawn_file_actions_destroy(&actions);
-  ::posix_spawnattr_destroy(&attr);
-  if (rc != 0) {
-    errno = rc;
-    return std::nullopt;
-  }
-  return child;
 }
 
 ExecSession::ExecSession(int fd, std::string buffered, std::string dulkPath,
@@ -236,50 +178,43 @@ bool ExecSession::start(const Json& request) {
     return false;
   }
 
-  int in[2] = {-1, -1};
-  int out[2] = {-1, -1};
-  int err[2] = {-1, -1};
-  int failure = posix::makeCloexecPipe(in);
-  if (failure == 0) failure = posix::makeCloexecPipe(out);
-  if (failure == 0) failure = posix::makeCloexecPipe(err);
-  if (failure != 0) {
-    for (int* end : {&in[0], &in[1], &out[0], &out[1], &err[0], &err[1]}) closeIfOpen(*end);
-    sendError("could not allocate stdio pipes (errno " + std::to_string(failure) + ")");
+  ErrnoOr<PipeEnds> in = makePipe();
+  ErrnoOr<PipeEnds> out = in ? makePipe() : Errno{in.error()};
+  ErrnoOr<PipeEnds> err = out ? makePipe() : Errno{out.error()};
+  if (!err) {
+    sendError("could not allocate stdio pipes (errno " + std::to_string(err.error()) + ")");
     return false;
   }
 
-  const std::optional<pid_t> child = spawnGroupLeader(invocation->path, invocation->args,
-                                                      invocation->env, in[0], out[1], err[1]);
-  const int spawnError = errno;
-  closeIfOpen(in[0]);
-  closeIfOpen(out[1]);
-  closeIfOpen(err[1]);
+  const ErrnoOr<pid_t> child = spawnProcess({
+      .path = invocation->path,
+      .arguments = invocation->args,
+      .environment = environmentEntries(invocation->env),
+      .standardStreams = {in->read.get(), out->write.get(), err->write.get()},
+      .group = SpawnOptions::Group::newGroup,
+  });
   if (!child) {
-    closeIfOpen(in[1]);
-    closeIfOpen(out[0]);
-    closeIfOpen(err[0]);
-    sendError("could not launch the command (posix_spawn errno " + std::to_string(spawnError) +
+    sendError("could not launch the command (posix_spawn errno " + std::to_string(child.error()) +
               ")");
     return false;
   }
 
+  // The child's ends close here, at the end of start(): only the child holds them from now on.
   pid = *child;
-  stdinFD = in[1];
-  stdoutFD = out[0];
-  stderrFD = err[0];
+  stdinFD = std::move(in->write);
+  stdoutFD = std::move(out->read);
+  stderrFD = std::move(err->read);
   stdoutOpen = true;
   stderrOpen = true;
   // No write of the session may block: not to the command's stdin, not to the host. The output
   // ends stay blocking and are only read when poll() says so.
-  for (int nonBlocking : {stdinFD, fd}) {
+  for (int nonBlocking : {stdinFD.get(), fd}) {
     const int flags = ::fcntl(nonBlocking, F_GETFL);
     if (nonBlocking == fd) socketFlags = flags;
     if (flags >= 0) ::fcntl(nonBlocking, F_SETFL, flags | O_NONBLOCK);
   }
-  tervain_set_nosigpipe(stdinFD);
-  posix::enlargePipe(stdinFD);
-  posix::enlargePipe(stdoutFD);
-  posix::enlargePipe(stderrFD);
+  tervain_set_nosigpipe(stdinFD.get());
+  for (const UniqueFd* pipe : {&stdinFD, &stdoutFD, &stderrFD}) posix::enlargePipe(pipe->get());
 
   readBuffer.assign(AgentWire::readChunkBytes, 0);
   frameBuffer.assign(kFrameHead.size() + kMaxTag + kFrameMiddle.size() +
@@ -318,10 +253,10 @@ ExecSession::Round ExecSession::pumpOnce(int timeoutMillis) {
   int count = 0;
   set[count++] = {
       fd, static_cast<short>((readingHost ? POLLIN : 0) | (servingOutput ? 0 : POLLOUT)), 0};
-  const int stdinSlot = stdinFD >= 0 && stdinPendingBytes() > 0 ? count : -1;
-  if (stdinSlot >= 0) set[count++] = {stdinFD, POLLOUT, 0};
-  if (servingOutput && stdoutOpen) set[count++] = {stdoutFD, POLLIN, 0};
-  if (servingOutput && stderrOpen) set[count++] = {stderrFD, POLLIN, 0};
+  const int stdinSlot = stdinFD && stdinPendingBytes() > 0 ? count : -1;
+  if (stdinSlot >= 0) set[count++] = {stdinFD.get(), POLLOUT, 0};
+  if (servingOutput && stdoutOpen) set[count++] = {stdoutFD.get(), POLLIN, 0};
+  if (servingOutput && stderrOpen) set[count++] = {stderrFD.get(), POLLIN, 0};
 
   const std::int64_t roundStart = clock();
   const int ready = ::poll(set, static_cast<nfds_t>(count), timeoutMillis);
@@ -356,7 +291,7 @@ ExecSession::Round ExecSession::pumpOnce(int timeoutMillis) {
       }
     } else if (frameSent < frameSize) {
       // The other pipe's frame of this round is not out yet; this one waits for the next round.
-    } else if (set[i].fd == stdoutFD) {
+    } else if (set[i].fd == stdoutFD.get()) {
       stdoutOpen = readPipe(stdoutFD, Wire::stdout_);
     } else {
       stderrOpen = readPipe(stderrFD, Wire::stderr_);
@@ -413,7 +348,7 @@ void ExecSession::queueStdin(std::string_view bytes) {
     stdinQueue.clear();
     stdinSent = 0;
     while (!bytes.empty()) {
-      const ssize_t n = ::write(stdinFD, bytes.data(), bytes.size());
+      const ssize_t n = ::write(stdinFD.get(), bytes.data(), bytes.size());
       if (n > 0) {
         bytes.remove_prefix(static_cast<std::size_t>(n));
         stdinIdleMillis = 0;
@@ -428,7 +363,7 @@ void ExecSession::queueStdin(std::string_view bytes) {
 
 void ExecSession::pumpStdin() {
   while (stdinPendingBytes() > 0) {
-    const ssize_t n = ::write(stdinFD, stdinQueue.data() + stdinSent, stdinPendingBytes());
+    const ssize_t n = ::write(stdinFD.get(), stdinQueue.data() + stdinSent, stdinPendingBytes());
     if (n > 0) {
       stdinSent += static_cast<std::size_t>(n);
       stdinIdleMillis = 0;
@@ -455,11 +390,11 @@ void ExecSession::dropStdin() {
 }
 
 void ExecSession::closeStdinIfDone() {
-  if (stdinEOFRequested && stdinPendingBytes() == 0) closeIfOpen(stdinFD);
+  if (stdinEOFRequested && stdinPendingBytes() == 0) stdinFD.reset();
 }
 
-bool ExecSession::readPipe(int pipeFD, std::string_view tag) {
-  const ssize_t n = ::read(pipeFD, readBuffer.data(), readBuffer.size());
+bool ExecSession::readPipe(const UniqueFd& pipe, std::string_view tag) {
+  const ssize_t n = ::read(pipe.get(), readBuffer.data(), readBuffer.size());
   if (n > 0) {
     assembleOutputFrame(tag, readBuffer.data(), static_cast<std::size_t>(n));
     flushFrame();
@@ -483,7 +418,7 @@ void ExecSession::handleHostFrame(std::string_view line) {
 
   if (*tag == Wire::stdin_) {
     const std::string* data = stringMember(*frame, Wire::dataKey);
-    if (data == nullptr || stdinFD < 0 || stdinEOFRequested ||
+    if (data == nullptr || !stdinFD || stdinEOFRequested ||
         !base64::decodeInto(*data, decoded)) {
       return;
     }
@@ -509,9 +444,9 @@ void ExecSession::killGroup() {
 }
 
 void ExecSession::closeChildDescriptors() {
-  closeIfOpen(stdinFD);
-  closeIfOpen(stdoutFD);
-  closeIfOpen(stderrFD);
+  stdinFD.reset();
+  stdoutFD.reset();
+  stderrFD.reset();
   stdoutOpen = false;
   stderrOpen = false;
   stdinQueue.clear();

@@ -16,6 +16,7 @@
 
 #include "core/json.h"
 #include "core/line_split_buffer.h"
+#include "core/unique_fd.h"
 
 namespace tervain {
 
@@ -55,15 +56,6 @@ class ExecSession {
       std::string_view command, std::string_view dulkPath, const Environment& environment,
       const std::function<bool(const std::string&)>& isExecutable,
       const std::optional<std::string>& withoutAgentShell = std::nullopt);
-
-  // Starts path as the leader of a new process group, with stdinFD, stdoutFD and stderrFD as its
-  // descriptors 0, 1 and 2 and no other descriptor, every signal at its default disposition and
-  // none blocked. The child's pid, or nothing with errno set to the spawn's error. The caller
-  // keeps and closes the three descriptors.
-  static std::optional<pid_t> spawnGroupLeader(const std::string& path,
-                                               const std::vector<std::string>& args,
-                                               const Environment& environment, int stdinFD,
-                                               int stdoutFD, int stderrFD);
 
   // fd is the connection's socket, not owned; the session makes it non-blocking and restores it
   // when it ends. buffered holds whatever the host sent behind the request line. The process must
@@ -120,7 +112,7 @@ class ExecSession {
   void pumpStdin();
   void dropStdin();
   void closeStdinIfDone();
-  bool readPipe(int pipeFD, std::string_view tag);
+  bool readPipe(const UniqueFd& pipe, std::string_view tag);
   void assembleOutputFrame(std::string_view tag, const char* bytes, std::size_t size);
   Flush flushFrame();
   void sendFrame(const Json& frame);
@@ -140,9 +132,9 @@ class ExecSession {
 
   // State of the run.
   pid_t pid = -1;
-  int stdinFD = -1;
-  int stdoutFD = -1;
-  int stderrFD = -1;
+  UniqueFd stdinFD;
+  UniqueFd stdoutFD;
+  UniqueFd stderrFD;
   bool stdoutOpen = false;
   bool stderrOpen = false;
   bool reaped = false;

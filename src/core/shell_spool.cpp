@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "core/unique_fd.h"
+
 namespace tervain {
 namespace {
 
@@ -59,13 +61,11 @@ bool appendWholeFile(int fd, std::string& out, std::size_t sizeHint, std::size_t
 // Names of the entries of the open directory dirFd ("." and ".." excluded); false when it
 // cannot be listed. dirFd stays open.
 bool listNames(int dirFd, std::vector<std::string>& names) {
-  const int listFd = ::dup(dirFd);
-  if (listFd < 0) return false;
-  DIR* handle = ::fdopendir(listFd);
-  if (handle == nullptr) {
-    ::close(listFd);
-    return false;
-  }
+  UniqueFd listFd(::fcntl(dirFd, F_DUPFD_CLOEXEC, 0));
+  if (!listFd) return false;
+  DIR* handle = ::fdopendir(listFd.get());
+  if (handle == nullptr) return false;
+  (void)listFd.release();  // the stream owns it now; closedir() closes it
   bool ok = true;
   for (;;) {
     errno = 0;
@@ -82,8 +82,8 @@ bool listNames(int dirFd, std::vector<std::string>& names) {
   return ok;
 }
 
-int openDirectory(const std::string& dir) {
-  return ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+UniqueFd openDirectory(const std::string& dir) {
+  return UniqueFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 }  // namespace
@@ -113,15 +113,11 @@ bool ShellSpool::isEventFileName(std::string_view name) {
 ShellSpool::DrainResult ShellSpool::drain(const std::string& dir, std::int64_t maxBytes) {
   // Every entry is looked up relative to the directory opened once here, so all of them are
   // entries of this one folder.
-  const int dirFd = openDirectory(dir);
-  if (dirFd < 0) return {};
+  const UniqueFd dirFd = openDirectory(dir);
+  if (!dirFd) return {};
   std::vector<std::string> names;
-  const bool listed = listNames(dirFd, names);
   DrainResult result;
-  if (!listed) {
-    ::close(dirFd);
-    return result;
-  }
+  if (!listNames(dirFd.get(), names)) return result;
   std::stable_sort(names.begin(), names.end());
 
   for (const std::string& name : names) {
@@ -136,29 +132,26 @@ ShellSpool::DrainResult ShellSpool::drain(const std::string& dir, std::int64_t m
     // The open refuses a link and does not block all the same, and the type is checked again,
     // for an entry replaced in between.
     struct stat entry {};
-    if (::fstatat(dirFd, name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0 ||
+    if (::fstatat(dirFd.get(), name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0 ||
         !S_ISREG(entry.st_mode)) {
       continue;
     }
-    const int fd = ::openat(dirFd, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
-    if (fd < 0) continue;
+    const UniqueFd fd(
+        ::openat(dirFd.get(), name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    if (!fd) continue;
     struct stat info {};
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-      ::close(fd);
-      continue;
-    }
+    if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
     const std::int64_t room = maxBytes - gathered;
     // A file already known to be too large is not read at all.
     if (info.st_size > room) {
-      ::close(fd);
       result.truncated = true;
       continue;
     }
     const std::size_t before = result.data.size();
     // One byte past the room is enough to tell a file that grew too large since fstat().
-    const bool read = appendWholeFile(fd, result.data, static_cast<std::size_t>(info.st_size),
+    const bool read = appendWholeFile(fd.get(), result.data,
+                                      static_cast<std::size_t>(info.st_size),
                                       static_cast<std::size_t>(room) + 1);
-    ::close(fd);
     if (!read) {
       result.data.resize(before);
       continue;
@@ -175,26 +168,23 @@ ShellSpool::DrainResult ShellSpool::drain(const std::string& dir, std::int64_t m
     result.drainedFiles.push_back({name, taken, static_cast<std::uint64_t>(info.st_dev),
                                    static_cast<std::uint64_t>(info.st_ino)});
   }
-  ::close(dirFd);
   return result;
 }
 
 bool ShellSpool::removeDelivered(const std::string& dir, std::string_view name,
                                  std::int64_t bytes, const DrainedFile* identity) {
   if (!isEventFileName(name)) return false;
-  const int dirFd = openDirectory(dir);
-  if (dirFd < 0) return false;
+  const UniqueFd dirFd = openDirectory(dir);
+  if (!dirFd) return false;
   const std::string entryName(name);
   struct stat info {};
-  bool unchanged = ::fstatat(dirFd, entryName.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+  bool unchanged = ::fstatat(dirFd.get(), entryName.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
                    S_ISREG(info.st_mode) && info.st_size == bytes;
   if (unchanged && identity != nullptr) {
     unchanged = static_cast<std::uint64_t>(info.st_dev) == identity->device &&
                 static_cast<std::uint64_t>(info.st_ino) == identity->inode;
   }
-  const bool removed = unchanged && ::unlinkat(dirFd, entryName.c_str(), 0) == 0;
-  ::close(dirFd);
-  return removed;
+  return unchanged && ::unlinkat(dirFd.get(), entryName.c_str(), 0) == 0;
 }
 
 }  // namespace tervain

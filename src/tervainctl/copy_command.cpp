@@ -110,7 +110,8 @@ class Progress {
 int copyToGuest(const client::Address& address, const std::string& local,
                 const std::string& guestPath) {
   const bool fromStdin = local == "-";
-  const int in = fromStdin ? STDIN_FILENO : ::open(local.c_str(), O_RDONLY | O_CLOEXEC);
+  const UniqueFd file(fromStdin ? -1 : ::open(local.c_str(), O_RDONLY | O_CLOEXEC));
+  const int in = fromStdin ? STDIN_FILENO : file.get();
   if (in < 0) {
     complain("cannot read " + local + ": " + std::strerror(errno));
     return kExitRefused;
@@ -120,7 +121,6 @@ int copyToGuest(const client::Address& address, const std::string& local,
   if (::fstat(in, &st) == 0 && S_ISREG(st.st_mode)) total = static_cast<std::uint64_t>(st.st_size);
   if (::fstat(in, &st) == 0 && S_ISDIR(st.st_mode)) {
     complain(local + " is a folder: cp -r copies folders");
-    if (!fromStdin) ::close(in);
     return kExitRefused;
   }
 
@@ -165,7 +165,6 @@ int copyToGuest(const client::Address& address, const std::string& local,
   }
   stream.abort();
   feeder.join();
-  if (!fromStdin) ::close(in);
 
   if (!readFailure.empty()) {
     complain(readFailure);
@@ -199,6 +198,7 @@ int copyFromGuest(const client::Address& address, const std::string& guestPath,
   std::string header;
   std::optional<std::uint64_t> expected;
   std::uint64_t received = 0;
+  UniqueFd file;
   int out = -1;
   std::string err;
   client::ExecOutcome outcome;
@@ -216,8 +216,10 @@ int copyFromGuest(const client::Address& address, const std::string& guestPath,
       bytes.remove_prefix(newline + 1);
       expected = parseCount(header);
       if (!expected) throw LocalError("the guest reported no size but \"" + header + "\"");
-      out = toStdout ? STDOUT_FILENO
-                     : ::open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      if (!toStdout) {
+        file.reset(::open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+      }
+      out = toStdout ? STDOUT_FILENO : file.get();
       if (out < 0) throw LocalError("cannot write " + destination + ": " + std::strerror(errno));
     }
     if (bytes.empty()) return;
@@ -236,9 +238,9 @@ int copyFromGuest(const client::Address& address, const std::string& guestPath,
     connectionFailure = e.what();
   }
   stream.abort();
-  const bool created = out >= 0 && !toStdout;
-  if (created && ::close(out) != 0 && localFailure.empty()) {
-    localFailure = "writing " + destination + " failed: " + std::strerror(errno);
+  const bool created = file.valid();
+  if (const int error = file.closeChecked(); error != 0 && localFailure.empty()) {
+    localFailure = "writing " + destination + " failed: " + std::strerror(error);
   }
   auto fail = [&](const std::string& message, int status) {
     if (created) ::unlink(destination.c_str());
@@ -274,32 +276,28 @@ std::string parentOf(std::string_view path) {
 // A local tar with one end of a pipe as its standard input or output; the other end is ours.
 struct LocalTar {
   pid_t pid = -1;
-  int fd = -1;
+  UniqueFd fd;
 };
 
-std::optional<LocalTar> startTar(const std::vector<std::string>& args, bool creating) {
-  int ends[2];
-  if (::pipe(ends) != 0) return std::nullopt;
-  const int theirs = creating ? ends[1] : ends[0];
-  const int ours = creating ? ends[0] : ends[1];
-  (void)::fcntl(ours, F_SETFD, FD_CLOEXEC);
+// The tar, or the errno of a failure to start it.
+ErrnoOr<LocalTar> startTar(const std::vector<std::string>& args, bool creating) {
+  ErrnoOr<PipeEnds> ends = makePipe();
+  if (!ends) return Errno{ends.error()};
+  UniqueFd& theirs = creating ? ends->write : ends->read;
+  UniqueFd& ours = creating ? ends->read : ends->write;
   std::vector<char*> argv;
   for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, theirs, creating ? STDOUT_FILENO : STDIN_FILENO);
-  posix_spawn_file_actions_addclose(&actions, theirs);
+  // dup2 clears close-on-exec on the copy; every other pipe end closes at exec.
+  posix_spawn_file_actions_adddup2(&actions, theirs.get(),
+                                   creating ? STDOUT_FILENO : STDIN_FILENO);
   pid_t pid = -1;
   const int rc = ::posix_spawnp(&pid, "tar", &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  ::close(theirs);
-  if (rc != 0) {
-    ::close(ours);
-    errno = rc;
-    return std::nullopt;
-  }
-  return LocalTar{pid, ours};
+  if (rc != 0) return Errno{rc};
+  return LocalTar{pid, std::move(ours)};
 }
 
 // The exit status of a tar, or -1 when a signal ended it.
@@ -349,15 +347,15 @@ int tarToGuest(const client::Address& address, const std::string& local,
 
   client::ExecStream stream = client::ExecStream::start(address, command);
   PipeSignalIgnored pipeSignal;
-  const auto tar = startTar({"tar", "-cf", "-", "-C", parentOf(local), "./" + name}, true);
+  auto tar = startTar({"tar", "-cf", "-", "-C", parentOf(local), "./" + name}, true);
   if (!tar) {
-    complain(std::string("cannot run tar: ") + std::strerror(errno));
+    complain(std::string("cannot run tar: ") + std::strerror(tar.error()));
     return kExitRefused;
   }
   std::thread feeder([&] {
     std::string block(kReadBlock, '\0');
     for (;;) {
-      const ssize_t n = ::read(tar->fd, block.data(), block.size());
+      const ssize_t n = ::read(tar->fd.get(), block.data(), block.size());
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) break;
       if (!stream.writeStdin(std::string_view(block.data(), static_cast<std::size_t>(n)))) break;
@@ -374,7 +372,7 @@ int tarToGuest(const client::Address& address, const std::string& local,
     failure = e.what();
   }
   stream.abort();
-  ::close(tar->fd);  // a tar still writing ends with EPIPE
+  tar->fd.reset();  // a tar still writing ends with EPIPE
   feeder.join();
   const int packed = waitTar(tar->pid);
   if (!failure.empty()) throw client::ConnectionError(failure);
@@ -418,9 +416,9 @@ int tarFromGuest(const client::Address& address, const std::string& guestPath,
   };
 
   PipeSignalIgnored pipeSignal;
-  const auto tar = startTar({"tar", unpackFlags(options) + "f", "-", "-C", unpackDir}, false);
+  auto tar = startTar({"tar", unpackFlags(options) + "f", "-", "-C", unpackDir}, false);
   if (!tar) {
-    complain(std::string("cannot run tar: ") + std::strerror(errno));
+    complain(std::string("cannot run tar: ") + std::strerror(tar.error()));
     cleanUp();
     return kExitRefused;
   }
@@ -431,14 +429,14 @@ int tarFromGuest(const client::Address& address, const std::string& guestPath,
   try {
     outcome = stream.wait({.stdoutData =
                                [&](std::string_view b) {
-                                 if (!unpackerGone && !writeFully(tar->fd, b)) unpackerGone = true;
+                                 if (!unpackerGone && !writeFully(tar->fd.get(), b)) unpackerGone = true;
                                },
                            .stderrData = [&](std::string_view b) { err.append(b); }});
   } catch (const client::ClientError& e) {
     failure = e.what();
   }
   stream.abort();
-  ::close(tar->fd);
+  tar->fd.reset();
   const int unpacked = waitTar(tar->pid);
   if (!failure.empty()) {
     cleanUp();

@@ -43,30 +43,12 @@ struct LocalWriteError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-class Pipe {
- public:
-  Pipe() {
-    if (::pipe(ends.data()) != 0) throw std::runtime_error(std::strerror(errno));
-    for (int fd : ends) (void)::fcntl(fd, F_SETFD, FD_CLOEXEC);
-  }
-  ~Pipe() {
-    for (int fd : ends) ::close(fd);
-  }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-  int readEnd() const { return ends[0]; }
-  int writeEnd() const { return ends[1]; }
-
- private:
-  std::array<int, 2> ends{-1, -1};
-};
-
 // Installs the forwarding handlers for its lifetime.
 class SignalForwarding {
  public:
-  explicit SignalForwarding(const Pipe& pipe) {
-    (void)::fcntl(pipe.writeEnd(), F_SETFL, ::fcntl(pipe.writeEnd(), F_GETFL) | O_NONBLOCK);
-    gSignalWrite = pipe.writeEnd();
+  // writeEnd is the self-pipe's non-blocking write end; it must outlive this object.
+  explicit SignalForwarding(int writeEnd) {
+    gSignalWrite = writeEnd;
     struct sigaction action {};
     action.sa_handler = queueSignal;
     sigemptyset(&action.sa_mask);
@@ -169,16 +151,21 @@ int runExecCommand(const client::Address& address, const std::vector<std::string
     if (!command.empty()) command += ' ';
     command += word;
   }
+  // A handler must never block on a full self-pipe: its write end is non-blocking.
+  ErrnoOr<PipeEnds> signalPipe = makePipe(O_NONBLOCK);
+  ErrnoOr<PipeEnds> stopPipe = signalPipe ? makePipe() : Errno{signalPipe.error()};
+  if (!stopPipe) {
+    complain(std::string("cannot forward signals: ") + std::strerror(stopPipe.error()));
+    return kExitNoAgent;
+  }
   client::ExecStream stream = client::ExecStream::start(address, command);
 
-  Pipe signalPipe;
-  Pipe stopPipe;
-  SignalForwarding forwarding(signalPipe);
+  SignalForwarding forwarding(signalPipe->write.get());
   ForwardedSignalsBlocked blocked;
   std::thread input([&] {
     const sigset_t set = forwardedSet();
     ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-    pumpInput(stream, signalPipe.readEnd(), stopPipe.readEnd());
+    pumpInput(stream, signalPipe->read.get(), stopPipe->read.get());
   });
 
   client::ExecOutcome outcome;
@@ -190,7 +177,7 @@ int runExecCommand(const client::Address& address, const std::vector<std::string
     failure = e.what();
   }
   const char stop = 0;
-  [[maybe_unused]] const ssize_t ignored = ::write(stopPipe.writeEnd(), &stop, 1);
+  [[maybe_unused]] const ssize_t ignored = ::write(stopPipe->write.get(), &stop, 1);
   stream.abort();
   input.join();
 

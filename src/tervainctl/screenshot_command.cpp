@@ -32,10 +32,18 @@ client::PointRect parseRegion(const std::string& text) {
 
 bool writeFile(const std::string& path, std::string_view bytes) {
   const bool toStdout = path == "-";
-  const int fd = toStdout ? STDOUT_FILENO
-                          : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0 || !writeFully(fd, bytes) || (!toStdout && ::close(fd) != 0)) {
-    complain("cannot write " + path + ": " + std::strerror(errno));
+  UniqueFd file(toStdout ? -1
+                         : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  int error = 0;
+  if (!toStdout && !file) {
+    error = errno;
+  } else if (!writeFully(toStdout ? STDOUT_FILENO : file.get(), bytes)) {
+    error = errno;
+  } else if (!toStdout) {
+    error = file.closeChecked();  // a failed close can be the write that did not reach the disk
+  }
+  if (error != 0) {
+    complain("cannot write " + path + ": " + std::strerror(error));
     return false;
   }
   return true;

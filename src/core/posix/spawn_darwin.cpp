@@ -1,10 +1,7 @@
-// macOS: there is no pipe2(), so close-on-exec is set right after pipe(); the spawn closes every
-// descriptor that the file actions do not name (POSIX_SPAWN_CLOEXEC_DEFAULT), which also covers
-// descriptors that other threads create without the flag.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
+// macOS: the spawn closes every descriptor that the file actions do not name
+// (POSIX_SPAWN_CLOEXEC_DEFAULT), which also covers descriptors that other threads create without
+// close-on-exec; a standard stream the child keeps is named by an inherit action.
+#include <spawn.h>
 
 #include "core/posix/spawn_platform.h"
 
@@ -14,34 +11,14 @@
 
 namespace tervain::posix {
 
-int makeCloexecPipe(int fds[2]) {
-  int made[2] = {-1, -1};
-  if (::pipe(made) != 0) return errno;
-  for (int fd : made) {
-    if (::fcntl(fd, F_SETFD, FD_CLOEXEC) != 0) {
-      const int saved = errno;
-      ::close(made[0]);
-      ::close(made[1]);
-      return saved;
-    }
-  }
-  fds[0] = made[0];
-  fds[1] = made[1];
-  return 0;
+int inheritInChild(posix_spawn_file_actions_t* actions, int fd) {
+  return posix_spawn_file_actions_addinherit_np(actions, fd);
 }
 
 int closeOtherDescriptorsInChild(posix_spawn_file_actions_t* actions, short* flags) {
   (void)actions;
   *flags = static_cast<short>(*flags | POSIX_SPAWN_CLOEXEC_DEFAULT);
   return 0;
-}
-
-int keepOnlyStandardStreamsInChild(posix_spawn_file_actions_t* actions, short* flags) {
-  // With CLOEXEC_DEFAULT even 0, 1 and 2 close unless the file actions name them.
-  for (int fd = 0; fd <= 2; ++fd) {
-    if (const int rc = posix_spawn_file_actions_addinherit_np(actions, fd)) return rc;
-  }
-  return closeOtherDescriptorsInChild(actions, flags);
 }
 
 // The system allocator already hands large blocks back to the system.

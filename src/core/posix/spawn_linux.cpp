@@ -1,24 +1,22 @@
-// Linux: pipe2() makes both ends close-on-exec atomically, and glibc (2.34 and later) can close
-// every descriptor from 3 upwards in the child as a file action.
+// Linux: glibc (2.34 and later) can close every descriptor from 3 upwards in the child as a file
+// action; 0, 1 and 2 stay open unless the actions replace them.
 #include <fcntl.h>
 #include <malloc.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 #include "core/posix/spawn_platform.h"
 
 namespace tervain::posix {
 
-int makeCloexecPipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC) == 0 ? 0 : errno; }
+int inheritInChild(posix_spawn_file_actions_t* actions, int fd) {
+  (void)actions;
+  (void)fd;
+  return 0;
+}
 
 int closeOtherDescriptorsInChild(posix_spawn_file_actions_t* actions, short* flags) {
   (void)flags;
   return ::posix_spawn_file_actions_addclosefrom_np(actions, 3);
-}
-
-int keepOnlyStandardStreamsInChild(posix_spawn_file_actions_t* actions, short* flags) {
-  return closeOtherDescriptorsInChild(actions, flags);
 }
 
 // glibc raises its mmap threshold each time a large block is freed, after which 4 MiB line

@@ -7,19 +7,15 @@
 
 namespace tervain::posix {
 
-// Creates a pipe whose two ends are both close-on-exec, so that no other child of the process
-// inherits them by accident. Returns 0, or the errno of the failed call (fds untouched then).
-int makeCloexecPipe(int fds[2]);
+// Keeps the parent's descriptor fd (one of 0, 1 and 2) open in the child, for a standard stream
+// that no dup2 action fills. Returns 0 or an errno.
+int inheritInChild(posix_spawn_file_actions_t* actions, int fd);
 
 // Adds to a spawn's set-up whatever keeps every descriptor other than 0, 1 and 2 out of the
-// child. Call it after the dup2 actions that fill 0, 1 and 2. `flags` receives any attribute flags
+// child. Call it after the actions that fill 0, 1 and 2. `flags` receives any attribute flags
 // this needs, to be OR-ed into the caller's own before posix_spawnattr_setflags(). Returns 0 or
 // an errno.
 int closeOtherDescriptorsInChild(posix_spawn_file_actions_t* actions, short* flags);
-
-// For a child that inherits the agent's own standard streams (no dup2 actions): keeps 0, 1 and 2
-// and nothing else. Same contract as closeOtherDescriptorsInChild() otherwise.
-int keepOnlyStandardStreamsInChild(posix_spawn_file_actions_t* actions, short* flags);
 
 // Sets the allocator up for a long-running server with bursts of large buffers (4 MiB request
 // lines, 64 KiB read buffers per connection): large blocks go back to the system when freed, so

@@ -7,13 +7,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <system_error>
+#include <thread>
 
-extern char** environ;
+#include "core/spawn.h"
+#include "core/unique_fd.h"
 
 namespace tervain::x11 {
 namespace {
@@ -218,7 +220,6 @@ std::optional<LaunchTarget> resolveApplication(const std::string& name,
 }
 
 int startDetached(const LaunchTarget& target, const LaunchEnvironment& environment) {
-  // Everything the children need is made before fork: after it, only async-signal-safe calls.
   std::string program = target.argv.at(0);
   if (program.find('/') == std::string::npos) {
     std::string found;
@@ -231,53 +232,26 @@ int startDetached(const LaunchTarget& target, const LaunchEnvironment& environme
     if (found.empty()) return ENOENT;
     program = found;
   }
-  std::vector<char*> argv;
-  for (const std::string& arg : target.argv) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  const char* directory = target.workingDirectory.empty() ? nullptr : target.workingDirectory.c_str();
-
-  // The grandchild reports a failed exec through this pipe; a successful exec closes it.
-  int report[2];
-  if (::pipe2(report, O_CLOEXEC) != 0) return errno;
-  const pid_t child = ::fork();
-  if (child < 0) {
-    const int error = errno;
-    ::close(report[0]);
-    ::close(report[1]);
-    return error;
+  const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  if (!null) return errno;
+  SpawnOptions options{
+      .path = program,
+      .arguments = std::vector<std::string>(target.argv.begin() + 1, target.argv.end()),
+      .standardStreams = {null.get(), null.get(), null.get()},
+      .group = SpawnOptions::Group::newSession,
+  };
+  if (!target.workingDirectory.empty()) options.workingDirectory = target.workingDirectory;
+  const ErrnoOr<pid_t> child = spawnProcess(options);
+  if (!child) return child.error();
+  // An application runs as long as its user likes; a thread of its own waits to reap it, so it
+  // leaves no zombie behind. Without a thread it still runs, and stays a zombie once it ends.
+  try {
+    std::thread([pid = *child] {
+      while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+      }
+    }).detach();
+  } catch (const std::system_error&) {
   }
-  if (child == 0) {
-    ::setsid();
-    // The intermediate child exits at once, so the program is nobody's child here and the agent
-    // has nothing to reap later.
-    const pid_t grandchild = ::fork();
-    if (grandchild != 0) ::_exit(grandchild < 0 ? 1 : 0);
-    const int null = ::open("/dev/null", O_RDWR);
-    for (int fd = 0; fd <= 2; ++fd) ::dup2(null, fd);
-    if (null > 2) ::close(null);
-    ::signal(SIGPIPE, SIG_DFL);
-    int error = 0;
-    if (directory != nullptr && ::chdir(directory) != 0) {
-      error = errno;
-    } else {
-      ::execve(program.c_str(), argv.data(), environ);
-      error = errno;
-    }
-    (void)!::write(report[1], &error, sizeof error);
-    ::_exit(127);
-  }
-  ::close(report[1]);
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  int error = 0;
-  ssize_t got = 0;
-  do {
-    got = ::read(report[0], &error, sizeof error);
-  } while (got < 0 && errno == EINTR);
-  ::close(report[0]);
-  if (got == static_cast<ssize_t>(sizeof error)) return error;
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return ECHILD;
   return 0;
 }
 

@@ -40,9 +40,9 @@ std::optional<std::vector<std::string>> parseExec(std::string_view exec, const s
 std::optional<LaunchTarget> resolveApplication(const std::string& name,
                                                const LaunchEnvironment& environment);
 
-// Starts the target detached (own session, not the agent's child, standard streams on
-// /dev/null). Returns 0, or the error number of the failure to start it (the program missing or
-// not executable included).
+// Starts the target detached (own session, standard streams on /dev/null, reaped by a thread of
+// its own when it ends). Returns 0, or the error number of the failure to start it (the program
+// missing or not executable, the working directory missing included).
 int startDetached(const LaunchTarget& target, const LaunchEnvironment& environment);
 
 }  // namespace tervain::x11
