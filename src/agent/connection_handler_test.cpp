@@ -1,7 +1,16 @@
 #include "agent/connection_handler.h"
 
+#include <sys/socket.h>
+
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <vector>
+
 #include <gtest/gtest.h>
 
+#include "agent/agent_listener.h"
+#include "agent_process.h"
 #include "fake_desktop.h"
 
 namespace tervain {
@@ -82,6 +91,108 @@ TEST_F(DispatchTest, CursorPositionRoundsHalvesAwayFromZero) {
   desktop.pointer = Point{std::numeric_limits<double>::quiet_NaN(), 0};
   EXPECT_EQ(error(R"({"op":"cursor_position"})"),
             "could not read the cursor position (no event source)");
+}
+
+// ---- limits across connections ------------------------------------------------------------
+
+using namespace std::chrono_literals;
+
+// Waits (bounded) until the condition holds.
+bool eventually(const std::function<bool()>& condition) {
+  for (int i = 0; i < 1000; ++i) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(10ms);
+  }
+  return condition();
+}
+
+class ConnectionLimitsTest : public ::testing::Test {
+ protected:
+  ~ConnectionLimitsTest() override {
+    for (testing::LineClient& client : clients) client.close();
+    for (std::thread& t : handlers) t.join();
+    // Handler threads the listener detached end once their hosts have gone.
+    EXPECT_TRUE(eventually([this] { return context.connections.used() == 0; }));
+    EXPECT_EQ(context.pendingLineBytes.used(), 0u);
+  }
+
+  // A connection served by its own handler over a socket pair.
+  testing::LineClient& serve() {
+    int ends[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    handlers.emplace_back([this, fd = ends[1]] { ConnectionHandler(fd, context).run(); });
+    return clients.emplace_back(ends[0]);
+  }
+
+  bool holds(std::size_t bytes) {
+    return eventually([&] { return context.pendingLineBytes.used() == bytes; });
+  }
+
+  testing::FakeDesktop desktop;
+  AgentContext context{desktop};
+  std::vector<testing::LineClient> clients;
+  std::vector<std::thread> handlers;
+};
+
+// Only unfinished lines count, each connection's only while it lasts; the connection whose bytes
+// would pass the bound is the one closed, and the others go on.
+TEST_F(ConnectionLimitsTest, UnfinishedLinesOfAllConnectionsShareOneBound) {
+  context.pendingLineBytes.limit = 10'000;
+  clients.reserve(4);
+  testing::LineClient& first = serve();
+  ASSERT_TRUE(first.send(std::string(6'000, 'a')));
+  ASSERT_TRUE(holds(6'000));
+
+  testing::LineClient& second = serve();
+  ASSERT_TRUE(second.send(std::string(3'000, 'b')));
+  ASSERT_TRUE(holds(9'000));
+  ASSERT_TRUE(second.send(std::string(1'001, 'b')));
+  EXPECT_TRUE(second.closedByPeer());
+  ASSERT_TRUE(holds(6'000));  // its share given back
+
+  // The first goes on: its line ends, and only what follows its last line feed still counts.
+  ASSERT_TRUE(first.send("\n{\"op\":\"ping\"}\n{\"op\""));
+  EXPECT_EQ(Json::parse(first.readLine().value_or("{}")).value("error", ""), kMalformed);
+  EXPECT_EQ(Json::parse(first.readLine().value_or("{}")).value("ok", false), true);
+  ASSERT_TRUE(holds(5));
+
+  testing::LineClient& third = serve();
+  ASSERT_TRUE(third.send(std::string(9'995, 'c') + "\n{\"op\":\"ping\"}\n"));
+  EXPECT_EQ(Json::parse(third.readLine().value_or("{}")).value("error", ""), kMalformed);
+  EXPECT_EQ(Json::parse(third.readLine().value_or("{}")).value("ok", false), true);
+}
+
+// Past the limit a host is told why and closed at once, the loop keeps accepting, and a
+// connection that ends makes room for the next.
+TEST_F(ConnectionLimitsTest, ConnectionsOverTheLimitAreRefusedUntilOneEnds) {
+  context.connections.limit = 2;
+  testing::TempDir dir;
+  AgentListener listener(AgentListener::UnixSocket{dir.file("agent.sock")});
+  const auto connect = [&] {
+    clients.push_back(testing::LineClient::connectUnix(dir.file("agent.sock")));
+    listener.acceptOne(context);
+    return clients.size() - 1;
+  };
+  const auto answers = [&](std::size_t i) {
+    return clients[i].send("{\"op\":\"ping\"}\n") &&
+           Json::parse(clients[i].readLine().value_or("{}")).value("ok", false);
+  };
+  const Json refusal = {{"ok", false},
+                        {"error", "too many connections: the agent serves at most 2 at once"}};
+  clients.reserve(6);
+  const std::size_t a = connect(), b = connect();
+  for (int round = 0; round < 2; ++round) {
+    const std::size_t over = connect();
+    EXPECT_EQ(Json::parse(clients[over].readLine().value_or("{}")), refusal);
+    EXPECT_TRUE(clients[over].closedByPeer());
+  }
+  EXPECT_TRUE(answers(a));
+  EXPECT_TRUE(answers(b));
+
+  clients[a].close();
+  ASSERT_TRUE(eventually([&] { return context.connections.used() == 1; }));
+  EXPECT_TRUE(answers(connect()));
+  ::close(listener.descriptor());
 }
 
 }  // namespace
