@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <functional>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -91,6 +92,60 @@ TEST_F(DispatchTest, CursorPositionRoundsHalvesAwayFromZero) {
   desktop.pointer = Point{std::numeric_limits<double>::quiet_NaN(), 0};
   EXPECT_EQ(error(R"({"op":"cursor_position"})"),
             "could not read the cursor position (no event source)");
+}
+
+// ---- fixed texts that no family's tests drive -----------------------------------------------
+
+// Hosts match on these texts, so they are part of the wire. Each is driven through the whole
+// connection (one request line, the handler, the operation, the scripted desktop); the texts the
+// families' own tests pin are not repeated here.
+TEST(OperationMessages, FailuresInsideTheAgentTheSpoolAndExec) {
+  using Setup = std::function<void(testing::FakeDesktop&)>;
+  const auto launchThrows = [](auto thrown) -> Setup {
+    return [thrown](testing::FakeDesktop& d) {
+      d.onLaunch = [thrown](const std::string&, std::function<void(LaunchResult)>) {
+        throw thrown;
+      };
+    };
+  };
+  const auto captureThrows = [](auto thrown) -> Setup {
+    return [thrown](testing::FakeDesktop& d) {
+      d.captureDisplays = {{{100, 100, 1.0f}}};
+      d.onCapture = [thrown](int, std::int64_t, std::int64_t) -> CapturedImage { throw thrown; };
+    };
+  };
+  const struct {
+    Setup setup;
+    std::string line;
+    std::string error;  // "error" of a reply, "m" of an exec "err" frame
+  } cases[] = {
+      {launchThrows(std::runtime_error("no workspace")), R"({"op":"launch_app","name":"A"})",
+       "launch_app failed inside the agent: no workspace"},
+      {launchThrows(7), R"({"op":"launch_app","name":"A"})", "launch_app failed inside the agent"},
+      {captureThrows(std::runtime_error("no capture service")), R"({"op":"screenshot"})",
+       "screenshot failed inside the agent: no capture service"},
+      {captureThrows(7), R"({"op":"screenshot"})", "screenshot failed inside the agent"},
+      {{}, R"({"op":"shell-events","dir":"/nonexistent","delete":[{"name":"1.jsonl"}]})",
+       "shell-events \"delete\" wants a list of {\"name\":...,\"bytes\":...} as a drain with "
+       "\"listFiles\" reported them \u2014 nothing was deleted"},
+      {{}, R"({"op":"exec","command":"echo a\u0000b"})",
+       "exec command holds a NUL byte at offset 6 \u2014 a command cannot contain one; nothing "
+       "was run"},
+  };
+  for (const auto& c : cases) {
+    testing::FakeDesktop desktop;
+    if (c.setup) c.setup(desktop);
+    AgentContext context{desktop};
+    context.startWorker = [](std::function<void()> job) { job(); };
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    testing::LineClient host(ends[0]);
+    ASSERT_TRUE(host.send(c.line + "\n"));
+    host.shutdownWrite();
+    ConnectionHandler(ends[1], context).run();  // to the end of the request stream
+    const Json reply = Json::parse(host.readLine().value_or("{}"));
+    EXPECT_EQ(reply.value("error", reply.value("m", "")), c.error) << c.line;
+  }
 }
 
 // ---- limits across connections ------------------------------------------------------------
