@@ -7,7 +7,9 @@
 namespace tervain {
 
 // Counts what all holders have taken against one limit, without a lock. Set `limit` before the
-// first take(); it is read by every thread afterwards and never written again.
+// first take(); it is read by every thread afterwards and never written again. A give() happens
+// before a used() that sees its result, so whoever sees everything given back may free what
+// the holders used.
 class SharedLimit {
  public:
   explicit SharedLimit(std::size_t limit) : limit(limit) {}
@@ -19,14 +21,15 @@ class SharedLimit {
     std::size_t now = used_.load(std::memory_order_relaxed);
     do {
       if (amount > limit || now > limit - amount) return false;
-    } while (!used_.compare_exchange_weak(now, now + amount, std::memory_order_relaxed));
+    } while (!used_.compare_exchange_weak(now, now + amount, std::memory_order_acq_rel,
+                                          std::memory_order_relaxed));
     return true;
   }
 
   // Gives back what an earlier take() got.
-  void give(std::size_t amount) { used_.fetch_sub(amount, std::memory_order_relaxed); }
+  void give(std::size_t amount) { used_.fetch_sub(amount, std::memory_order_release); }
 
-  std::size_t used() const { return used_.load(std::memory_order_relaxed); }
+  std::size_t used() const { return used_.load(std::memory_order_acquire); }
 
   std::size_t limit;
 
