@@ -6,17 +6,21 @@
 // while its command writes, a client that reads a finished command's output slowly, a command fed
 // a megabyte of stdin while its output backs up, and lines that grow slowly toward the 4 MiB bound. Afterwards the
 // agent must still answer, hold about the descriptors and memory it started with, and have no
-// child process or zombie left. The last line sums it up; the exit status says whether it held.
+// child process or zombie left. Then a flood of connections holding unfinished lines of several
+// MB, and of more connections than the agent serves, must stay under the agent's bounds. The last
+// line sums it up; the exit status says whether it held.
 #include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -269,6 +273,108 @@ void slowLineScenario(const AgentProcess& agent) {
   }
 }
 
+// The agent's peak resident set since resetClearedPeak(), or -1 where the kernel keeps none.
+long peakRssKib(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+bool resetPeakRss(pid_t pid) {
+  std::ofstream out("/proc/" + std::to_string(pid) + "/clear_refs");
+  out << "5\n";
+  out.flush();
+  return static_cast<bool>(out);
+}
+
+// The agent's own bounds (docs/ARCHITECTURE.md): unfinished request lines of all connections
+// together, and connections at once.
+constexpr long kPendingBoundKib = 64 * 1024;
+constexpr int kConnectionLimit = 512;
+// What the agent may use beyond the bytes of unfinished lines when it serves every connection
+// it allows: a thread and a 64 KiB read buffer each, and the allocator's slack.
+constexpr long kMarginKib = 64 * 1024;
+
+// The partial-line flood: connections that each hold several MB of a line without its line
+// feed, more of them than the bound allows, and then more connections than the agent serves.
+// The agent must close the connections that pass the bound, refuse those over the limit, keep
+// its peak memory under the bound plus the margin, and answer afterwards. Returns whether it did.
+bool partialLineFlood(const AgentProcess& agent) {
+  constexpr int kHolders = 48;
+  constexpr std::size_t kHeld = 3 * 1024 * 1024;
+  constexpr int kIdle = kConnectionLimit + 48;
+  const pid_t pid = agent.pid();
+  const long baseKib = rssKib(pid);
+  const bool peakReset = resetPeakRss(pid);
+  std::atomic<long> sampledKib{baseKib};
+  std::atomic<bool> sampling{true};
+  std::thread sampler([&] {
+    for (int i = 0; i < 60'000 && sampling; ++i) {
+      sampledKib = std::max(sampledKib.load(), rssKib(pid));
+      std::this_thread::sleep_for(2ms);
+    }
+  });
+
+  std::vector<LineClient> holders;
+  std::vector<bool> cut(kHolders, false);
+  for (int h = 0; h < kHolders; ++h) {
+    holders.push_back(agent.connect());
+    cut[h] = !holders.back().send("{\"op\":\"ping\",\"pad\":\"");
+  }
+  const std::string chunk(256 * 1024, 'p');
+  for (std::size_t sent = 0; sent < kHeld; sent += chunk.size()) {
+    for (int h = 0; h < kHolders; ++h) {
+      if (!cut[h]) cut[h] = !holders[h].send(chunk);
+    }
+  }
+  int closedOverBound = 0;
+  for (int h = 0; h < kHolders; ++h) {
+    if (cut[h] || holders[h].closedByPeer(50ms)) ++closedOverBound;
+  }
+
+  std::vector<LineClient> idle;
+  int served = 0, refused = 0, unanswered = 0;
+  for (int i = 0; i < kIdle; ++i) {
+    idle.push_back(agent.connect());
+    const std::optional<std::string> line =
+        idle.back().send("{\"op\":\"ping\"}\n") ? idle.back().readLine(20s) : std::nullopt;
+    if (okReply(line, true)) {
+      ++served;
+    } else if (line && line->find("too many connections") != std::string::npos) {
+      ++refused;
+    } else {
+      ++unanswered;
+    }
+  }
+  sampling = false;
+  sampler.join();
+  const long hwmKib = peakReset ? peakRssKib(pid) : -1;
+  const long peakKib = std::max(sampledKib.load(), hwmKib);
+  holders.clear();
+  idle.clear();
+
+  bool alive = false;
+  for (int i = 0; i < 100 && !alive; ++i) {
+    std::this_thread::sleep_for(100ms);
+    alive = okReply(agent.request("{\"op\":\"ping\"}"), true);
+  }
+  const long limitKib = baseKib + kPendingBoundKib + kMarginKib;
+  std::printf("soak: partial-line flood: %d connections of %zu MiB, %d closed over the %ld MiB "
+              "bound, peak rss %ld KiB (from %ld, limit %ld); %d of %d more connections "
+              "refused over the limit of %d, %d served, %d unanswered\n",
+              kHolders, kHeld >> 20, closedOverBound, kPendingBoundKib >> 10, peakKib, baseKib,
+              limitKib, refused, kIdle, kConnectionLimit, served, unanswered);
+  if (!alive) fail("flood", "the agent does not answer afterwards");
+  if (peakKib > limitKib) fail("flood", "peak rss over the bound plus the margin");
+  if (closedOverBound == 0) fail("flood", "no connection was closed over the bound");
+  if (refused == 0) fail("flood", "no connection was refused over the limit");
+  if (unanswered > 0) fail("flood", "connections neither served nor refused");
+  return alive && peakKib <= limitKib && closedOverBound > 0 && refused > 0 && unanswered == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -338,7 +444,8 @@ int main(int argc, char** argv) {
   const long rssLimit = rssBefore + 32 * 1024;
   const bool ok = alive && errors == 0 && fdsAfter <= fdsBefore + 1 && rssAfter <= rssLimit &&
                   children == 0;
+  const bool held = partialLineFlood(agent);
   std::printf("soak: %ld requests, %ld errors, fds %d->%d, rss %ld->%ld KiB, children %d\n",
               requests.load(), errors.load(), fdsBefore, fdsAfter, rssBefore, rssAfter, children);
-  return ok ? 0 : 1;
+  return ok && held ? 0 : 1;
 }

@@ -71,6 +71,7 @@ class CtlRun {
     std::string stdinPath = "/dev/null";
     std::map<std::string, std::string> env;
     bool withAddress = true;
+    bool stdoutReaderGone = false;  // standard output a pipe whose reader has closed it
   };
 
   CtlRun(const TempDir& dir, const std::string& socketPath, std::vector<std::string> args,
@@ -83,12 +84,18 @@ class CtlRun {
     argv.insert(argv.end(), args.begin(), args.end());
     SpawnOptions spawn{.env = options.env, .unsetEnv = {"TERVAIN_AGENT_ADDR"}};
     if (options.withAddress) spawn.env.try_emplace("TERVAIN_AGENT_ADDR", "unix:" + socketPath);
+    // A reader that is gone: the child writes into a pipe whose read end nobody holds.
+    int pipeEnds[2] = {-1, -1};
+    if (options.stdoutReaderGone && ::pipe2(pipeEnds, O_CLOEXEC) != 0) return;
     const int in = ::open(options.stdinPath.c_str(), O_RDONLY | O_CLOEXEC);
-    const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int out = options.stdoutReaderGone
+                        ? pipeEnds[1]
+                        : ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     spawn.stdinFd = in;
     spawn.stdoutFd = out;
     spawn.stderrFd = err;
+    if (pipeEnds[0] >= 0) ::close(pipeEnds[0]);
     if (in >= 0 && out >= 0 && err >= 0) child = spawnProgram(argv, spawn);
     for (const int fd : {in, out, err}) {
       if (fd >= 0) ::close(fd);
@@ -558,6 +565,45 @@ TEST_F(TervainctlTest, EventsDrainAndTruncate) {
   EXPECT_FALSE(exists(spool.file("1.jsonl")));
   EXPECT_FALSE(exists(spool.file("2.jsonl")));
   EXPECT_EQ(run({"events", "--dir", spool.path()}).out, "");
+}
+
+// Whatever stops the events from reaching standard output, or the request from making sense,
+// leaves the spool exactly as it was and says so with a non-zero status.
+TEST_F(TervainctlTest, EventsKeepTheSpoolWhenTheyCannotBeDelivered) {
+  TempDir spool;
+  const std::string events = randomBytes(200 * 1024, 3) + "\n";  // more than a pipe holds
+  writeFile(spool.file("1.jsonl"), events);
+  writeFile(spool.file("2.jsonl"), "{\"e\":2}\n");
+  const struct {
+    std::vector<std::string> args;
+    bool readerGone;
+    int status;
+    std::string err;
+  } cases[] = {
+      {{"--dir", spool.path(), "--truncate"}, true, 1,
+       "tervainctl: cannot write the events to standard output (Broken pipe); nothing was "
+       "deleted from the spool\n"},
+      {{"--dir", spool.path(), "--truncate", "--json"}, true, 1,
+       "tervainctl: cannot write the events to standard output (Broken pipe); nothing was "
+       "deleted from the spool\n"},
+      {{"--dir", spool.path(), "--truncate", "--max-bytes", "-1"}, false, 2,
+       "tervainctl: --max-bytes wants a byte count of 0 or more, not -1\n"
+       "Run tervainctl --help for more information.\n"},
+      {{"--dir", spool.file("nowhere"), "--truncate"}, false, 1,
+       "tervainctl: no spool folder " + spool.file("nowhere") +
+           " on the guest (or it cannot be read)\n"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args = {"events"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const CtlResult r = run(args, {.stdoutReaderGone = c.readerGone});
+    SCOPED_TRACE(c.args.front() + " " + c.args.back());
+    EXPECT_TRUE(r.exited);  // not ended by SIGPIPE
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(readFile(spool.file("1.jsonl")), events);
+    EXPECT_EQ(readFile(spool.file("2.jsonl")), "{\"e\":2}\n");
+  }
 }
 
 // ---- the README's Quick start, as written ---------------------------------------------------

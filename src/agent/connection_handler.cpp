@@ -42,7 +42,10 @@ ConnectionHandler::ConnectionHandler(int fd, AgentContext& agent) : context(fd, 
 void ConnectionHandler::run() {
   const int fd = context.fd;
   UniqueFd socket(fd);
-  auto serve = [this, fd] {
+  // This connection's part of the bytes all connections may hold of unfinished lines. Only
+  // what stays after the complete lines were taken counts.
+  LimitShare pending(context.agent.pendingLineBytes);
+  auto serve = [this, fd, &pending] {
     std::vector<char> buffer(AgentWire::readChunkBytes);
     for (;;) {
       const ssize_t n = ::read(fd, buffer.data(), buffer.size());
@@ -73,7 +76,18 @@ void ConnectionHandler::run() {
         reply.push_back('\n');
         keepGoing = writeAll(fd, reply);
       }
-      if (!keepGoing || lines.pendingBytes() > AgentWire::maxPendingLineBytes) break;
+      if (!keepGoing) break;
+      if (lines.pendingBytes() > AgentWire::maxPendingLineBytes) {
+        agentLog("request line longer than " + std::to_string(AgentWire::maxPendingLineBytes) +
+                 " bytes without a line feed: connection closed (fd " + std::to_string(fd) + ")");
+        break;
+      }
+      if (!pending.hold(lines.pendingBytes())) {
+        agentLog("unfinished request lines of all connections would pass " +
+                 std::to_string(context.agent.pendingLineBytes.limit) +
+                 " bytes: connection closed (fd " + std::to_string(fd) + ")");
+        break;
+      }
     }
   };
   // Whatever fails inside one connection (memory running out above all) ends that connection,
@@ -91,6 +105,7 @@ void ConnectionHandler::run() {
       return "an internal error";
     }
   }();
+  pending.hold(0);
   socket.reset();
   try {
     if (!failure.empty()) {

@@ -29,6 +29,7 @@ bool runExec(OperationContext& context, std::string_view requestLine) {
   ExecSession session(context.fd, context.lines.takePending(),
                       std::string(ExecSession::defaultDulkPath),
                       ExecSession::defaultPipeGraceMillis, posix::shellWithoutAgentShell());
+  session.shareLineBound(context.agent.pendingLineBytes);
   session.run(*request);
   return false;
 }

@@ -28,5 +28,19 @@ TEST(RunExecTest, ARequestThatIsNotAnObjectGetsTheFixedLine) {
   ::close(pair[0]);  // run() was never called, so nothing else closes it
 }
 
+// An exec's unfinished host frame counts against the bound all connections share, like an
+// unfinished request line, and its share is given back when the session ends.
+TEST_F(RunExecTest, AnUnfinishedHostFrameCountsAgainstTheSharedBound) {
+  context.pendingLineBytes.limit = 10'000;
+  ASSERT_TRUE(host->send("{\"op\":\"exec\",\"command\":\"cat\"}\n{\"t\":\"i\",\"d\":\"" +
+                         std::string(10'001, 'A')));
+  worker = std::thread([this] { handler->run(); });
+  const testing::ExecTranscript t = testing::readExecFrames(*host);
+  EXPECT_EQ(t.error, "unfinished lines of all connections would pass 10000 bytes \u2014 the "
+                     "command was killed; send stdin in smaller \"i\" frames");
+  worker.join();
+  EXPECT_EQ(context.pendingLineBytes.used(), 0u);
+}
+
 }  // namespace
 }  // namespace tervain

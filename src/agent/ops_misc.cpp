@@ -68,6 +68,12 @@ Reply opLaunchApp(OperationContext& context, const Json& request) {
   if (name == nullptr || name->empty()) {
     return Reply::failure("launch_app requires a non-empty \"name\"");
   }
+  // The desktop joins the name to its application folders: a path would leave them (on macOS,
+  // "../../tmp/x" opens any bundle), so it is refused before any folder is searched.
+  if (name->find('/') != std::string::npos || *name == "." || *name == "..") {
+    return Reply::failure("launch_app requires an application's name, not a path: \"" + *name +
+                          "\"");
+  }
 
   // The completion may come after this request has given up waiting, so it holds its own share
   // of the box. A completion that never comes is taken as a launch in progress.

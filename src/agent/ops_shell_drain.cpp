@@ -1,5 +1,8 @@
 // "shell-events": drains the agent shell's event spool into one reply line, and deletes what it
 // delivered only once the whole reply has been written, and only what is still as delivered.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -82,6 +85,11 @@ bool runShellEvents(OperationContext& context, std::string_view requestLine) {
                            {std::string(Wire::bytesKey), file.bytes}});
     }
     reply.body[std::string(Wire::deliveredKey)] = std::move(delivered);
+    struct stat folder {};
+    if (::stat(dir.c_str(), &folder) != 0 || !S_ISDIR(folder.st_mode) ||
+        ::access(dir.c_str(), R_OK | X_OK) != 0) {
+      reply.body[std::string(Wire::missingKey)] = true;
+    }
   }
   reply.base64Members.emplace_back(std::string(Wire::eventsKey), std::move(result.data));
 

@@ -198,6 +198,7 @@ Result<ShellEvents> parseShellEvents(const Json& reply) {
   result.value.bytes = integerOr(reply, std::string(keys::bytesKey).c_str(),
                                  static_cast<std::int64_t>(result.value.events.size()));
   result.value.truncated = boolOr(reply, std::string(keys::truncatedKey).c_str(), false);
+  result.value.folderMissing = boolOr(reply, std::string(keys::missingKey).c_str(), false);
   if (const auto list = reply.find(keys::deliveredKey); list != reply.end() && list->is_array()) {
     auto& delivered = result.value.delivered.emplace();
     for (const Json& file : *list) {

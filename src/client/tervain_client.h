@@ -208,6 +208,8 @@ struct ShellEvents {
   bool truncated = false;  // some event files were left for a later drain
   // With listFiles: the files delivered, in order. Empty for an agent too old to list them.
   std::optional<std::vector<DeliveredFile>> delivered;
+  // With listFiles: the folder does not exist or cannot be listed.
+  bool folderMissing = false;
 };
 
 // What deleteShellEvents() did with each file it named.

@@ -45,6 +45,9 @@ inline constexpr std::string_view deleteKey = "delete";
 inline constexpr std::string_view nameKey = "name";
 inline constexpr std::string_view deletedKey = "deleted";
 inline constexpr std::string_view keptKey = "kept";
+// With "listFiles": true when "dir" is not a folder the agent can list (it does not exist, say),
+// so a host can tell a mistyped folder from an empty spool.
+inline constexpr std::string_view missingKey = "missing";
 }  // namespace ShellEvents
 
 // Largest number of unterminated bytes a connection may hold before it is closed.

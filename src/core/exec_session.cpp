@@ -153,7 +153,8 @@ ExecSession::~ExecSession() {
 
 void ExecSession::run(const Json& request) {
   if (!start(request)) return;
-  Round round = Round::keepGoing;
+  // Frames the host sent behind the request count against the bounds too.
+  Round round = boundLines();
   while (round == Round::keepGoing) round = pumpOnce();
   finish(round != Round::finished);
 }
@@ -331,6 +332,11 @@ ExecSession::Round ExecSession::readHost() {
   }
   lines.append(std::string_view(readBuffer.data(), static_cast<std::size_t>(n)));
   applyBufferedLines();
+  const Round bounded = boundLines();
+  return bounded != Round::keepGoing ? bounded : hostLost ? Round::hostGone : Round::keepGoing;
+}
+
+ExecSession::Round ExecSession::boundLines() {
   if (lines.pendingBytes() > AgentWire::maxPendingLineBytes) {
     // The same bound as for request lines: a host cannot make the agent hold more.
     killGroup();
@@ -339,7 +345,14 @@ ExecSession::Round ExecSession::readHost() {
               "\"i\" frames");
     return Round::refused;
   }
-  return hostLost ? Round::hostGone : Round::keepGoing;
+  if (lineShare && !lineShare->hold(lines.pendingBytes())) {
+    killGroup();
+    sendError("unfinished lines of all connections would pass " +
+              std::to_string(lineShare->limit()) +
+              " bytes \u2014 the command was killed; send stdin in smaller \"i\" frames");
+    return Round::refused;
+  }
+  return Round::keepGoing;
 }
 
 void ExecSession::queueStdin(std::string_view bytes) {

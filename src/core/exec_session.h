@@ -16,6 +16,7 @@
 
 #include "core/json.h"
 #include "core/line_split_buffer.h"
+#include "core/shared_limit.h"
 #include "core/unique_fd.h"
 
 namespace tervain {
@@ -69,6 +70,11 @@ class ExecSession {
   ExecSession(const ExecSession&) = delete;
   ExecSession& operator=(const ExecSession&) = delete;
 
+  // Counts the host's unfinished line against a bound that other connections share too: a
+  // session whose line would pass it ends as one whose line passes the 4 MiB bound does. Call
+  // before run(); bound must outlive the session.
+  void shareLineBound(SharedLimit& bound) { lineShare.emplace(bound); }
+
   // Runs the whole session: start(), rounds of pumpOnce() until the session ends, finish().
   // Reports only through frames.
   void run(const Json& request);
@@ -99,6 +105,9 @@ class ExecSession {
   pid_t childPid() const { return pid; }
 
  private:
+  // Ends the session (refused, after an "err" frame, the group killed) when the host's
+  // unfinished line passes the 4 MiB bound or its share of the shared bound.
+  Round boundLines();
   // Attaches a session to a child that a test or fuzz target started itself, and feeds it host
   // frames without a socket read or a spawn per case (fuzz/exec_host_frame_fuzz.cpp).
   friend struct ExecSessionProbe;
@@ -124,6 +133,7 @@ class ExecSession {
 
   const int fd;
   LineSplitBuffer lines;
+  std::optional<LimitShare> lineShare;  // lines' part of the shared bound, when there is one
   const std::string dulkPath;
   const std::int32_t graceMillis;
   const std::optional<std::string> withoutAgentShell;
