@@ -100,7 +100,7 @@ std::optional<int> waitForChild(pid_t pid, std::chrono::milliseconds limit) {
 LineClient::~LineClient() { close(); }
 
 LineClient::LineClient(LineClient&& other) noexcept
-    : fd(other.fd), buffer(std::move(other.buffer)), consumed(other.consumed), eof(other.eof) {
+    : fd(other.fd), buffer(std::move(other.buffer)), eof(other.eof) {
   other.fd = -1;
 }
 
@@ -118,43 +118,8 @@ bool LineClient::send(std::string_view bytes) {
   return true;
 }
 
-std::optional<std::string> LineClient::readLine(std::chrono::milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
+bool LineClient::fill(std::chrono::steady_clock::time_point deadline) {
   for (;;) {
-    if (const auto at = buffer.find('\n', consumed); at != std::string::npos) {
-      std::string line = buffer.substr(consumed, at - consumed);
-      consumed = at + 1;
-      if (consumed == buffer.size()) {
-        buffer.clear();
-        consumed = 0;
-      }
-      return line;
-    }
-    if (consumed > 0) {
-      buffer.erase(0, consumed);
-      consumed = 0;
-    }
-    if (eof || fd < 0) return std::nullopt;
-    pollfd p{fd, POLLIN, 0};
-    const int ready = ::poll(&p, 1, remainingMillis(deadline));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) return std::nullopt;
-    char chunk[65536];
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      eof = true;
-      continue;
-    }
-    buffer.append(chunk, static_cast<std::size_t>(n));
-  }
-}
-
-bool LineClient::closedByPeer(std::chrono::milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
-  buffer.erase(0, consumed);
-  consumed = 0;
-  while (!eof && fd >= 0) {
     pollfd p{fd, POLLIN, 0};
     const int ready = ::poll(&p, 1, remainingMillis(deadline));
     if (ready < 0 && errno == EINTR) continue;
@@ -162,12 +127,31 @@ bool LineClient::closedByPeer(std::chrono::milliseconds timeout) {
     char chunk[65536];
     const ssize_t n = ::read(fd, chunk, sizeof chunk);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && errno == ECONNRESET) return buffer.empty();
     if (n <= 0) {
-      eof = true;
-      break;
+      eof = true;  // the end of the stream, or a reset
+      return true;
     }
     buffer.append(chunk, static_cast<std::size_t>(n));
+    return true;
+  }
+}
+
+std::optional<std::string> LineClient::readLine(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  for (;;) {
+    if (const auto at = buffer.find('\n'); at != std::string::npos) {
+      std::string line = buffer.substr(0, at);
+      buffer.erase(0, at + 1);
+      return line;
+    }
+    if (eof || fd < 0 || !fill(deadline)) return std::nullopt;
+  }
+}
+
+bool LineClient::closedByPeer(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (!eof && fd >= 0) {
+    if (!fill(deadline)) return false;
   }
   return eof && buffer.empty();
 }

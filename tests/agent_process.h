@@ -53,15 +53,14 @@ class LineClient {
   std::optional<std::string> readLine(std::chrono::milliseconds timeout = 10s);
   // True when the peer closes (end of stream) within the timeout, with no further bytes.
   bool closedByPeer(std::chrono::milliseconds timeout = 10s);
-  // Bytes received so far and not yet returned as lines.
-  std::string pending() const { return buffer.substr(consumed); }
   void shutdownWrite();
   void close();
 
  private:
+  // Reads one chunk arriving before the deadline; false on timeout. Sets eof at the end.
+  bool fill(std::chrono::steady_clock::time_point deadline);
   int fd;
-  std::string buffer;
-  std::size_t consumed = 0;  // bytes of buffer already returned as lines
+  std::string buffer;  // received and not yet returned as lines
   bool eof = false;
 };
 

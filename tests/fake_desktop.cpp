@@ -113,18 +113,6 @@ std::uint32_t FakeDesktop::totalSleepMicros() const {
   return total;
 }
 
-bool FakeDesktop::accessibilityTrusted() {
-  ++grantQueries;
-  return accessibility;
-}
-bool FakeDesktop::screenCaptureAccess() {
-  ++grantQueries;
-  return screenRecording;
-}
-bool FakeDesktop::postEventAccess() {
-  ++grantQueries;
-  return postEvents;
-}
 
 std::vector<DisplayInfo> FakeDesktop::displays(std::uint32_t maxDisplays) {
   std::vector<DisplayInfo> listed;

@@ -78,7 +78,6 @@ class FakeDesktop final : public Desktop {
 
   // ---- Scripting -----------------------------------------------------------------------------
   bool accessibility = true, screenRecording = true, postEvents = true;
-  std::atomic<int> grantQueries{0};
 
   std::vector<DisplayInfo> screens;
   std::optional<Point> pointer = Point{0, 0};
@@ -135,9 +134,9 @@ class FakeDesktop final : public Desktop {
 
   // ---- Desktop -------------------------------------------------------------------------------
   std::string_view kind() const override { return kindName; }
-  bool accessibilityTrusted() override;
-  bool screenCaptureAccess() override;
-  bool postEventAccess() override;
+  bool accessibilityTrusted() override { return accessibility; }
+  bool screenCaptureAccess() override { return screenRecording; }
+  bool postEventAccess() override { return postEvents; }
   void requestGrants() override { ++grantRequests; }
   std::string kindName = "fake";
   int grantRequests = 0;

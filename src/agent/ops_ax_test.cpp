@@ -136,25 +136,6 @@ TEST_F(AXTest, DumpRefsArePreOrderAndContinueAcrossDumps) {
   EXPECT_EQ(focus("e8"), Json({{"ok", true}}));
 }
 
-TEST_F(AXTest, HitTestAddsTheNextRefAndKeepsTheDumpRefs) {
-  const ElementRef button = withRole("AXButton");
-  frontmost(element({}, {button, element()}));
-  desktop.elementAtResult = AXError::success;
-  desktop.elementAt = button;
-  EXPECT_EQ(refsOf(tree()), refRange(1, 3));
-
-  const Json hit = send({{"op", "ax_element_at"}, {"x", 5}, {"y", 6}});
-  EXPECT_EQ(hit["node"]["ref"], "e4");
-  const Json again = send({{"op", "ax_element_at"}, {"x", 5}, {"y", 6}});
-  EXPECT_EQ(again["node"]["ref"], "e5");  // the same element twice: two refs
-  for (const std::string& ref : refRange(1, 5)) EXPECT_TRUE(focus(ref)["ok"]) << ref;
-
-  // The next dump invalidates the hits as well.
-  EXPECT_EQ(refsOf(tree()), refRange(6, 8));
-  EXPECT_EQ(focus("e4")["error"], staleText("e4"));
-  EXPECT_EQ(focus("e5")["error"], staleText("e5"));
-}
-
 TEST_F(AXTest, RefsFromAnotherConnectionAreStale) {
   frontmost(element({}, {element()}));
   ASSERT_EQ(refsOf(tree()), refRange(1, 2));
@@ -225,7 +206,7 @@ TEST_F(AXTest, DumpTargetsTheFrontmostApplicationWithATimeout) {
             (std::vector<std::pair<int, float>>{{desktop.idOf(*root), 1.5f}}));
 }
 
-TEST_F(AXTest, DumpOfAGivenPid) {
+TEST_F(AXTest, DumpOfAGivenPidInThe32BitRange) {
   frontmost(withRole("AXApplication"));
   desktop.applications[77] = withRole("AXOther");
   EXPECT_EQ(dump({{"pid", 77}}), Json::parse(R"({"ok":true,"app":"pid 77",
@@ -233,43 +214,28 @@ TEST_F(AXTest, DumpOfAGivenPid) {
   desktop.applicationNames[77] = "Seventy-seven";
   EXPECT_EQ(dump({{"pid", 77.0}})["app"], "Seventy-seven");
   // A pid that is not an integer is ignored: the frontmost application is dumped.
-  EXPECT_EQ(dump({{"pid", "77"}})["app"], "Notes");
   EXPECT_EQ(dump({{"pid", 77.5}})["app"], "Notes");
-  EXPECT_EQ(desktop.applicationElementsCreated, (std::vector<std::int32_t>{77, 77, kPid, kPid}));
-}
-
-TEST_F(AXTest, PidOutsideThe32BitRangeIsRefused) {
-  frontmost(element());
   for (const Json& pid : {Json(2147483648LL), Json(-2147483649LL), Json(9007199254740992.0)}) {
     EXPECT_EQ(dump({{"pid", pid}}),
               Json({{"ok", false}, {"error", "ax_dump \"pid\" is out of range"}}))
         << pid;
   }
-  EXPECT_TRUE(desktop.applicationElementsCreated.empty());
   EXPECT_EQ(dump({{"pid", 2147483647}})["app"], "pid 2147483647");
   EXPECT_EQ(dump({{"pid", -2147483648LL}})["app"], "pid -2147483648");
+  EXPECT_EQ(desktop.applicationElementsCreated,
+            (std::vector<std::int32_t>{77, 77, kPid, 2147483647, -2147483647 - 1}));
 }
 
-TEST_F(AXTest, DepthLimitIsClampedToOneThroughTwentyFive) {
+TEST_F(AXTest, DepthLimitIsClampedToOneThroughTwentyFiveAndCutsUnmarked) {
   frontmost(chain(40));
-  EXPECT_EQ(depthOf(tree()), 12);  // default
-  EXPECT_EQ(depthOf(tree({{"maxDepth", 3}})), 3);
-  EXPECT_EQ(depthOf(tree({{"maxDepth", 1}})), 1);
-  EXPECT_EQ(depthOf(tree({{"maxDepth", 0}})), 1);
-  EXPECT_EQ(depthOf(tree({{"maxDepth", -3}})), 1);
-  EXPECT_EQ(depthOf(tree({{"maxDepth", 25}})), 25);
-  EXPECT_EQ(depthOf(tree({{"maxDepth", 100}})), 25);
-  EXPECT_EQ(depthOf(tree({{"maxDepth", "3"}})), 12);
-  EXPECT_EQ(depthOf(tree({{"maxDepth", 3.5}})), 12);
-  EXPECT_EQ(depthOf(tree({{"maxDepth", 1e300}})), 12);
-}
-
-TEST_F(AXTest, CutByDepthIsNotMarked) {
-  frontmost(element({}, {element({}, {element({}, leaves(5))})}));
-  const Json root = tree({{"maxDepth", 1}});
-  const Json& child = root["children"][0];
-  EXPECT_EQ(child, Json({{"ref", root["children"][0]["ref"]}}));
-  EXPECT_FALSE(root.contains("childrenOmitted"));
+  const std::vector<std::pair<Json, int>> table = {
+      {Json(), 12}, {3, 3}, {1, 1}, {0, 1}, {-3, 1}, {25, 25}, {26, 25},
+      {"3", 12},    {3.5, 12}, {1e300, 12}};
+  for (const auto& [maxDepth, depth] : table) {
+    const Json root = tree(maxDepth.is_null() ? Json::object() : Json{{"maxDepth", maxDepth}});
+    EXPECT_EQ(depthOf(root), depth) << maxDepth;
+    for (const Json* node : nodesOf(root)) EXPECT_FALSE(node->contains("childrenOmitted"));
+  }
 }
 
 TEST_F(AXTest, FirstFortyEightChildrenAreExamined) {
@@ -335,183 +301,79 @@ TEST_F(AXTest, BudgetCutsMarkEveryCutNode) {
   EXPECT_EQ(g5, Json({{"ref", "e800"}}));  // no children read, nothing marked
 }
 
-TEST_F(AXTest, UnreadableOrEmptyChildrenAddNothing) {
-  FakeNode unreadable;
-  unreadable.attributeErrors["AXChildren"] = AXError::cannotComplete;
-  FakeNode texts;
-  texts.attributes["AXChildren"] = std::vector<std::string>{"a", "b"};
-  FakeNode empty;
-  empty.attributes["AXChildren"] = std::vector<ElementRef>{};
-  FakeNode nothing;
-  nothing.attributes["AXChildren"] = std::monostate{};
-  FakeNode single;
-  single.attributes["AXChildren"] = ElementRef(element());
-  for (FakeNode node : {unreadable, texts, empty, nothing, single}) {
-    frontmost(element(std::move(node)));
-    const Json root = tree();
-    EXPECT_EQ(root.size(), 1u) << root;  // just the ref
-  }
-}
+// ---- Node members: what the real application cannot show ------------------------------------
 
-// ---- Node members ----------------------------------------------------------------------------
-
-TEST_F(AXTest, EnabledOnlyWhenFalseAndFocusedOnlyWhenTrue) {
-  FakeNode disabledFocused;
-  disabledFocused.attributes = {{"AXRole", std::string("AXButton")},
-                                {"AXEnabled", false},
-                                {"AXFocused", true}};
-  EXPECT_EQ(nodeFor(disabledFocused),
-            Json({{"ref", "e2"}, {"role", "AXButton"}, {"enabled", false}, {"focused", true}}));
-
-  FakeNode ordinary;
-  ordinary.attributes = {{"AXEnabled", true}, {"AXFocused", false}};
-  EXPECT_EQ(nodeFor(ordinary).size(), 1u);
-
-  // Any number object counts; other types and failed reads do not.
-  FakeNode numbers;
-  numbers.attributes = {{"AXEnabled", std::int64_t{0}}, {"AXFocused", 1.0}};
-  EXPECT_EQ(nodeFor(numbers)["enabled"], false);
-  EXPECT_EQ(nodeFor(numbers)["focused"], true);
-  FakeNode strings;
-  strings.attributes = {{"AXEnabled", std::string("0")}, {"AXFocused", std::string("1")}};
-  EXPECT_EQ(nodeFor(strings).size(), 1u);
-}
-
-TEST_F(AXTest, TitleOnlyWhenNotEmptyButRoleEvenWhenEmpty) {
-  FakeNode node;
-  node.attributes = {{"AXRole", std::string()},
-                     {"AXSubrole", std::string()},
-                     {"AXTitle", std::string()}};
-  EXPECT_EQ(nodeFor(node), Json({{"ref", "e2"}, {"role", ""}, {"subrole", ""}}));
-
-  node.attributes = {{"AXRole", std::string("AXButton")},
-                     {"AXSubrole", std::string("AXCloseButton")},
-                     {"AXTitle", std::string("  Close \n")}};
-  EXPECT_EQ(nodeFor(node), Json({{"ref", "e4"},
-                                 {"role", "AXButton"},
-                                 {"subrole", "AXCloseButton"},
-                                 {"title", "  Close \n"}}));
-
-  // Not strings, or unreadable: left out.
-  node.attributes = {{"AXRole", std::int64_t{1}}, {"AXTitle", AXUrl{"file:///"}}};
-  node.attributeErrors = {{"AXSubrole", AXError::cannotComplete}};
-  EXPECT_EQ(nodeFor(node).size(), 1u);
-}
-
-TEST_F(AXTest, TextsAreEscapedOnTheWire) {
-  FakeNode node;
-  const std::string title("say \"hi\"\\\n\t\x01 \u00e9", 16);
-  node.attributes = {{"AXTitle", title}, {"AXValue", std::string("line 1\nline 2")}};
-  node.actionNames = std::vector<std::string>{"AX\"Odd\""};
-  frontmost(element({}, {element(std::move(node))}));
-  const std::string line = handler->handle(R"({"op":"ax_dump"})");
-  EXPECT_EQ(line.find('\n'), std::string::npos);
-  const Json child = Json::parse(line)["tree"]["children"][0];
-  EXPECT_EQ(child["title"], title);
-  EXPECT_EQ(child["value"], "line 1\nline 2");
-  EXPECT_EQ(child["actions"], Json::array({"AX\"Odd\""}));
-}
-
-TEST_F(AXTest, TextsThatAreNotUtf8AreLeftOut) {
-  FakeNode node;
-  node.attributes = {{"AXRole", std::string("AXButton")},
-                     {"AXTitle", std::string("bad \xff")},
-                     {"AXSubrole", std::string("\xc3")},
-                     {"AXValue", std::string("\xed\xa0\x80")}};
-  node.actionNames = std::vector<std::string>{"AXPress", "\xff"};
-  EXPECT_EQ(nodeFor(node), Json({{"ref", "e2"}, {"role", "AXButton"}}));
-}
-
-TEST_F(AXTest, FrameRoundsHalvesAwayFromZero) {
-  FakeNode node;
-  node.attributes = {{"AXPosition", Point{10.5, -0.5}}, {"AXSize", Size{99.5, 20.4}}};
-  EXPECT_EQ(nodeFor(node)["frame"], Json({{"x", 11}, {"y", -1}, {"w", 100}, {"h", 20}}));
-  node.attributes = {{"AXPosition", Point{-1920, 0}}, {"AXSize", Size{0, 0}}};
-  EXPECT_EQ(nodeFor(node)["frame"], Json({{"x", -1920}, {"y", 0}, {"w", 0}, {"h", 0}}));
-}
-
-TEST_F(AXTest, FrameNeedsBothHalvesAsFiniteNumbers) {
+TEST_F(AXTest, NodeMembersKeepOnlyReadableTextsNumbersAndFiniteFrames) {
+  using Attributes = std::map<std::string, AXValue>;
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  const double inf = std::numeric_limits<double>::infinity();
-  const std::vector<std::map<std::string, AXValue>> broken = {
-      {{"AXPosition", Point{1, 2}}},
-      {{"AXSize", Size{1, 2}}},
-      {{"AXPosition", Point{1, 2}}, {"AXSize", std::monostate{}}},
-      {{"AXPosition", Size{1, 2}}, {"AXSize", Size{1, 2}}},
-      {{"AXPosition", Point{1, 2}}, {"AXSize", Point{1, 2}}},
-      {{"AXPosition", Point{nan, 2}}, {"AXSize", Size{1, 2}}},
-      {{"AXPosition", Point{1, 2}}, {"AXSize", Size{inf, 2}}},
-      {{"AXPosition", Point{1, 2}}, {"AXSize", Size{1, 1e300}}},
+  const struct {
+    Attributes attributes;
+    AXValue actions;
+    Json expected;  // the members besides "ref"
+  } table[] = {
+      // enabled only when false, focused only when true; any number counts, texts do not.
+      {{{"AXEnabled", false}, {"AXFocused", true}}, {}, {{"enabled", false}, {"focused", true}}},
+      {{{"AXEnabled", std::int64_t{0}}, {"AXFocused", 1.0}}, {}, {{"enabled", false}, {"focused", true}}},
+      {{{"AXEnabled", true}, {"AXFocused", std::string("1")}}, {}, Json::object()},
+      // Role and subrole even when empty, title only when not; not UTF-8 is left out.
+      {{{"AXRole", std::string()}, {"AXSubrole", std::string()}, {"AXTitle", std::string()}},
+       {}, {{"role", ""}, {"subrole", ""}}},
+      {{{"AXRole", std::string("AXButton")}, {"AXTitle", std::string("bad \xff")},
+        {"AXSubrole", std::string("\xc3")}, {"AXValue", std::string("\xed\xa0\x80")}},
+       std::vector<std::string>{"AXPress", "\xff"}, {{"role", "AXButton"}}},
+      {{{"AXRole", std::int64_t{1}}, {"AXTitle", AXUrl{"file:///"}}}, AXOther{}, Json::object()},
+      // Frames round halves away from zero and need both halves as finite numbers.
+      {{{"AXPosition", Point{10.5, -0.5}}, {"AXSize", Size{99.5, 20.4}}},
+       std::vector<std::string>{"AXPress", "AXShowMenu"},
+       {{"frame", {{"x", 11}, {"y", -1}, {"w", 100}, {"h", 20}}},
+        {"actions", {"AXPress", "AXShowMenu"}}}},
+      {{{"AXPosition", Point{1, 2}}}, {}, Json::object()},
+      {{{"AXPosition", Point{1, 2}}, {"AXSize", Point{1, 2}}}, {}, Json::object()},
+      {{{"AXPosition", Point{nan, 2}}, {"AXSize", Size{1, 2}}}, {}, Json::object()},
+      {{{"AXPosition", Point{1, 2}}, {"AXSize", Size{1, 1e300}}}, {}, Json::object()},
   };
-  for (const auto& attributes : broken) {
+  for (const auto& row : table) {
     FakeNode node;
-    node.attributes = attributes;
-    EXPECT_FALSE(nodeFor(node).contains("frame"));
+    node.attributes = row.attributes;
+    node.actionNames = row.actions;
+    Json members = nodeFor(node);
+    EXPECT_EQ(members.erase("ref"), 1u);
+    EXPECT_EQ(members, row.expected);
   }
   FakeNode failing;
   failing.attributes = {{"AXPosition", Point{1, 2}}, {"AXSize", Size{1, 2}}};
   failing.attributeErrors = {{"AXSize", AXError::noValue}};
-  EXPECT_FALSE(nodeFor(failing).contains("frame"));
+  failing.actionNames = std::vector<std::string>{"AXPress"};
+  failing.actionNamesResult = AXError::cannotComplete;
+  EXPECT_EQ(nodeFor(failing).size(), 1u);
 }
 
-TEST_F(AXTest, ActionsOnlyWhenAListOfTexts) {
-  FakeNode node;
-  node.actionNames = std::vector<std::string>{"AXPress", "AXShowMenu"};
-  EXPECT_EQ(nodeFor(node)["actions"], Json::array({"AXPress", "AXShowMenu"}));
-
-  node.actionNames = std::vector<std::string>{};
-  EXPECT_FALSE(nodeFor(node).contains("actions"));
-  node.actionNames = std::vector<ElementRef>{};
-  EXPECT_FALSE(nodeFor(node).contains("actions"));
-  node.actionNames = AXOther{};
-  EXPECT_FALSE(nodeFor(node).contains("actions"));
-  node.actionNames = std::vector<std::string>{"AXPress"};
-  node.actionNamesResult = AXError::cannotComplete;
-  EXPECT_FALSE(nodeFor(node).contains("actions"));
-}
-
-// ---- Values ----------------------------------------------------------------------------------
-
-class AXValueTest : public AXTest {
- protected:
-  Json valueOf(AXValue value) {
+TEST_F(AXTest, ValuesAsThePlatformPrintsThemKeep250Characters) {
+  const auto valueOf = [this](AXValue value) {
     FakeNode node;
     node.attributes["AXValue"] = std::move(value);
     return nodeFor(std::move(node)).value("value", Json());
-  }
-};
-
-TEST_F(AXValueTest, NumbersTextsAndUrlsOnlyAsThePlatformPrintsThem) {
-  const std::vector<std::pair<AXValue, Json>> table = {
-      {0.5, "0.5"}, {std::int64_t{42}, "42"}, {42.0, "42"}, {-3.25, "-3.25"}, {true, "1"},
-      {false, "0"}, {std::string("hello \"world\""), "hello \"world\""},
-      {AXUrl{"https://example.com/a%20b?q=1"}, "https://example.com/a%20b?q=1"},
-      // An empty text is no value; nor is any other type.
-      {std::string(), Json()}, {AXUrl{""}, Json()}, {Point{1, 2}, Json()}, {Size{1, 2}, Json()},
-      {std::monostate{}, Json()}, {AXOther{}, Json()}, {std::vector<ElementRef>{}, Json()},
-      {std::vector<std::string>{"a"}, Json()}};
-  for (const auto& [value, expected] : table) EXPECT_EQ(valueOf(value), expected) << expected;
-}
-
-TEST_F(AXValueTest, LongValuesKeep250Characters) {
-  const std::string exact(250, 'v');
-  EXPECT_EQ(valueOf(exact), exact);
-  EXPECT_EQ(valueOf(std::string(300, 'v')), std::string(250, 'v') + kEllipsis);
-  EXPECT_EQ(valueOf(std::string(251, 'v')), std::string(250, 'v') + kEllipsis);
+  };
   std::string accented;  // 250 characters in 750 bytes
   for (int i = 0; i < 250; ++i) accented += "e\u0301";
-  EXPECT_EQ(valueOf(accented), accented);
+  const std::vector<std::pair<AXValue, Json>> table = {
+      {0.5, "0.5"}, {std::int64_t{42}, "42"}, {42.0, "42"}, {true, "1"}, {false, "0"},
+      {AXUrl{"https://example.com/a%20b?q=1"}, "https://example.com/a%20b?q=1"},
+      {std::string("line 1\nline 2"), "line 1\nline 2"},
+      {std::string(250, 'v'), std::string(250, 'v')},
+      {std::string(251, 'v'), std::string(250, 'v') + kEllipsis}, {accented, accented},
+      // An empty text is no value; nor is any other type.
+      {std::string(), Json()}, {AXUrl{""}, Json()}, {Size{1, 2}, Json()},
+      {std::vector<std::string>{"a"}, Json()}};
+  for (const auto& [value, expected] : table) EXPECT_EQ(valueOf(value), expected) << expected;
 }
 
 // ---- ax_element_at ---------------------------------------------------------------------------
 
 TEST_F(AXTest, ElementAtNeedsIntegers) {
-  for (const Json& request : {Json{{"op", "ax_element_at"}},
-                             Json{{"op", "ax_element_at"}, {"x", 10}},
-                             Json{{"op", "ax_element_at"}, {"y", 10}},
-                             Json{{"op", "ax_element_at"}, {"x", 10.5}, {"y", 20}},
-                             Json{{"op", "ax_element_at"}, {"x", "10"}, {"y", 20}},
-                             Json{{"op", "ax_element_at"}, {"x", 10}, {"y", true}}}) {
+  for (const Json& request : {Json{{"op", "ax_element_at"}, {"x", 10}},
+                              Json{{"op", "ax_element_at"}, {"x", 10.5}, {"y", 20}},
+                              Json{{"op", "ax_element_at"}, {"x", "10"}, {"y", 20}}}) {
     EXPECT_EQ(send(request), Json({{"ok", false}, {"error", "ax_element_at requires x and y"}}))
         << request;
   }
@@ -587,19 +449,16 @@ TEST_F(AXActionTest, GrantIsCheckedBeforeAnythingElse) {
   EXPECT_TRUE(desktop.written.empty());
 }
 
-TEST_F(AXActionTest, PressIsTheDefaultAction) {
+TEST_F(AXActionTest, PressIsTheDefaultActionAndATimeoutAProbableSuccess) {
   EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}}), Json({{"ok", true}}));
-  for (const Json& action : {Json(""), Json(5), Json(nullptr), Json::array()}) {
-    EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", action}}), Json({{"ok", true}}));
-  }
+  EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", ""}}), Json({{"ok", true}}));
+  EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", 5}}), Json({{"ok", true}}));
   EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", "AXShowMenu"}}),
             Json({{"ok", true}}));
-  EXPECT_EQ(performedNames(), (std::vector<std::string>{"AXPress", "AXPress", "AXPress",
-                                                        "AXPress", "AXPress", "AXShowMenu"}));
+  EXPECT_EQ(performedNames(),
+            (std::vector<std::string>{"AXPress", "AXPress", "AXPress", "AXShowMenu"}));
   EXPECT_EQ(desktop.performed.front().first, desktop.idOf(*target));
-}
 
-TEST_F(AXActionTest, TimeoutIsAProbableSuccessWithANote) {
   targetNode().performResults["AXPress"] = AXError::cannotComplete;
   EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}}),
             Json({{"ok", true},
@@ -608,45 +467,54 @@ TEST_F(AXActionTest, TimeoutIsAProbableSuccessWithANote) {
                    "succeeded; re-dump to verify"}}));
 }
 
-TEST_F(AXActionTest, FailuresNameTheActionAndTheCode) {
-  targetNode().performResults["AXRaise"] = AXError::actionUnsupported;
-  EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", "AXRaise"}}),
-            Json({{"ok", false}, {"error", "AXRaise failed (action unsupported)"}}));
-  targetNode().performResults["AXPress"] = AXError::failure;
-  EXPECT_EQ(error({{"op", "ax_action"}, {"ref", "e2"}}), "AXPress failed (AXError -25200)");
-  targetNode().performResults["AXPress"] = AXError::invalidUIElement;
-  EXPECT_EQ(error({{"op", "ax_action"}, {"ref", "e2"}}), staleText("e2"));
-  // The ref stays registered: the platform decides every time.
-  targetNode().performResults.clear();
-  EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}}), Json({{"ok", true}}));
-}
-
-// ---- ax_set_value ----------------------------------------------------------------------------
-
-TEST_F(AXActionTest, SetValueChecksTheRefBeforeTheValue) {
-  EXPECT_EQ(error({{"op", "ax_set_value"}}), staleText("?"));
-  EXPECT_EQ(error({{"op", "ax_set_value"}, {"value", 42}}), staleText("?"));
-  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e9"}}), staleText("e9"));
-  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}}),
-            "ax_set_value requires a string \"value\"");
-  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", 42}}),
-            "ax_set_value requires a string \"value\"");
-  EXPECT_TRUE(desktop.written.empty());
-}
-
-TEST_F(AXActionTest, SetValueWritesTheTextWhenSettable) {
+// Each failure names the operation and the result code; a gone element reads as a stale ref, and
+// the ref stays registered: the platform decides every time.
+TEST_F(AXActionTest, FailuresNameTheOperationAndTheResultCode) {
+  const Json press = {{"op", "ax_action"}, {"ref", "e2"}};
+  const Json raise = {{"op", "ax_action"}, {"ref", "e2"}, {"action", "AXRaise"}};
+  const Json set = {{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}};
+  const Json focusE2 = {{"op", "ax_focus"}, {"ref", "e2"}};
+  const std::string noTime = "kAXErrorCannotComplete \u2014 the app did not respond in time)";
   targetNode().settable["AXValue"] = true;
-  EXPECT_EQ(send({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", ""}}), Json({{"ok", true}}));
-  EXPECT_EQ(send({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "h\u00e9llo"}}),
-            Json({{"ok", true}}));
-  ASSERT_EQ(desktop.written.size(), 2u);
-  EXPECT_EQ(desktop.written[0], (std::pair<int, AXWritableValue>{desktop.idOf(*target), ""}));
-  EXPECT_EQ(desktop.written[1].second, AXWritableValue(std::string("h\u00e9llo")));
+  const struct {
+    std::map<std::string, AXResult> FakeNode::*results;
+    const char* name;
+    AXResult code;
+    Json request;
+    std::string error;
+  } table[] = {
+      {&FakeNode::performResults, "AXRaise", AXError::actionUnsupported, raise,
+       "AXRaise failed (action unsupported)"},
+      {&FakeNode::performResults, "AXPress", AXError::failure, press,
+       "AXPress failed (AXError -25200)"},
+      {&FakeNode::performResults, "AXPress", AXError::invalidUIElement, press, staleText("e2")},
+      {&FakeNode::setResults, "AXValue", AXError::cannotComplete, set,
+       "setting AXValue failed (" + noTime},
+      {&FakeNode::setResults, "AXValue", AXError::illegalArgument, set,
+       "setting AXValue failed (AXError -25201)"},
+      {&FakeNode::setResults, "AXValue", AXError::invalidUIElement, set, staleText("e2")},
+      {&FakeNode::setResults, "AXFocused", AXError::cannotComplete, focusE2,
+       "focusing failed (" + noTime},
+      {&FakeNode::setResults, "AXFocused", AXError::apiDisabled, focusE2,
+       "focusing failed (kAXErrorAPIDisabled \u2014 accessibility is disabled for this app)"},
+      {&FakeNode::setResults, "AXFocused", AXError::invalidUIElement, focusE2, staleText("e2")},
+  };
+  for (const auto& row : table) {
+    (targetNode().*row.results)[row.name] = row.code;
+    EXPECT_EQ(send(row.request), Json({{"ok", false}, {"error", row.error}})) << row.request;
+    (targetNode().*row.results).clear();
+    EXPECT_EQ(send(row.request), Json({{"ok", true}})) << row.request;
+  }
 }
 
-TEST_F(AXActionTest, SetValueRefusesWhatIsNotSettable) {
+TEST_F(AXActionTest, SetValueChecksTheRefThenTheValueThenWhetherSettable) {
+  const std::string notString = "ax_set_value requires a string \"value\"";
   const std::string notSettable =
       "this element's AXValue is not settable \u2014 focus it (ax_focus) and type instead";
+  EXPECT_EQ(error({{"op", "ax_set_value"}, {"value", 42}}), staleText("?"));
+  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e9"}}), staleText("e9"));
+  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}}), notString);
+  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", 42}}), notString);
   EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}}), notSettable);
   targetNode().settable["AXTitle"] = true;  // another attribute does not count
   EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}}), notSettable);
@@ -655,43 +523,14 @@ TEST_F(AXActionTest, SetValueRefusesWhatIsNotSettable) {
   targetNode().settableResult = AXError::invalidUIElement;
   EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}}), notSettable);
   EXPECT_TRUE(desktop.written.empty());
-}
 
-TEST_F(AXActionTest, SetValueWriteFailures) {
-  targetNode().settable["AXValue"] = true;
-  targetNode().setResults["AXValue"] = AXError::cannotComplete;
-  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}}),
-            "setting AXValue failed (kAXErrorCannotComplete \u2014 the app did not respond in "
-            "time)");
-  targetNode().setResults["AXValue"] = AXError::illegalArgument;
-  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}}),
-            "setting AXValue failed (AXError -25201)");
-  targetNode().setResults["AXValue"] = AXError::invalidUIElement;
-  EXPECT_EQ(error({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}}), staleText("e2"));
-}
-
-// ---- ax_focus --------------------------------------------------------------------------------
-
-TEST_F(AXActionTest, FocusWritesTrueToFocused) {
+  targetNode().settableResult = AXError::success;
+  EXPECT_EQ(send({{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "h\u00e9llo"}}),
+            Json({{"ok", true}}));
   EXPECT_EQ(focus("e2"), Json({{"ok", true}}));
-  ASSERT_EQ(desktop.written.size(), 1u);
-  EXPECT_EQ(desktop.written[0], (std::pair<int, AXWritableValue>{desktop.idOf(*target), true}));
-}
-
-TEST_F(AXActionTest, FocusFailures) {
-  targetNode().setResults["AXFocused"] = AXError::cannotComplete;
-  EXPECT_EQ(focus("e2")["error"],
-            "focusing failed (kAXErrorCannotComplete \u2014 the app did not respond in time)");
-  targetNode().setResults["AXFocused"] = AXError::apiDisabled;
-  EXPECT_EQ(focus("e2")["error"],
-            "focusing failed (kAXErrorAPIDisabled \u2014 accessibility is disabled for this app)");
-  targetNode().setResults["AXFocused"] = AXError::invalidUIElement;
-  EXPECT_EQ(focus("e2"), Json({{"ok", false}, {"error", staleText("e2")}}));
-  // A ref from before the last dump.
-  targetNode().setResults.clear();
-  tree();
-  EXPECT_EQ(focus("e2")["error"], staleText("e2"));
-  EXPECT_EQ(focus("e4"), Json({{"ok", true}}));
+  EXPECT_EQ(desktop.written,
+            (std::vector<std::pair<int, AXWritableValue>>{
+                {desktop.idOf(*target), std::string("h\u00e9llo")}, {desktop.idOf(*target), true}}));
 }
 
 }  // namespace

@@ -105,22 +105,16 @@ TEST_F(InputOpsTest, MissingOrWrongMembersAreRefusedAndPostNothing) {
   } cases[] = {
       {R"({"op":"click","x":"10","y":5})", "click requires x and y"},
       {R"({"op":"click","x":10})", "click requires x and y"},
-      {R"({"op":"click","x":null,"y":1})", "click requires x and y"},
       {R"({"op":"click","x":1e300,"y":1})", "click requires x and y"},
-      {R"({"op":"click","x":true,"y":1})", "click requires x and y"},
       {R"({"op":"move","x":1})", "move requires x and y"},
       {R"({"op":"drag","toX":3})", "drag requires toX and toY"},
-      {R"({"op":"drag","x":3,"y":4})", "drag requires toX and toY"},
       {R"({"op":"scroll"})", "scroll requires dx and/or dy"},
       {R"({"op":"scroll","dx":0,"dy":0})", "scroll requires dx and/or dy"},
       {R"({"op":"scroll","dy":0.5})", "scroll requires dx and/or dy"},
-      {R"({"op":"scroll","dy":"5"})", "scroll requires dx and/or dy"},
       {R"({"op":"type","text":5})", "type requires non-empty \"text\""},
       {R"({"op":"type","text":""})", "type requires non-empty \"text\""},
       {R"({"op":"key"})", "key requires a \"chord\" (e.g. \"cmd+s\")"},
-      {R"({"op":"key","chord":""})", "key requires a \"chord\" (e.g. \"cmd+s\")"},
       {R"({"op":"key","chord":"cmd"})", "unrecognized key in chord \"cmd\""},
-      {R"({"op":"key","chord":"cmd+"})", "unrecognized key in chord \"cmd+\""},
       {R"({"op":"key","chord":"Cmd+Hyper"})", "unrecognized key in chord \"Cmd+Hyper\""},
   };
   for (const auto& c : cases) EXPECT_EQ(error(c.line), c.error) << c.line;
