@@ -267,8 +267,24 @@ void Connection::sendLine(std::string_view line) {
   bytes.reserve(line.size() + 1);
   bytes.append(line);
   bytes.push_back('\n');
-  if (!fd || !writeAll(fd.get(), bytes)) {
-    throw ConnectionError("the connection to the agent is closed");
+  if (!fd) throw ConnectionError("the connection to the agent is closed");
+  if (!writeAll(fd.get(), bytes)) {
+    // An agent that refuses a connection (too many at once) says why and closes before it
+    // reads anything; that line is a better reason than the broken pipe.
+    std::string said;
+    if (readBuffer.empty()) readBuffer.resize(AgentWire::readChunkBytes);
+    const ReadResult got = readSome(fd.get(), readBuffer.data(), readBuffer.size(),
+                                    std::chrono::milliseconds(100));
+    if (got.status == ReadStatus::data) {
+      lines.append(std::string_view(readBuffer.data(), got.count));
+      if (auto line = lines.next()) {
+        const Json reply = Json::parse(*line, nullptr, false);
+        if (reply.is_object() && reply.contains("error") && reply["error"].is_string()) {
+          said = reply["error"].get<std::string>();
+        }
+      }
+    }
+    throw ConnectionError(said.empty() ? "the connection to the agent is closed" : said);
   }
 }
 

@@ -113,6 +113,21 @@ TEST(ConnectionTest, AClosedConnectionOrANonObjectReplyThrows) {
       EXPECT_STREQ(e.what(), "the agent closed the connection before replying");
     }
   }
+  {
+    // An agent over its connection limit says why and closes before reading the request.
+    ScriptedPeer peer;
+    Connection connection(peer.client);
+    peer.say("{\"ok\":false,\"error\":\"too many connections: the agent serves at most 2 at "
+             "once\"}\n");
+    ::close(peer.peer);
+    peer.peer = -1;
+    try {
+      connection.ping();
+      FAIL() << "a request went to a closed connection";
+    } catch (const ConnectionError& e) {
+      EXPECT_STREQ(e.what(), "too many connections: the agent serves at most 2 at once");
+    }
+  }
 }
 
 TEST(ConnectionTest, TheReplyTimeoutBoundsTheWait) {
