@@ -4,13 +4,16 @@
 // The agent (--desktop x11) and gtk3-widget-factory are started; several client threads then mix
 // accessibility dumps, hit tests, clicks on the factory's check boxes, typing into one of its
 // text fields and screenshots, each on connections of their own. Afterwards the agent must
-// still answer, and hold about the descriptors and memory it had after a first round of each
-// request. The last line sums it up; the exit status says whether it held.
+// still answer, and hold about the descriptors, memory and X server resources it had after a
+// first round of each request. The last line sums it up; the exit status says whether it held.
 #include <dirent.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <X11/Xlib.h>
+#include <X11/extensions/XRes.h>
 
 #include <atomic>
 #include <chrono>
@@ -67,6 +70,35 @@ long rssKib(pid_t pid) {
     if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
   }
   return -1;
+}
+
+// The X server resources (windows, pixmaps, GCs, shared memory segments, ...) that the
+// clients of this process hold, or -1 where the server cannot say.
+long xResources(pid_t pid) {
+  Display* display = XOpenDisplay(nullptr);
+  if (display == nullptr) return -1;
+  int eventBase = 0, errorBase = 0, major = 0, minor = 0;
+  long total = -1;
+  XResClientIdSpec all{0, XRES_CLIENT_ID_PID_MASK};
+  long count = 0;
+  XResClientIdValue* ids = nullptr;
+  if (XResQueryExtension(display, &eventBase, &errorBase) &&
+      XResQueryVersion(display, &major, &minor) && (major > 1 || minor >= 2) &&
+      XResQueryClientIds(display, 1, &all, &count, &ids) == Success) {
+    total = 0;
+    for (long i = 0; i < count; ++i) {
+      if (XResGetClientPid(&ids[i]) != pid) continue;
+      int types = 0;
+      XResType* used = nullptr;
+      // Unlike the id query, this older call answers in Xlib's way: zero is failure.
+      if (XResQueryClientResources(display, ids[i].spec.client, &types, &used) == 0) continue;
+      for (int t = 0; t < types; ++t) total += used[t].count;
+      XFree(used);
+    }
+    XResClientIdsDestroy(count, ids);
+  }
+  XCloseDisplay(display);
+  return total;
 }
 
 // One request on a connection; the reply when it came and said "ok": true.
@@ -202,6 +234,7 @@ int main(int argc, char** argv) {
   const std::string fdDir = "/proc/" + std::to_string(agent.pid()) + "/fd";
   const int fdsBefore = countEntries(fdDir);
   const long rssBefore = rssKib(agent.pid());
+  const long xBefore = xResources(agent.pid());
   const long warmErrors = errors.load();
 
   const auto deadline = Clock::now() + std::chrono::seconds(seconds);
@@ -216,9 +249,11 @@ int main(int argc, char** argv) {
 
   // Closed connections are released a moment after their clients leave.
   int fdsAfter = 0;
+  long xAfter = 0;
   for (int i = 0; i < 50; ++i) {
     fdsAfter = countEntries(fdDir);
-    if (fdsAfter <= fdsBefore) break;
+    xAfter = xResources(agent.pid());
+    if (fdsAfter <= fdsBefore && xAfter <= xBefore) break;
     std::this_thread::sleep_for(100ms);
   }
   const long rssAfter = rssKib(agent.pid());
@@ -227,9 +262,12 @@ int main(int argc, char** argv) {
 
   // A screenshot's buffers and the allocator's free lists are not a leak; steady growth is.
   const long rssLimit = rssBefore + 24 * 1024;
+  if (xBefore < 0) fail("end", "the X server does not report resources per client (XRes 1.2)");
   const bool ok = alive && errors == 0 && warmErrors == 0 && fdsAfter <= fdsBefore &&
-                  rssAfter <= rssLimit;
-  std::printf("desktop soak: %ld requests, %ld errors, fds %d->%d, rss %ld->%ld KiB\n",
-              requests.load(), errors.load(), fdsBefore, fdsAfter, rssBefore, rssAfter);
+                  rssAfter <= rssLimit && xBefore >= 0 && xAfter <= xBefore;
+  std::printf("desktop soak: %ld requests, %ld errors, fds %d->%d, rss %ld->%ld KiB, "
+              "x resources %ld->%ld\n",
+              requests.load(), errors.load(), fdsBefore, fdsAfter, rssBefore, rssAfter, xBefore,
+              xAfter);
   return ok ? 0 : 1;
 }
