@@ -47,50 +47,28 @@ TEST(KeyMapNormalizeTest, AppliesTheEightAliasesOnly) {
   }
 }
 
-TEST(KeyMapChordTest, ModifiersCombineIntoFlags) {
-  EXPECT_EQ(strokeOf("Cmd+Shift+Z"), (KeyStroke{6, Modifier::command | Modifier::shift}));
-  EXPECT_EQ(strokeOf("ctrl+alt+delete"), (KeyStroke{51, Modifier::control | Modifier::option}));
-  EXPECT_EQ(strokeOf("ctrl+alt+backspace"), (KeyStroke{51, Modifier::control | Modifier::option}));
-  EXPECT_EQ(strokeOf("command+enter"), (KeyStroke{36, Modifier::command}));
-  EXPECT_EQ(strokeOf("enter"), (KeyStroke{36, 0}));
-  EXPECT_EQ(strokeOf("shift+arrowup"), (KeyStroke{126, Modifier::shift}));
-  EXPECT_EQ(strokeOf("shift+ArrowUp"), (KeyStroke{126, Modifier::shift}));
-  EXPECT_EQ(strokeOf("fn+f1"), (KeyStroke{122, Modifier::fn}));
-  EXPECT_EQ(strokeOf("meta+super+cmd+a"), (KeyStroke{0, Modifier::command}));
-  EXPECT_EQ(strokeOf("cmd+="), (KeyStroke{24, Modifier::command}));
-  EXPECT_EQ(strokeOf("A"), (KeyStroke{0, 0}));
-}
-
-TEST(KeyMapChordTest, UnknownModifiersAreSkipped) {
-  EXPECT_EQ(strokeOf("escape+a"), (KeyStroke{0, 0}));
-  EXPECT_EQ(strokeOf("hyper+s"), (KeyStroke{1, 0}));
-  // Modifiers get no aliases and no trimming.
-  EXPECT_EQ(strokeOf("cmd +s"), (KeyStroke{1, 0}));
-  EXPECT_EQ(strokeOf("enter+s"), (KeyStroke{1, 0}));
-}
-
-TEST(KeyMapChordTest, EmptyPartsAreDropped) {
-  const KeyStroke cmdS{1, Modifier::command};
-  EXPECT_EQ(strokeOf("cmd++s"), cmdS);
-  EXPECT_EQ(strokeOf("+cmd+s+"), cmdS);
-  EXPECT_EQ(strokeOf("cmd+s"), cmdS);
-}
-
-TEST(KeyMapChordTest, UnrecognisedChords) {
-  EXPECT_EQ(strokeOf("cmd"), std::nullopt);
-  EXPECT_EQ(strokeOf("+"), std::nullopt);
-  EXPECT_EQ(strokeOf("++"), std::nullopt);
-  EXPECT_EQ(strokeOf("cmd+"), std::nullopt);
-  EXPECT_EQ(strokeOf(""), std::nullopt);
-  EXPECT_EQ(strokeOf("cmd + s"), std::nullopt);  // the key part is " s"
-  EXPECT_EQ(strokeOf("cmd+f16"), std::nullopt);
-  EXPECT_EQ(strokeOf("cmd+\xC3\xA9"), std::nullopt);  // "é"
-}
-
-TEST(KeyMapChordTest, NonAsciiThatLowerCasesOrCanonicalisesToATableName) {
-  EXPECT_EQ(strokeOf("cmd+\xE2\x84\xAA"), (KeyStroke{40, Modifier::command}));  // KELVIN SIGN
-  EXPECT_EQ(strokeOf("\xCD\xBE"), (KeyStroke{41, 0}));                 // GREEK QUESTION MARK
-  EXPECT_EQ(strokeOf("\xE1\xBF\xAF"), (KeyStroke{50, 0}));             // GREEK VARIA
+// Modifiers combine into flags; unknown ones are skipped, and modifiers get no aliases and no
+// trimming; empty parts are dropped; a key name that lower-cases or canonicalises to a table
+// name counts; anything else is no chord.
+TEST(KeyMapChordTest, Chords) {
+  constexpr Modifiers cmd = Modifier::command;
+  const std::pair<const char*, std::optional<KeyStroke>> cases[] = {
+      {"Cmd+Shift+Z", KeyStroke{6, cmd | Modifier::shift}},
+      {"ctrl+alt+delete", KeyStroke{51, Modifier::control | Modifier::option}},
+      {"ctrl+alt+backspace", KeyStroke{51, Modifier::control | Modifier::option}},
+      {"command+enter", KeyStroke{36, cmd}}, {"enter", KeyStroke{36, 0}},
+      {"shift+ArrowUp", KeyStroke{126, Modifier::shift}}, {"fn+f1", KeyStroke{122, Modifier::fn}},
+      {"meta+super+cmd+a", KeyStroke{0, cmd}}, {"cmd+=", KeyStroke{24, cmd}},
+      {"A", KeyStroke{0, 0}}, {"escape+a", KeyStroke{0, 0}}, {"hyper+s", KeyStroke{1, 0}},
+      {"cmd +s", KeyStroke{1, 0}}, {"enter+s", KeyStroke{1, 0}}, {"cmd++s", KeyStroke{1, cmd}},
+      {"+cmd+s+", KeyStroke{1, cmd}},
+      {"cmd+\xE2\x84\xAA", KeyStroke{40, cmd}},  // KELVIN SIGN
+      {"\xCD\xBE", KeyStroke{41, 0}},            // GREEK QUESTION MARK
+      {"\xE1\xBF\xAF", KeyStroke{50, 0}},        // GREEK VARIA
+      {"cmd", std::nullopt}, {"+", std::nullopt}, {"++", std::nullopt}, {"cmd+", std::nullopt},
+      {"", std::nullopt}, {"cmd + s", std::nullopt},  // the key part is " s"
+      {"cmd+f16", std::nullopt}, {"cmd+\xC3\xA9", std::nullopt}};
+  for (const auto& [chord, stroke] : cases) EXPECT_EQ(strokeOf(chord), stroke) << chord;
 }
 
 }  // namespace

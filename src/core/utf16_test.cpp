@@ -5,24 +5,18 @@
 namespace tervain {
 namespace {
 
-TEST(Utf8ToUtf16Test, EncodesEachPlane) {
-  EXPECT_EQ(utf8ToUtf16(""), u"");
-  EXPECT_EQ(utf8ToUtf16("hi\n"), u"hi\n");
-  EXPECT_EQ(utf8ToUtf16("caf\xC3\xA9"), u"caf\u00E9");
-  EXPECT_EQ(utf8ToUtf16("\xE2\x82\xAC"), u"\u20AC");
-  EXPECT_EQ(utf8ToUtf16("\xF0\x9F\x98\x80"), u"\U0001F600");  // one pair: two units
-  EXPECT_EQ(utf8ToUtf16("\xF0\x9F\x98\x80").size(), 2u);
-  EXPECT_EQ(utf8ToUtf16("\xF4\x8F\xBF\xBF"), u"\U0010FFFF");
-  EXPECT_EQ(utf8ToUtf16(std::string("a\0b", 3)), std::u16string(u"a\0b", 3));
-}
-
-TEST(Utf8ToUtf16Test, InvalidBytesBecomeReplacementCharacters) {
-  EXPECT_EQ(utf8ToUtf16("\x80"), u"\uFFFD");
-  EXPECT_EQ(utf8ToUtf16("\xC0\xAF"), u"\uFFFD\uFFFD");                      // overlong
-  EXPECT_EQ(utf8ToUtf16("\xED\xA0\x80"), u"\uFFFD\uFFFD\uFFFD");            // encoded surrogate
-  EXPECT_EQ(utf8ToUtf16("\xF4\x90\x80\x80"), u"\uFFFD\uFFFD\uFFFD\uFFFD");  // above U+10FFFF
-  EXPECT_EQ(utf8ToUtf16("a\xE2\x82"), u"a\uFFFD\uFFFD");                    // truncated
-  EXPECT_EQ(utf8ToUtf16("\xE2\x82z"), u"\uFFFD\uFFFDz");
+// Each plane, and invalid bytes as replacement characters: one for each byte of an overlong
+// form, an encoded surrogate, a code point above U+10FFFF or a truncated sequence.
+TEST(Utf8ToUtf16Test, EncodesEachPlaneAndReplacesInvalidBytes) {
+  const std::pair<std::string, std::u16string> cases[] = {
+      {"", u""}, {"hi\n", u"hi\n"}, {"caf\xC3\xA9", u"caf\u00E9"}, {"\xE2\x82\xAC", u"\u20AC"},
+      {"\xF0\x9F\x98\x80", u"\U0001F600"}, {"\xF4\x8F\xBF\xBF", u"\U0010FFFF"},
+      {std::string("a\0b", 3), std::u16string(u"a\0b", 3)}, {"\x80", u"\uFFFD"},
+      {"\xC0\xAF", u"\uFFFD\uFFFD"}, {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},
+      {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"}, {"a\xE2\x82", u"a\uFFFD\uFFFD"},
+      {"\xE2\x82z", u"\uFFFD\uFFFDz"}};
+  for (const auto& [utf8, units] : cases) EXPECT_EQ(utf8ToUtf16(utf8), units) << utf8;
+  EXPECT_EQ(utf8ToUtf16("\xF0\x9F\x98\x80").size(), 2u);  // one pair: two units
 }
 
 // Platform strings may hold a lone surrogate; the text around it must survive whole.
