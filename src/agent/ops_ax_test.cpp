@@ -27,16 +27,11 @@ std::string staleText(const std::string& ref) {
 }
 
 // Every node of a tree, in pre-order.
-void collect(const Json& node, std::vector<const Json*>& out) {
+std::vector<const Json*> nodesOf(const Json& node, std::vector<const Json*> out = {}) {
   out.push_back(&node);
   if (node.contains("children")) {
-    for (const Json& child : node["children"]) collect(child, out);
+    for (const Json& child : node["children"]) out = nodesOf(child, std::move(out));
   }
-}
-
-std::vector<const Json*> nodesOf(const Json& tree) {
-  std::vector<const Json*> out;
-  collect(tree, out);
   return out;
 }
 
@@ -168,15 +163,12 @@ TEST_F(AXTest, FailedDumpLeavesRefsUsable) {
 
 TEST_F(AXTest, StaleRefReplyQuotesTheRefOrAQuestionMark) {
   EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e12"}}),
-            Json({{"ok", false},
-                  {"error",
-                   "element ref \"e12\" is unknown or stale \u2014 refs are only valid until the "
-                   "next ax_dump; re-dump and retry"}}));
+            Json({{"ok", false}, {"error", staleText("e12")}}));
   EXPECT_EQ(error({{"op", "ax_focus"}}), staleText("?"));
-  EXPECT_EQ(error({{"op", "ax_focus"}, {"ref", 5}}), staleText("?"));
-  EXPECT_EQ(error({{"op", "ax_focus"}, {"ref", Json::array({"e1"})}}), staleText("?"));
-  EXPECT_EQ(error({{"op", "ax_focus"}, {"ref", ""}}), staleText(""));
-  EXPECT_EQ(error({{"op", "ax_focus"}, {"ref", "E1"}}), staleText("E1"));
+  for (const auto& [ref, quoted] : {std::pair{Json(5), "?"}, {Json::array({"e1"}), "?"},
+                                    {Json(""), ""}, {Json("E1"), "E1"}}) {
+    EXPECT_EQ(error({{"op", "ax_focus"}, {"ref", ref}}), staleText(quoted)) << ref;
+  }
   // Before any other member is looked at.
   EXPECT_EQ(error({{"op", "ax_action"}, {"action", 7}}), staleText("?"));
   EXPECT_TRUE(desktop.performed.empty());
@@ -370,16 +362,6 @@ TEST_F(AXTest, ValuesAsThePlatformPrintsThemKeep250Characters) {
 
 // ---- ax_element_at ---------------------------------------------------------------------------
 
-TEST_F(AXTest, ElementAtNeedsIntegers) {
-  for (const Json& request : {Json{{"op", "ax_element_at"}, {"x", 10}},
-                              Json{{"op", "ax_element_at"}, {"x", 10.5}, {"y", 20}},
-                              Json{{"op", "ax_element_at"}, {"x", "10"}, {"y", 20}}}) {
-    EXPECT_EQ(send(request), Json({{"ok", false}, {"error", "ax_element_at requires x and y"}}))
-        << request;
-  }
-  EXPECT_TRUE(desktop.hitTests.empty());
-}
-
 TEST_F(AXTest, ElementAtAsksTheSystemWideElementWithATimeout) {
   FakeNode node;
   node.attributes = {{"AXRole", std::string("AXButton")},
@@ -399,17 +381,21 @@ TEST_F(AXTest, ElementAtAsksTheSystemWideElementWithATimeout) {
   EXPECT_EQ(desktop.hitTests[0].timeoutSeconds, 1.5f);
 }
 
-TEST_F(AXTest, ElementAtFailuresDescribeTheResultCode) {
-  desktop.elementAtResult = AXError::noValue;
-  EXPECT_EQ(error({{"op", "ax_element_at"}, {"x", 100}, {"y", 200}}),
-            "no accessible element at (100, 200) (no value)");
-  desktop.elementAtResult = AXError::failure;
-  EXPECT_EQ(error({{"op", "ax_element_at"}, {"x", -5}, {"y", 0}}),
-            "no accessible element at (-5, 0) (AXError -25200)");
-  desktop.elementAtResult = AXError::success;
-  desktop.elementAt = nullptr;
-  EXPECT_EQ(error({{"op", "ax_element_at"}, {"x", 1}, {"y", 2}}),
-            "no accessible element at (1, 2) (success)");
+TEST_F(AXTest, ElementAtNeedsIntegersAndItsFailuresDescribeTheResultCode) {
+  for (Json request :
+       {Json{{"x", 10}}, Json{{"x", 10.5}, {"y", 20}}, Json{{"x", "10"}, {"y", 20}}}) {
+    request["op"] = "ax_element_at";
+    EXPECT_EQ(error(request), "ax_element_at requires x and y") << request;
+  }
+  EXPECT_TRUE(desktop.hitTests.empty());
+  const std::tuple<AXResult, int, int, const char*> cases[] = {
+      {AXError::noValue, 100, 200, "no accessible element at (100, 200) (no value)"},
+      {AXError::failure, -5, 0, "no accessible element at (-5, 0) (AXError -25200)"},
+      {AXError::success, 1, 2, "no accessible element at (1, 2) (success)"}};  // and no element
+  for (const auto& [code, x, y, message] : cases) {
+    desktop.elementAtResult = code;
+    EXPECT_EQ(error({{"op", "ax_element_at"}, {"x", x}, {"y", y}}), message);
+  }
   // Failures mint no ref.
   desktop.elementAt = element();
   EXPECT_EQ(send({{"op", "ax_element_at"}, {"x", 1}, {"y", 2}})["node"]["ref"], "e1");
@@ -451,10 +437,9 @@ TEST_F(AXActionTest, GrantIsCheckedBeforeAnythingElse) {
 
 TEST_F(AXActionTest, PressIsTheDefaultActionAndATimeoutAProbableSuccess) {
   EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}}), Json({{"ok", true}}));
-  EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", ""}}), Json({{"ok", true}}));
-  EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", 5}}), Json({{"ok", true}}));
-  EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", "AXShowMenu"}}),
-            Json({{"ok", true}}));
+  for (const Json& action : {Json(""), Json(5), Json("AXShowMenu")}) {
+    EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e2"}, {"action", action}}), Json({{"ok", true}}));
+  }
   EXPECT_EQ(performedNames(),
             (std::vector<std::string>{"AXPress", "AXPress", "AXPress", "AXShowMenu"}));
   EXPECT_EQ(desktop.performed.front().first, desktop.idOf(*target));
@@ -470,40 +455,32 @@ TEST_F(AXActionTest, PressIsTheDefaultActionAndATimeoutAProbableSuccess) {
 // Each failure names the operation and the result code; a gone element reads as a stale ref, and
 // the ref stays registered: the platform decides every time.
 TEST_F(AXActionTest, FailuresNameTheOperationAndTheResultCode) {
-  const Json press = {{"op", "ax_action"}, {"ref", "e2"}};
-  const Json raise = {{"op", "ax_action"}, {"ref", "e2"}, {"action", "AXRaise"}};
-  const Json set = {{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}};
-  const Json focusE2 = {{"op", "ax_focus"}, {"ref", "e2"}};
+  const std::map<std::string, Json> requests = {
+      {"AXPress", {{"op", "ax_action"}, {"ref", "e2"}}},
+      {"AXRaise", {{"op", "ax_action"}, {"ref", "e2"}, {"action", "AXRaise"}}},
+      {"AXValue", {{"op", "ax_set_value"}, {"ref", "e2"}, {"value", "x"}}},
+      {"AXFocused", {{"op", "ax_focus"}, {"ref", "e2"}}}};
   const std::string noTime = "kAXErrorCannotComplete \u2014 the app did not respond in time)";
   targetNode().settable["AXValue"] = true;
-  const struct {
-    std::map<std::string, AXResult> FakeNode::*results;
-    const char* name;
-    AXResult code;
-    Json request;
-    std::string error;
-  } table[] = {
-      {&FakeNode::performResults, "AXRaise", AXError::actionUnsupported, raise,
-       "AXRaise failed (action unsupported)"},
-      {&FakeNode::performResults, "AXPress", AXError::failure, press,
-       "AXPress failed (AXError -25200)"},
-      {&FakeNode::performResults, "AXPress", AXError::invalidUIElement, press, staleText("e2")},
-      {&FakeNode::setResults, "AXValue", AXError::cannotComplete, set,
-       "setting AXValue failed (" + noTime},
-      {&FakeNode::setResults, "AXValue", AXError::illegalArgument, set,
-       "setting AXValue failed (AXError -25201)"},
-      {&FakeNode::setResults, "AXValue", AXError::invalidUIElement, set, staleText("e2")},
-      {&FakeNode::setResults, "AXFocused", AXError::cannotComplete, focusE2,
-       "focusing failed (" + noTime},
-      {&FakeNode::setResults, "AXFocused", AXError::apiDisabled, focusE2,
+  const std::tuple<const char*, AXResult, std::string> table[] = {
+      {"AXRaise", AXError::actionUnsupported, "AXRaise failed (action unsupported)"},
+      {"AXPress", AXError::failure, "AXPress failed (AXError -25200)"},
+      {"AXPress", AXError::invalidUIElement, staleText("e2")},
+      {"AXValue", AXError::cannotComplete, "setting AXValue failed (" + noTime},
+      {"AXValue", AXError::illegalArgument, "setting AXValue failed (AXError -25201)"},
+      {"AXValue", AXError::invalidUIElement, staleText("e2")},
+      {"AXFocused", AXError::cannotComplete, "focusing failed (" + noTime},
+      {"AXFocused", AXError::apiDisabled,
        "focusing failed (kAXErrorAPIDisabled \u2014 accessibility is disabled for this app)"},
-      {&FakeNode::setResults, "AXFocused", AXError::invalidUIElement, focusE2, staleText("e2")},
-  };
-  for (const auto& row : table) {
-    (targetNode().*row.results)[row.name] = row.code;
-    EXPECT_EQ(send(row.request), Json({{"ok", false}, {"error", row.error}})) << row.request;
-    (targetNode().*row.results).clear();
-    EXPECT_EQ(send(row.request), Json({{"ok", true}})) << row.request;
+      {"AXFocused", AXError::invalidUIElement, staleText("e2")}};
+  for (const auto& [name, code, message] : table) {
+    const Json& request = requests.at(name);
+    auto& results = request["op"] == "ax_action" ? targetNode().performResults
+                                                 : targetNode().setResults;
+    results[name] = code;
+    EXPECT_EQ(send(request), Json({{"ok", false}, {"error", message}})) << request;
+    results.clear();
+    EXPECT_EQ(send(request), Json({{"ok", true}})) << request;
   }
 }
 

@@ -34,27 +34,16 @@ class LaunchAppTest : public ::testing::Test {
 // Neither an empty name nor a path reaches the desktop: joined to the application folders, a
 // path would open whatever it names.
 TEST_F(LaunchAppTest, NameMustBeANonEmptyNameAndNotAPath) {
-  const std::string empty = "launch_app requires a non-empty \"name\"";
-  const struct {
-    const char* line;
-    std::string error;
-  } cases[] = {
-      {R"({"op":"launch_app"})", empty},
-      {R"({"op":"launch_app","name":""})", empty},
-      {R"({"op":"launch_app","name":7})", empty},
-      {R"({"op":"launch_app","name":null})", empty},
-      {R"({"op":"launch_app","name":"../../tmp/x"})",
-       "launch_app requires an application's name, not a path: \"../../tmp/x\""},
-      {R"({"op":"launch_app","name":"/Applications/Calculator.app"})",
-       "launch_app requires an application's name, not a path: \"/Applications/Calculator.app\""},
-      {R"({"op":"launch_app","name":"Utilities/Terminal"})",
-       "launch_app requires an application's name, not a path: \"Utilities/Terminal\""},
-      {R"({"op":"launch_app","name":".."})",
-       "launch_app requires an application's name, not a path: \"..\""},
-      {R"({"op":"launch_app","name":"."})",
-       "launch_app requires an application's name, not a path: \".\""},
-  };
-  for (const auto& c : cases) EXPECT_EQ(run(c.line).error(), c.error) << c.line;
+  for (const char* name : {"", R"(,"name":"")", R"(,"name":7)", R"(,"name":null)"}) {
+    EXPECT_EQ(run(std::string(R"({"op":"launch_app")") + name + "}").error(),
+              "launch_app requires a non-empty \"name\"")
+        << name;
+  }
+  for (const std::string name :
+       {"../../tmp/x", "/Applications/Calculator.app", "Utilities/Terminal", "..", "."}) {
+    EXPECT_EQ(launch(name).error(),
+              "launch_app requires an application's name, not a path: \"" + name + "\"");
+  }
   EXPECT_TRUE(desktop.launched.empty());
   // Dots inside a name are no path.
   EXPECT_TRUE(launch("Foo..Bar").ok());

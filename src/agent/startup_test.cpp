@@ -15,13 +15,11 @@ namespace {
 
 TEST(StartupTest, PortFromTheEnvironment) {
   EXPECT_EQ(choosePort(nullptr), 2035u);
-  EXPECT_EQ(choosePort(""), 2035u);
-  EXPECT_EQ(choosePort("2036"), 2036u);
-  EXPECT_EQ(choosePort("+2036"), 2036u);
-  EXPECT_EQ(choosePort("-0"), 0u);
-  EXPECT_EQ(choosePort("-000"), 0u);
-  EXPECT_EQ(choosePort("0"), 0u);
-  EXPECT_EQ(choosePort("4294967295"), 4294967295u);
+  for (const auto& [text, port] :
+       {std::pair{"", 2035u}, {"2036", 2036u}, {"+2036", 2036u}, {"-0", 0u}, {"-000", 0u},
+        {"0", 0u}, {"4294967295", 4294967295u}}) {
+    EXPECT_EQ(choosePort(text), port) << text;
+  }
   for (const char* bad : {"-1", " 2036", "2036 ", "0x7f3", "4294967296", "+", "-", "++1",
                           "20 36", "99999999999999999999999"}) {
     EXPECT_EQ(choosePort(bad), 2035u) << bad;
@@ -34,15 +32,14 @@ TEST(StartupTest, CommandLine) {
     args.insert(args.begin(), "TervainVMAgent");
     return parseCommandLine(static_cast<int>(args.size()), args.data());
   };
-  EXPECT_EQ(parse({}).action, Action::serve);
   EXPECT_FALSE(parse({}).unixPath);
   EXPECT_EQ(parse({"--unix", "/tmp/a.sock"}).unixPath, "/tmp/a.sock");
-  EXPECT_EQ(parse({"--help"}).action, Action::help);
-  EXPECT_EQ(parse({"--version"}).action, Action::version);
-  EXPECT_EQ(parse({"--request-grants"}).action, Action::requestGrants);
-  EXPECT_EQ(parse({"--unix"}).action, Action::usageError);
-  EXPECT_EQ(parse({"--unix", ""}).action, Action::usageError);
-  EXPECT_EQ(parse({"--port", "5"}).action, Action::usageError);
+  for (const auto& [args, action] : std::vector<std::pair<std::vector<const char*>, Action>>{
+           {{}, Action::serve}, {{"--help"}, Action::help}, {{"--version"}, Action::version},
+           {{"--request-grants"}, Action::requestGrants}, {{"--unix"}, Action::usageError},
+           {{"--unix", ""}, Action::usageError}, {{"--port", "5"}, Action::usageError}}) {
+    EXPECT_EQ(parse(args).action, action) << (args.empty() ? "" : args[0]);
+  }
   EXPECT_EQ(parse({"--port", "5"}).problem, "unknown argument '--port'");
 
   EXPECT_EQ(parse({}).desktop, "auto");
