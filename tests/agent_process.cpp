@@ -15,23 +15,14 @@
 #include <filesystem>
 #include <stdexcept>
 
-
 #include "child_process.h"
 #include "vsock/tervain_vsock.h"
 
 extern char** environ;
 
 namespace tervain::testing {
-namespace {
 
 using Clock = std::chrono::steady_clock;
-
-int remainingMillis(Clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-  return left.count() < 0 ? 0 : static_cast<int>(left.count());
-}
-
-}  // namespace
 
 TempDir::TempDir() {
   std::string pattern = (std::filesystem::temp_directory_path() / "tervain-test-XXXXXX").string();
@@ -53,8 +44,7 @@ pid_t spawnProgram(const std::vector<std::string>& argv, const SpawnOptions& opt
   }
   for (const auto& name : options.unsetEnv) env.erase(name);
   for (const auto& [k, v] : options.env) env[k] = v;
-  std::vector<std::string> args = argv;
-  std::vector<std::string> envStrings;
+  std::vector<std::string> args = argv, envStrings;
   for (const auto& [k, v] : env) envStrings.push_back(k + "=" + v);
   std::vector<char*> argvPtrs, envPtrs;
   for (auto& a : args) argvPtrs.push_back(a.data());
@@ -121,7 +111,8 @@ bool LineClient::send(std::string_view bytes) {
 bool LineClient::fill(std::chrono::steady_clock::time_point deadline) {
   for (;;) {
     pollfd p{fd, POLLIN, 0};
-    const int ready = ::poll(&p, 1, remainingMillis(deadline));
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    const int ready = ::poll(&p, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) return false;
     char chunk[65536];
