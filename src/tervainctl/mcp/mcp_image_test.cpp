@@ -1,11 +1,12 @@
 #include "tervainctl/mcp/mcp_image.h"
 
-#include <png.h>
 #include <turbojpeg.h>
 
 #include <gtest/gtest.h>
 
 #include <vector>
+
+#include "decoded_image.h"
 
 namespace tervain::mcp {
 namespace {
@@ -30,36 +31,6 @@ std::string twoColourJpeg(int width, int height) {
   return jpeg;
 }
 
-struct Decoded {
-  int width = 0;
-  int height = 0;
-  std::vector<unsigned char> rgb;
-  const unsigned char* at(int x, int y) const { return &rgb[(static_cast<std::size_t>(y) * width + x) * 3]; }
-};
-
-Decoded decode(const EncodedImage& image) {
-  Decoded out;
-  if (std::string(image.mimeType) == "image/png") {
-    png_image png{};
-    png.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_memory(&png, image.bytes.data(), image.bytes.size())) return out;
-    png.format = PNG_FORMAT_RGB;
-    out.width = static_cast<int>(png.width);
-    out.height = static_cast<int>(png.height);
-    out.rgb.resize(PNG_IMAGE_SIZE(png));
-    if (!png_image_finish_read(&png, nullptr, out.rgb.data(), 0, nullptr)) return {};
-    return out;
-  }
-  tjhandle decoder = tjInitDecompress();
-  int subsampling = 0, colorspace = 0;
-  auto* data = reinterpret_cast<const unsigned char*>(image.bytes.data());
-  tjDecompressHeader3(decoder, data, image.bytes.size(), &out.width, &out.height, &subsampling, &colorspace);
-  out.rgb.resize(static_cast<std::size_t>(out.width) * out.height * 3);
-  tjDecompress2(decoder, data, image.bytes.size(), out.rgb.data(), out.width, 0, out.height, TJPF_RGB, 0);
-  tjDestroy(decoder);
-  return out;
-}
-
 TEST(FitImage, ScalesToTheWidthKeepingAspectColoursAndFormat) {
   const std::string jpeg = twoColourJpeg(1000, 601);
   struct Case {
@@ -82,7 +53,8 @@ TEST(FitImage, ScalesToTheWidthKeepingAspectColoursAndFormat) {
     EXPECT_EQ(image->width, c.width);
     EXPECT_EQ(image->height, c.height);
     EXPECT_STREQ(image->mimeType, c.mime);
-    const Decoded pixels = decode(*image);
+    const auto pixels =
+        testing::decodeImage(image->bytes, std::string_view(image->mimeType) == "image/png");
     ASSERT_EQ(pixels.width, c.width);
     ASSERT_EQ(pixels.height, c.height);
     const unsigned char* left = pixels.at(c.width / 4, c.height / 2);
