@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "desktop_session.h"
@@ -16,13 +16,9 @@ namespace {
 std::string unavailable;
 
 bool onPath(const std::string& program) {
-  const std::string list = std::getenv("PATH") == nullptr ? "" : std::getenv("PATH");
-  for (std::size_t start = 0; start <= list.size();) {
-    const std::size_t colon = std::min(list.find(':', start), list.size());
-    if (::access((list.substr(start, colon - start) + "/" + program).c_str(), X_OK) == 0) {
-      return true;
-    }
-    start = colon + 1;
+  std::istringstream dirs(std::getenv("PATH") == nullptr ? "" : std::getenv("PATH"));
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    if (::access((dir + "/" + program).c_str(), X_OK) == 0) return true;
   }
   return false;
 }

@@ -5,7 +5,6 @@
 #include <X11/Xlib.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 // clang-format on
@@ -17,11 +16,10 @@
 #include <thread>
 
 #include "agent_process.h"
+#include "child_process.h"
 #include "core/json.h"
 #include "desktop_session.h"
 #include "exec_test_support.h"
-
-extern char** environ;
 
 namespace tervain::testing {
 namespace {
@@ -35,19 +33,14 @@ class PrivateXServer {
   explicit PrivateXServer(int display = -1, std::string size = "640x480x24") {
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 3);  // clears close-on-exec
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<std::string> args = {"Xvfb", "-displayfd", "3", "-screen", "0", size,
-                                     "-nolisten", "tcp", "+extension", "XTEST"};
-    if (display >= 0) args.insert(args.begin() + 1, ":" + std::to_string(display));
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    if (posix_spawnp(&pid, "Xvfb", &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
+    const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    // The shell looks Xvfb up on the PATH and becomes it.
+    std::vector<std::string> args = {"/bin/sh", "-c", "exec Xvfb \"$@\"", "Xvfb", "-displayfd",
+                                     "1", "-screen", "0", size, "-nolisten", "tcp",
+                                     "+extension", "XTEST"};
+    if (display >= 0) args.insert(args.begin() + 4, ":" + std::to_string(display));
+    pid = spawnProgram(args, {.stdoutFd = pipeFds[1], .stderrFd = devNull});
+    ::close(devNull);
     ::close(pipeFds[1]);
     // The server writes its number once it accepts connections.
     std::string number;

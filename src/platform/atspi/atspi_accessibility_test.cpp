@@ -118,9 +118,8 @@ class AtspiDesktopTest : public ::testing::Test {
   // Presses "Page N" and waits (bounded) until the factory shows that page.
   static void showPage(int page) {
     const std::string title = "Page " + std::to_string(page);
-    const Node* radio = nullptr;
-    auto nodes = walk(factoryPid());
-    radio = find(nodes, "AXRadioButton", title);
+    const auto nodes = walk(factoryPid());
+    const Node* radio = find(nodes, "AXRadioButton", title);
     ASSERT_NE(radio, nullptr);
     ASSERT_EQ(accessibility->performAction(*radio->element, "AXPress"), AXError::success);
     for (int i = 0; i < 100; ++i) {
