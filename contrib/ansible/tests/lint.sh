@@ -6,7 +6,7 @@ set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
 python=/usr/bin/python3
 [[ -x $python ]] || python=python3
-sources=("$here"/plugins/*/*.py "$here"/tests/*.py)
+sources=("$here"/plugins/*/*.py "$here"/tests/*.py "$here"/tests/callback/*.py)
 
 "$python" -m py_compile "${sources[@]}"
 find "$here" -name __pycache__ -type d -prune -exec rm -rf {} +

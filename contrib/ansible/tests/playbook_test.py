@@ -101,7 +101,8 @@ def ansible_env(root):
         'ANSIBLE_COLLECTIONS_PATH': os.path.join(root, 'collections'),
         'ANSIBLE_CONNECTION_PLUGINS': os.path.join(root, 'standalone'),
         'ANSIBLE_LOCAL_TEMP': os.path.join(root, 'controller', 'tmp'),
-        'ANSIBLE_STDOUT_CALLBACK': 'json',
+        'ANSIBLE_CALLBACK_PLUGINS': os.path.join(HERE, 'callback'),
+        'ANSIBLE_STDOUT_CALLBACK': 'tervain_report',
         'ANSIBLE_NOCOLOR': '1',
         'ANSIBLE_RETRY_FILES_ENABLED': 'false',
         'ANSIBLE_FORKS': '3',
@@ -149,7 +150,7 @@ def check_inventory_addresses(root, env):
 
 
 def task_results(report):
-    """{task name: {host: result}} from the json callback's report."""
+    """{task name: {host: result}} from the report of callback/tervain_report.py."""
     results = {}
     for play in report['plays']:
         for task in play['tasks']:
