@@ -174,7 +174,8 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
             "grants: accessibility no, screen recording no, input synthesis no\n"
             "features: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
             "ax_set_value ax_focus click move drag type key scroll cursor_position launch_app "
-            "screenshot.region screenshot.maxSize screenshot.png screenshot.quality\n");
+            "screenshot.region screenshot.maxSize screenshot.png screenshot.quality exec.env "
+            "exec.cwd exec.timeout\n");
 }
 
 TEST_F(TervainctlTest, ARefusalExitsOneWithTheAgentsErrorOnceOnStderr) {
