@@ -219,6 +219,10 @@ TEST_F(TervainctlTest, MessagesArePinned) {
        "tervainctl: a subcommand is required, e.g. tervainctl ping; tervainctl --help lists "
        "them all\n" + more},
       {{"click", "1"}, 2, "", "tervainctl: Y is required\n" + more},
+      {{"exec", "--env", "X", "true"}, 2, "",
+       "tervainctl: --env wants NAME=VALUE, e.g. --env LANG=C, not 'X'\n" + more},
+      {{"exec", "--timeout=0", "true"}, 2, "",
+       "tervainctl: --timeout wants a positive number of seconds, not '0'\n" + more},
       {{"--version"}, 0, "tervainctl 0.1.0 (agent protocol v2)\n", ""},
       {{"--help"}, 0, "Drive a TervainVMAgent in a guest from the host.\nUsage: tervainctl ...", ""},
       {{"--connect", "tcp:1", "ping"}, 2, "",
@@ -334,6 +338,14 @@ TEST_F(TervainctlTest, ExecExitStatusIsTheCommands) {
   const CtlResult killed = run({"exec", "kill -TERM $$"});
   EXPECT_TRUE(killed.exited);
   EXPECT_EQ(killed.status, 143);
+  // The options; a time limit that ends the command exits 124, as timeout(1) does.
+  const CtlResult limited =
+      run({"exec", "--env", "X=a b", "--cwd", local.path(), "--timeout", "1", "--env=Y=c",
+           "echo \"$X|$Y\"; pwd -P; sleep 30"});
+  EXPECT_TRUE(limited.exited);
+  EXPECT_EQ(limited.status, 124);
+  EXPECT_EQ(limited.out, "a b|c\n" + std::filesystem::canonical(local.path()).string() + "\n");
+  EXPECT_EQ(limited.err, "tervainctl: the command timed out after 1 s\n");
 }
 
 TEST_F(TervainctlTest, ExecJoinsItsWordsLikeSsh) {
