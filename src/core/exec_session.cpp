@@ -34,6 +34,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "core/agent_wire.h"
 #include "core/base64.h"
@@ -403,9 +404,9 @@ int ExecSession::pollTimeout(int timeoutMillis) {
   } else {
     return timeoutMillis;
   }
-  const std::int64_t left = std::max<std::int64_t>(due - clock(), 0);
-  return timeoutMillis < 0 ? static_cast<int>(std::min<std::int64_t>(left, pollTickMillis))
-                           : static_cast<int>(std::min<std::int64_t>(left, timeoutMillis));
+  // A negative timeout waits without end, as for poll(); the limit still cuts it short.
+  const std::int64_t longest = timeoutMillis < 0 ? std::numeric_limits<int>::max() : timeoutMillis;
+  return static_cast<int>(std::clamp<std::int64_t>(due - clock(), 0, longest));
 }
 
 void ExecSession::finish(bool hostGone) {
