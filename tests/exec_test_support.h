@@ -30,6 +30,7 @@ struct ExecTranscript {
   std::string err;                // decoded "e" payloads, concatenated
   std::vector<std::string> tags;  // every frame's "t", in order
   std::optional<int> code;        // the "x" frame's code
+  Json exit;                      // the "x" frame, whole
   std::optional<std::string> error;  // the "err" frame's message
   std::size_t largestChunk = 0;   // most raw bytes in one output frame
   std::vector<std::string> badFrames;  // lines that were not well-formed frames
@@ -68,6 +69,7 @@ inline ExecTranscript readExecFrames(LineClient& client,
       (tag == "o" ? t.out : t.err) += *bytes;
     } else if (tag == "x" && frame.value("code", Json()).is_number_integer()) {
       t.code = frame["code"].get<int>();
+      t.exit = frame;
     } else if (tag == "err" && frame.value("m", Json()).is_string()) {
       t.error = frame["m"].get<std::string>();
     } else {

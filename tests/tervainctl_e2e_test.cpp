@@ -174,7 +174,8 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
             "grants: accessibility no, screen recording no, input synthesis no\n"
             "features: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
             "ax_set_value ax_focus click move drag type key scroll cursor_position launch_app "
-            "screenshot.region screenshot.maxSize screenshot.png screenshot.quality\n");
+            "screenshot.region screenshot.maxSize screenshot.png screenshot.quality exec.env "
+            "exec.cwd exec.timeout\n");
 }
 
 TEST_F(TervainctlTest, ARefusalExitsOneWithTheAgentsErrorOnceOnStderr) {
@@ -218,6 +219,10 @@ TEST_F(TervainctlTest, MessagesArePinned) {
        "tervainctl: a subcommand is required, e.g. tervainctl ping; tervainctl --help lists "
        "them all\n" + more},
       {{"click", "1"}, 2, "", "tervainctl: Y is required\n" + more},
+      {{"exec", "--env", "X", "true"}, 2, "",
+       "tervainctl: --env wants NAME=VALUE, e.g. --env LANG=C, not 'X'\n" + more},
+      {{"exec", "--timeout=0", "true"}, 2, "",
+       "tervainctl: --timeout wants a positive number of seconds, not '0'\n" + more},
       {{"--version"}, 0, "tervainctl 0.1.0 (agent protocol v2)\n", ""},
       {{"--help"}, 0, "Drive a TervainVMAgent in a guest from the host.\nUsage: tervainctl ...", ""},
       {{"--connect", "tcp:1", "ping"}, 2, "",
@@ -333,6 +338,14 @@ TEST_F(TervainctlTest, ExecExitStatusIsTheCommands) {
   const CtlResult killed = run({"exec", "kill -TERM $$"});
   EXPECT_TRUE(killed.exited);
   EXPECT_EQ(killed.status, 143);
+  // The options; a time limit that ends the command exits 124, as timeout(1) does.
+  const CtlResult limited =
+      run({"exec", "--env", "X=a b", "--cwd", local.path(), "--timeout", "1", "--env=Y=c",
+           "echo \"$X|$Y\"; pwd -P; sleep 30"});
+  EXPECT_TRUE(limited.exited);
+  EXPECT_EQ(limited.status, 124);
+  EXPECT_EQ(limited.out, "a b|c\n" + std::filesystem::canonical(local.path()).string() + "\n");
+  EXPECT_EQ(limited.err, "tervainctl: the command timed out after 1 s\n");
 }
 
 TEST_F(TervainctlTest, ExecJoinsItsWordsLikeSsh) {
@@ -365,31 +378,46 @@ TEST_F(TervainctlTest, ExecForwardsInterruptAndTerminateToTheCommand) {
   }
 }
 
-// An agent that cannot start the command answers with an "err" frame; played here by a socket
-// that answers the exec request with one.
+// An agent that cannot start the command answers with an "err" frame, and one that predates an
+// option answers ping without it; each played here by a socket that answers the first line.
 TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
-  const std::string path = local.file("refusing.sock");
-  const int server = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un name{};
-  name.sun_family = AF_UNIX;
-  std::strncpy(name.sun_path, path.c_str(), sizeof name.sun_path - 1);
-  ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
-  ASSERT_EQ(::listen(server, 1), 0);
-  std::thread refuse([server] {
-    const int connection = ::accept(server, nullptr, nullptr);
-    if (connection < 0) return;
-    char byte = 0;
-    while (::read(connection, &byte, 1) == 1 && byte != '\n') {
-    }
-    const std::string frame = R"({"t":"err","m":"no shell here"})" "\n";
-    EXPECT_EQ(::write(connection, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
-    ::close(connection);
-  });
-  const CtlResult r = run({"--connect", "unix:" + path, "exec", "true"});
-  refuse.join();
-  ::close(server);
-  EXPECT_EQ(r.status, 255);
-  EXPECT_EQ(r.err, "tervainctl: no shell here\n");
+  const struct {
+    std::vector<std::string> args;
+    std::string answer;
+    std::string err;
+  } cases[] = {
+      {{"exec", "true"}, R"({"t":"err","m":"no shell here"})", "tervainctl: no shell here\n"},
+      {{"exec", "--cwd", "/", "--env", "A=1", "touch", local.file("ran")},
+       R"({"ok":true,"version":2,"features":["exec","exec.env"]})",
+       "tervainctl: the agent does not know exec --cwd (it is too old); nothing was run\n"},
+  };
+  for (const auto& c : cases) {
+    const std::string path = local.file("refusing.sock");
+    ::unlink(path.c_str());
+    const int server = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    std::strncpy(name.sun_path, path.c_str(), sizeof name.sun_path - 1);
+    ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+    ASSERT_EQ(::listen(server, 1), 0);
+    std::thread refuse([server, answer = c.answer + "\n"] {
+      const int connection = ::accept(server, nullptr, nullptr);
+      if (connection < 0) return;
+      char byte = 0;
+      while (::read(connection, &byte, 1) == 1 && byte != '\n') {
+      }
+      EXPECT_EQ(::write(connection, answer.data(), answer.size()),
+                static_cast<ssize_t>(answer.size()));
+      ::close(connection);
+    });
+    std::vector<std::string> args = {"--connect", "unix:" + path};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const CtlResult r = run(args);
+    refuse.join();
+    ::close(server);
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.err, c.err);
+  }
 }
 
 // ---- cp ------------------------------------------------------------------------------------

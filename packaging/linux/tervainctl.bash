@@ -16,6 +16,8 @@ _tervainctl() {
       [[ -r "$guests" ]] && names="$(awk '!/^[[:space:]]*(#|$)/ {print $1}' "$guests")"
       mapfile -t COMPREPLY < <(compgen -W "$names unix: vsock: fd:" -- "$cur")
       return ;;
+    --cwd|--env|--timeout)
+      return ;;
     -o|--output|--dir)
       mapfile -t COMPREPLY < <(compgen -f -- "$cur")
       return ;;
@@ -43,6 +45,7 @@ _tervainctl() {
     scroll) options+=" --dx --dy" ;;
     screenshot) options+=" --json --display -o --output" ;;
     events) options+=" --json --dir --max-bytes --truncate" ;;
+    exec) options+=" --env --cwd --timeout" ;;
     cp) mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

@@ -61,7 +61,8 @@ TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
   Json features = Json::array();
   for (const Operation& operation : operationTable()) features.push_back(operation.name);
   ASSERT_EQ(features.size(), 17u);
-  for (const char* option : {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality"}) {
+  for (const char* option : {"screenshot.region", "screenshot.maxSize", "screenshot.png",
+                             "screenshot.quality", "exec.env", "exec.cwd", "exec.timeout"}) {
     features.push_back(option);
   }
   EXPECT_EQ(ping["features"], features);

@@ -32,6 +32,10 @@ bool decodeWithParser(std::string_view line, ExecFrame& frame, std::string& scra
   if (auto m = value.find("m"); m != value.end() && m->is_string()) {
     frame.message = m->get<std::string>();
   }
+  // Booleans never take the flat path, so only this one reads the flag.
+  if (auto timedOut = value.find("timedOut"); timedOut != value.end()) {
+    frame.timedOut = *timedOut == true;
+  }
   if (auto ok = value.find("ok"); ok != value.end() && ok->is_boolean() && !ok->get<bool>()) {
     const auto error = value.find("error");
     frame.replyError = error != value.end() && error->is_string() ? error->get<std::string>()

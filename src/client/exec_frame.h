@@ -21,6 +21,7 @@ struct ExecFrame {
   std::string_view data;            // "d", unescaped (base64 text); valid until the next decode
   std::optional<std::int64_t> code;  // "code" when an integer
   std::string message;              // "m" when a string
+  bool timedOut = false;            // "timedOut" is true (an "x" frame of a timed-out command)
   // An ordinary failure reply ({"ok":false,"error":...}) in place of a frame: the agent does
   // not run exec at all. Holds its error text.
   std::optional<std::string> replyError;

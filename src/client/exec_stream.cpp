@@ -55,9 +55,22 @@ ExecStream ExecStream::start(const Address& address, std::string_view command) {
   return start(Connection::open(address), command);
 }
 
+ExecStream ExecStream::start(const Address& address, const ExecRequest& request) {
+  return start(Connection::open(address), request);
+}
+
 ExecStream ExecStream::start(Connection connection, std::string_view command) {
-  connection.send({{"op", std::string(AgentWire::Exec::op)},
-                   {std::string(AgentWire::Exec::commandKey), std::string(command)}});
+  return start(std::move(connection), ExecRequest{.command = std::string(command)});
+}
+
+ExecStream ExecStream::start(Connection connection, const ExecRequest& request) {
+  namespace wire = AgentWire::Exec;
+  // Options go out only when set, so a plain command is the request it always was.
+  Json line{{"op", std::string(wire::op)}, {std::string(wire::commandKey), request.command}};
+  if (!request.env.empty()) line[std::string(wire::envKey)] = request.env;
+  if (request.cwd) line[std::string(wire::cwdKey)] = *request.cwd;
+  if (request.timeoutSeconds) line[std::string(wire::timeoutKey)] = *request.timeoutSeconds;
+  connection.send(line);
   auto state = std::make_unique<State>();
   std::string pending;
   state->fd = connection.release(pending);
@@ -112,7 +125,7 @@ ExecOutcome ExecStream::wait(const ExecOutput& output) {
         if (receiver && !decoded.empty()) receiver(decoded);
       } else if (frame.tag == wire::exit) {
         state->ended.store(true);
-        return {.code = static_cast<int>(frame.code.value_or(-1))};
+        return {.code = static_cast<int>(frame.code.value_or(-1)), .timedOut = frame.timedOut};
       } else if (frame.tag == wire::spawnError) {
         state->ended.store(true);
         return {.code = std::nullopt, .error = frame.message};

@@ -21,6 +21,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -321,6 +322,22 @@ struct ExecOutcome {
   // not reap it. Empty when the command did not run.
   std::optional<int> code;
   std::string error;  // the agent's "err" message, verbatim
+  // The command's time limit ran out and the agent ended it (code then says how: 143 for the
+  // SIGTERM, 137 when the SIGKILL 2 s later was needed).
+  bool timedOut = false;
+};
+
+// One command with its options. An agent whose ping lacks the features "exec.env", "exec.cwd"
+// and "exec.timeout" ignores the matching member and runs the command without it.
+struct ExecRequest {
+  std::string command;
+  // Added to (or replacing in) the agent's environment.
+  std::map<std::string, std::string> env;
+  // The working directory; the agent refuses a path that is not a directory, and runs nothing.
+  std::optional<std::string> cwd;
+  // Seconds after which the agent sends SIGTERM to the command's process group, and SIGKILL
+  // 2 s later; the outcome then says timedOut.
+  std::optional<double> timeoutSeconds;
 };
 
 // One guest command on its own connection. The writing side (writeStdin, closeStdin,
@@ -329,8 +346,10 @@ class ExecStream {
  public:
   // Connects and sends the request. Throws ConnectionError.
   static ExecStream start(const Address& address, std::string_view command);
+  static ExecStream start(const Address& address, const ExecRequest& request);
   // As above on a fresh connection (one that has not run exec before).
   static ExecStream start(Connection connection, std::string_view command);
+  static ExecStream start(Connection connection, const ExecRequest& request);
 
   ExecStream(ExecStream&&) noexcept;
   ExecStream& operator=(ExecStream&&) noexcept;

@@ -24,6 +24,13 @@ inline constexpr std::string_view dataKey = "d";
 inline constexpr std::string_view codeKey = "code";
 inline constexpr std::string_view messageKey = "m";
 inline constexpr std::string_view signalKey = "n";
+// Request options: variables laid over the agent's environment, the working directory, and a
+// time limit in seconds after which the group gets SIGTERM, then SIGKILL.
+inline constexpr std::string_view envKey = "env";
+inline constexpr std::string_view cwdKey = "cwd";
+inline constexpr std::string_view timeoutKey = "timeout";
+// In the "x" frame, true (and present) only when the time limit ended the command.
+inline constexpr std::string_view timedOutKey = "timedOut";
 }  // namespace Exec
 
 namespace ShellEvents {

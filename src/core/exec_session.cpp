@@ -16,6 +16,10 @@
 // Once the child is reaped the session ends when both pipes reached end of file; the pipe grace
 // only bounds waiting for descendants that keep a pipe open, and counts only rounds in which the
 // pipes were being read. A host that goes away takes the command's whole process group down.
+// A time limit is kept by the same loop: each round's wait is cut short when the limit is due;
+// past it the group gets SIGTERM and, killGraceMillis later, SIGKILL. Until that SIGKILL a
+// timed-out session does not end while any process of the group lives, so none is left behind;
+// output keeps being read throughout, so what the command wrote before it was killed arrives.
 #include "core/exec_session.h"
 
 #include <fcntl.h>
@@ -28,7 +32,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "core/agent_wire.h"
 #include "core/base64.h"
@@ -82,6 +88,62 @@ bool isExecutableFile(const std::string& path) {
          ::access(path.c_str(), X_OK) == 0;
 }
 
+// What a request asks for beyond its command.
+struct RunOptions {
+  ExecSession::Environment env;
+  std::optional<std::string> cwd;
+  std::optional<std::int64_t> timeLimitMillis;
+};
+
+// A time limit past this (some 30,000 years) is as good as none, and keeps the arithmetic exact.
+constexpr double kLongestTimeLimitMillis = 1e15;
+
+std::string inQuotes(std::string_view text) { return "\"" + std::string(text) + "\""; }
+
+// Reads "env", "cwd" and "timeout" into options. Returns the refusal for the first one that is
+// wrong, or nothing.
+std::optional<std::string> readRunOptions(const Json& request, RunOptions& options) {
+  if (const Json* env = member(request, Wire::envKey)) {
+    if (!env->is_object()) return R"(exec "env" must be an object of names to string values)";
+    for (auto it = env->begin(); it != env->end(); ++it) {
+      const std::string& name = it.key();
+      if (name.empty() || name.find_first_of(std::string_view("=\0", 2)) != std::string::npos) {
+        return "exec \"env\" name " + inQuotes(name) +
+               " is not a variable name: it must be non-empty and hold no \"=\" or NUL";
+      }
+      if (!it.value().is_string()) {
+        return "exec \"env\" value of " + inQuotes(name) + " must be a string";
+      }
+      const std::string& value = it.value().get_ref<const std::string&>();
+      // The environment is handed over as C strings: a NUL would cut the value short.
+      if (value.find('\0') != std::string::npos) {
+        return "exec \"env\" value of " + inQuotes(name) + " holds a NUL byte";
+      }
+      options.env[name] = value;
+    }
+  }
+  if (const Json* cwd = member(request, Wire::cwdKey)) {
+    if (!cwd->is_string()) return R"(exec "cwd" must be a string)";
+    const std::string& path = cwd->get_ref<const std::string&>();
+    // Checked here rather than left to the spawn, so the host hears which path is wrong.
+    struct stat info {};
+    if (path.find('\0') != std::string::npos || ::stat(path.c_str(), &info) != 0 ||
+        !S_ISDIR(info.st_mode)) {
+      return "exec \"cwd\" is not a directory: " + path;
+    }
+    options.cwd = path;
+  }
+  if (const Json* timeout = member(request, Wire::timeoutKey)) {
+    const double seconds = timeout->is_number() ? timeout->get<double>() : 0.0;
+    if (!(seconds > 0) || !std::isfinite(seconds)) {
+      return R"(exec "timeout" must be a positive number of seconds)";
+    }
+    options.timeLimitMillis =
+        static_cast<std::int64_t>(std::ceil(std::min(seconds * 1000, kLongestTimeLimitMillis)));
+  }
+  return std::nullopt;
+}
+
 // Frames written in place: the prefix before the tag, the part between tag and payload, the end.
 constexpr std::string_view kFrameHead = R"({"t":")";
 constexpr std::string_view kFrameMiddle = R"(","d":")";
@@ -110,17 +172,19 @@ const std::string& ExecSession::dulkMissingMessage() {
 std::optional<ExecSession::ShellInvocation> ExecSession::shellInvocation(
     std::string_view command, std::string_view dulkPath, const Environment& environment,
     const std::function<bool(const std::string&)>& isExecutable,
-    const std::optional<std::string>& withoutAgentShell) {
+    const std::optional<std::string>& withoutAgentShell, const Environment& requested) {
+  Environment env = environment;
+  for (const auto& [name, value] : requested) env[name] = value;
+  // The agent's own environment chooses the shell, never the host's variables.
   if (const auto it = environment.find(std::string(kDisableKey));
       it != environment.end() && it->second == "1") {
-    return ShellInvocation{kFallbackShell, {"-c", std::string(command)}, environment};
+    return ShellInvocation{kFallbackShell, {"-c", std::string(command)}, std::move(env)};
   }
   std::string shell(dulkPath);
   if (!isExecutable(shell)) {
     if (!withoutAgentShell) return std::nullopt;
-    return ShellInvocation{*withoutAgentShell, {"-c", std::string(command)}, environment};
+    return ShellInvocation{*withoutAgentShell, {"-c", std::string(command)}, std::move(env)};
   }
-  Environment env = environment;
   env[std::string(ShellSpool::spoolEnvKey)] = ShellSpool::defaultDir();
   env.try_emplace(std::string(ShellSpool::captureEnvKey), "tap");
   return ShellInvocation{std::move(shell), {"-lc", std::string(command)}, std::move(env)};
@@ -171,9 +235,13 @@ bool ExecSession::start(const Json& request) {
               " \u2014 a command cannot contain one; nothing was run");
     return false;
   }
-  const std::optional<ShellInvocation> invocation =
-      shellInvocation(*command, dulkPath, processEnvironment(), isExecutableFile,
-                      withoutAgentShell);
+  RunOptions options;
+  if (const std::optional<std::string> refusal = readRunOptions(request, options)) {
+    sendError(*refusal);
+    return false;
+  }
+  const std::optional<ShellInvocation> invocation = shellInvocation(
+      *command, dulkPath, processEnvironment(), isExecutableFile, withoutAgentShell, options.env);
   if (!invocation) {
     sendError(dulkMissingMessage());
     return false;
@@ -191,6 +259,7 @@ bool ExecSession::start(const Json& request) {
       .path = invocation->path,
       .arguments = invocation->args,
       .environment = environmentEntries(invocation->env),
+      .workingDirectory = options.cwd,
       .standardStreams = {in->read.get(), out->write.get(), err->write.get()},
       .group = SpawnOptions::Group::newGroup,
   });
@@ -207,6 +276,7 @@ bool ExecSession::start(const Json& request) {
   stderrFD = std::move(err->read);
   stdoutOpen = true;
   stderrOpen = true;
+  if (options.timeLimitMillis) timeLimitAt = clock() + *options.timeLimitMillis;
   // No write of the session may block: not to the command's stdin, not to the host. The output
   // ends stay blocking and are only read when poll() says so.
   for (int nonBlocking : {stdinFD.get(), fd}) {
@@ -237,8 +307,12 @@ ExecSession::Round ExecSession::pumpOnce(int timeoutMillis) {
       graceUsedMillis = 0;
     }
   }
+  enforceTimeLimit();
   const bool servingOutput = frameSent == frameSize;  // no frame waits for the host
-  if (reaped && servingOutput) {
+  // A timed-out group still gets its SIGKILL unless it is gone already: no process of it may be
+  // left behind, whether it holds the pipes or not.
+  const bool awaitingKill = timedOut && !killSent && ::kill(-pid, 0) == 0;
+  if (reaped && servingOutput && !awaitingKill) {
     // Output written before the exit is still in the pipes: it is read to the end. Only pipes
     // that stay open and quiet (descendants holding them) run out the grace.
     if (!stdoutOpen && !stderrOpen) return Round::finished;
@@ -260,7 +334,7 @@ ExecSession::Round ExecSession::pumpOnce(int timeoutMillis) {
   if (servingOutput && stderrOpen) set[count++] = {stderrFD.get(), POLLIN, 0};
 
   const std::int64_t roundStart = clock();
-  const int ready = ::poll(set, static_cast<nfds_t>(count), timeoutMillis);
+  const int ready = ::poll(set, static_cast<nfds_t>(count), pollTimeout(timeoutMillis));
   if (ready < 0 && errno != EINTR && errno != EAGAIN) {
     killGroup();
     return Round::finished;
@@ -305,6 +379,36 @@ ExecSession::Round ExecSession::pumpOnce(int timeoutMillis) {
   return Round::keepGoing;
 }
 
+void ExecSession::enforceTimeLimit() {
+  if (!timeLimitAt || killSent) return;
+  if (!timedOut) {
+    // A command that ended in time did not time out, whatever its descendants still do.
+    if (reaped) return;
+    const std::int64_t now = clock();
+    if (now < *timeLimitAt) return;
+    timedOut = true;
+    killAt = now + killGraceMillis;
+    if (::kill(-pid, SIGTERM) != 0) ::kill(pid, SIGTERM);
+  } else if (clock() >= killAt) {
+    killGroup();
+    killSent = true;
+  }
+}
+
+int ExecSession::pollTimeout(int timeoutMillis) {
+  std::int64_t due = 0;
+  if (timeLimitAt && !timedOut && !reaped) {
+    due = *timeLimitAt;
+  } else if (timedOut && !killSent) {
+    due = killAt;
+  } else {
+    return timeoutMillis;
+  }
+  // A negative timeout waits without end, as for poll(); the limit still cuts it short.
+  const std::int64_t longest = timeoutMillis < 0 ? std::numeric_limits<int>::max() : timeoutMillis;
+  return static_cast<int>(std::clamp<std::int64_t>(due - clock(), 0, longest));
+}
+
 void ExecSession::finish(bool hostGone) {
   closeChildDescriptors();
   if (!reaped && pid > 0) {
@@ -317,8 +421,10 @@ void ExecSession::finish(bool hostGone) {
     reaped = r == pid || (r < 0 && errno == ECHILD);
   }
   if (!hostGone) {
-    sendFrame(Json{{std::string(Wire::tagKey), std::string(Wire::exit)},
-                   {std::string(Wire::codeKey), exitCode}});
+    Json frame{{std::string(Wire::tagKey), std::string(Wire::exit)},
+               {std::string(Wire::codeKey), exitCode}};
+    if (timedOut) frame[std::string(Wire::timedOutKey)] = true;
+    sendFrame(frame);
   }
   restoreSocket();
 }

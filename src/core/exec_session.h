@@ -1,6 +1,7 @@
 // One "exec" request: the command runs as the leader of its own process group while a single
 // poll loop on the connection's thread streams its output to the host as frames and applies the
-// host's input, end-of-input and signal frames.
+// host's input, end-of-input and signal frames. The request may add environment variables, name
+// the working directory and set a time limit.
 #pragma once
 
 #include <sys/types.h>
@@ -32,6 +33,8 @@ class ExecSession {
   static constexpr std::size_t stdinBacklogBytes = 4 * 1024 * 1024;
   // How long one round of the pump waits for the socket or the pipes.
   static constexpr int pollTickMillis = 200;
+  // A command past its time limit gets SIGTERM, and its group SIGKILL this much later.
+  static constexpr std::int32_t killGraceMillis = 2000;
 
   // Milliseconds of a monotonic clock; tests substitute their own.
   using Clock = std::function<std::int64_t()>;
@@ -53,10 +56,13 @@ class ExecSession {
   // capture variables set, or, when environment has TERVAIN_DULK_DISABLE exactly "1", under
   // "/bin/zsh" ("-c" command) with the environment unchanged. When isExecutable(dulkPath) is
   // false: under withoutAgentShell ("-c" command, environment unchanged) if given, else nothing.
+  // requested (the host's "env") is laid over environment; it never chooses the shell, and the
+  // spool variable stays the agent's.
   static std::optional<ShellInvocation> shellInvocation(
       std::string_view command, std::string_view dulkPath, const Environment& environment,
       const std::function<bool(const std::string&)>& isExecutable,
-      const std::optional<std::string>& withoutAgentShell = std::nullopt);
+      const std::optional<std::string>& withoutAgentShell = std::nullopt,
+      const Environment& requested = {});
 
   // fd is the connection's socket, not owned; the session makes it non-blocking and restores it
   // when it ends. buffered holds whatever the host sent behind the request line. The process must
@@ -81,21 +87,25 @@ class ExecSession {
 
   // The pieces of run(), so that tests can drive the loop one round at a time.
   //
-  // Checks the command, finds the shell, makes the pipes, spawns the child and applies the host
-  // lines already buffered. False when the session ended here with an "err" frame.
+  // Checks the command and its options ("env", "cwd", "timeout"), finds the shell, makes the
+  // pipes, spawns the child and applies the host lines already buffered. False when the session
+  // ended here with an "err" frame; then nothing was run.
   bool start(const Json& request);
 
   // finished: the command is done and its output delivered; "x" follows. hostGone: the host
   // closed or failed. refused: the host broke the protocol (a line over the bound) and got an
   // "err" frame. After hostGone and refused the group has been killed and no frame follows.
   enum class Round { keepGoing, finished, hostGone, refused };
-  // One round of the pump: reap the child if it exited, decide whether the session is over, then
-  // wait up to timeoutMillis for whatever can make progress (host bytes, a frame still being
-  // written, stdin bytes the command may take, output) and serve what is ready.
+  // One round of the pump: reap the child if it exited, signal the group when the time limit or
+  // the kill grace after it has run out, decide whether the session is over, then wait up to
+  // timeoutMillis (less when the time limit or the kill is due sooner) for whatever can make
+  // progress (host bytes, a frame still being written, stdin bytes the command may take, output)
+  // and serve what is ready.
   Round pumpOnce(int timeoutMillis = pollTickMillis);
 
   // Ends a started session: closes the pipes, reaps the child (blocking when the host is gone,
-  // after the group was killed) and sends the "x" frame unless the host is gone.
+  // after the group was killed) and sends the "x" frame unless the host is gone; the frame has
+  // "timedOut": true when the time limit ended the command.
   void finish(bool hostGone);
 
   // Stdin bytes received and not yet taken by the command.
@@ -114,6 +124,8 @@ class ExecSession {
 
   enum class Flush { done, pending, failed };
 
+  void enforceTimeLimit();
+  int pollTimeout(int timeoutMillis);
   void handleHostFrame(std::string_view line);
   void applyBufferedLines();
   Round readHost();
@@ -162,6 +174,12 @@ class ExecSession {
   std::size_t frameSent = 0;      // of which already written; the frame is pending while less
   std::string decoded;            // the bytes of one stdin frame
   bool hostLost = false;          // a write to the host failed: it is gone
+  // The time limit, on clock: SIGTERM at timeLimitAt while the child runs, SIGKILL to the group
+  // killGraceMillis later. Until then a timed-out session does not end while the group lives.
+  std::optional<std::int64_t> timeLimitAt;
+  bool timedOut = false;    // SIGTERM was sent for the time limit
+  std::int64_t killAt = 0;  // when the group gets SIGKILL, once timedOut
+  bool killSent = false;
 };
 
 }  // namespace tervain

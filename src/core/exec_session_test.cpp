@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -82,6 +83,9 @@ TEST_F(ShellInvocationTest, AnyOtherDisableValueStillNeedsTheAgentShell) {
         << "'" << value << "'";
     EXPECT_EQ(probed, std::vector<std::string>{"/opt/dulk"});
   }
+  // Nor can the host's "env" choose the shell.
+  EXPECT_FALSE(ExecSession::shellInvocation("true", "/opt/dulk", {}, missing, std::nullopt,
+                                            {{"TERVAIN_DULK_DISABLE", "1"}}));
 }
 
 // ---- Whole sessions over a socket pair ---------------------------------------------------------
@@ -274,6 +278,92 @@ TEST_F(ExecSessionTest, TheAgentShellGetsTheCommandAndTheSpoolVariables) {
     EXPECT_EQ(t.out, head + "\ncapture=" + (capture ? capture : "tap") + "\n");
     EXPECT_EQ(t.code, 0);
   }
+}
+
+// "env", "cwd" and "timeout", with real processes. A refused request runs nothing (its command
+// would leave a file). A timed-out command that echoes its group first must leave no process of
+// the group, not even ones that ignore SIGTERM and hold the pipes past the (short) pipe grace,
+// and its output before the kill arrives whole.
+TEST_F(ExecSessionTest, RequestOptionsEnvCwdAndTimeout) {
+  testing::TempDir dir;
+  const std::string ran = dir.file("ran");
+  const std::string touchRan = "touch " + ran;
+  const std::string plainFile = dir.file("plain");
+  std::ofstream(plainFile) << "x";
+  const std::string cwd = std::filesystem::canonical(dir.path()).string();
+  ScopedEnv kept("TERVAIN_TEST_KEPT", "kept");
+  ScopedEnv replaced("TERVAIN_TEST_REPLACED", "agent's");
+  std::string counted;
+  for (int i = 1; i <= 20000; ++i) counted += std::to_string(i) + "\n";
+  const Json exit0 = Json::parse(R"({"t":"x","code":0})");
+  const auto timedOut = [](int code) {
+    return Json{{"t", "x"}, {"code", code}, {"timedOut", true}};
+  };
+  const std::string badName =
+      " is not a variable name: it must be non-empty and hold no \"=\" or NUL";
+  const std::string badTimeout = R"(exec "timeout" must be a positive number of seconds)";
+  const struct {
+    Json options;
+    std::string command;  // touchRan when refused
+    std::string out;      // after the group's line, when the command echoes $$ first
+    Json exit;            // null when refused
+    std::string error;
+  } cases[] = {
+      {{{"env", {{"X", "a b"}, {"TERVAIN_TEST_REPLACED", "host's"}}}},
+       R"(sh -c 'echo "$X|$TERVAIN_TEST_REPLACED|$TERVAIN_TEST_KEPT"')", "a b|host's|kept\n",
+       exit0},
+      // A time limit that does not run out leaves the exit frame as it always was.
+      {{{"cwd", cwd}, {"timeout", 30}}, "pwd -P", cwd + "\n", exit0},
+      // The shell ignores SIGTERM and so does its job: only the SIGKILL ends them.
+      {{{"timeout", 1}}, R"(echo $$; exec sh -c 'trap "" TERM; sleep 100 & wait')", "",
+       timedOut(137)},
+      // The shell dies of SIGTERM; the job that ignores it holds the pipes until the SIGKILL.
+      {{{"timeout", 1}}, R"(echo $$; seq 20000; sh -c 'trap "" TERM; sleep 100' & wait)",
+       counted, timedOut(143)},
+      {{{"env", Json::array({"X=1"})}}, touchRan, "", nullptr,
+       R"(exec "env" must be an object of names to string values)"},
+      {{{"env", {{"X", 1}}}}, touchRan, "", nullptr, R"(exec "env" value of "X" must be a string)"},
+      {{{"env", {{"X", std::string("a\0b", 3)}}}}, touchRan, "", nullptr,
+       R"(exec "env" value of "X" holds a NUL byte)"},
+      {{{"env", {{"", "1"}}}}, touchRan, "", nullptr, R"(exec "env" name "")" + badName},
+      {{{"env", {{"A=B", "1"}}}}, touchRan, "", nullptr, R"(exec "env" name "A=B")" + badName},
+      {{{"env", {{std::string("A\0B", 3), "1"}}}}, touchRan, "", nullptr,
+       "exec \"env\" name \"" + std::string("A\0B", 3) + "\"" + badName},
+      {{{"cwd", 5}}, touchRan, "", nullptr, R"(exec "cwd" must be a string)"},
+      {{{"cwd", "/nonexistent/dir"}}, touchRan, "", nullptr,
+       R"(exec "cwd" is not a directory: /nonexistent/dir)"},
+      {{{"cwd", plainFile}}, touchRan, "", nullptr,
+       R"(exec "cwd" is not a directory: )" + plainFile},
+      {{{"timeout", 0}}, touchRan, "", nullptr, badTimeout},
+      {{{"timeout", -1}}, touchRan, "", nullptr, badTimeout},
+      {{{"timeout", "5"}}, touchRan, "", nullptr, badTimeout},
+  };
+  for (const auto& c : cases) {
+    Json request = c.options;
+    request["command"] = c.command;
+    std::thread session([&] {
+      ExecSession(sessionFD, "", std::string(ExecSession::defaultDulkPath), 300).run(request);
+    });
+    ExecTranscript t = readExecFrames(*host);
+    int group = 0;
+    if (c.command.starts_with("echo $$;")) {
+      group = std::atoi(t.out.c_str());
+      t.out.erase(0, t.out.find('\n') + 1);
+    }
+    if (!t.complete()) {
+      testing::killGroup(group);  // ends a session that did not end the command,
+      readExecFrames(*host, 5s);  // and takes its frames, so that the next case starts clean
+    }
+    session.join();
+    EXPECT_EQ(t.error.value_or(""), c.error) << request.dump();
+    EXPECT_EQ(t.exit, c.exit) << request.dump();
+    EXPECT_TRUE(t.out == c.out) << request.dump() << ": " << t.out.size() << " bytes out";
+    if (group != 0) {
+      EXPECT_TRUE(testing::groupGone(group, 2s)) << request.dump();
+      testing::killGroup(group);  // whatever a failure left
+    }
+  }
+  EXPECT_FALSE(std::filesystem::exists(ran)) << "a refused request ran its command";
 }
 
 TEST_F(ExecSessionTest, ADescendantHoldingThePipesRunsOutTheGraceOnTheSessionsClock) {

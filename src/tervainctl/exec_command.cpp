@@ -8,14 +8,21 @@
 // by the thread that polls the self-pipe: a handler is never left waiting on the thread parked in
 // a read of the connection (some runtimes, the thread sanitizer's among them, run handlers only
 // once the interrupted call returns, and a restarted read may never return).
+//
+// --env, --cwd and --timeout become members of the request. An agent that predates one would
+// run the command without it, so with any of them the agent's ping is asked first, on the
+// connection the command then runs on.
 #include <pthread.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -136,6 +143,50 @@ void pumpInput(client::ExecStream& stream, int signalFd, int stopFd) {
   }
 }
 
+// The request the flags ask for. Throws UsageError.
+client::ExecRequest execRequest(std::string command, const ExecFlags& flags) {
+  client::ExecRequest request{.command = std::move(command), .cwd = flags.cwd};
+  for (const std::string& pair : flags.env) {
+    const std::size_t eq = pair.find('=');
+    if (eq == std::string::npos) {
+      throw UsageError{"--env wants NAME=VALUE, e.g. --env LANG=C, not '" + pair + "'"};
+    }
+    request.env[pair.substr(0, eq)] = pair.substr(eq + 1);
+  }
+  if (flags.timeout) {
+    char* end = nullptr;
+    const double seconds = std::strtod(flags.timeout->c_str(), &end);
+    if (flags.timeout->empty() || *end != '\0' || !(seconds > 0) || !std::isfinite(seconds)) {
+      throw UsageError{"--timeout wants a positive number of seconds, not '" + *flags.timeout +
+                       "'"};
+    }
+    request.timeoutSeconds = seconds;
+  }
+  return request;
+}
+
+// An agent that predates an option would ignore it and run the command anyway (in the wrong
+// folder, without its time limit): its ping is asked first, on the exec's own connection. The
+// flags it lacks, or nothing.
+std::string optionsTheAgentLacks(client::Connection& agent, const client::ExecRequest& request) {
+  const bool asked[] = {!request.env.empty(), request.cwd.has_value(),
+                        request.timeoutSeconds.has_value()};
+  if (std::find(std::begin(asked), std::end(asked), true) == std::end(asked)) return {};
+  const auto ping = agent.ping();
+  const auto& features = ping.value.features;
+  std::string missing;
+  const std::pair<const char*, const char*> options[] = {
+      {"exec.env", "--env"}, {"exec.cwd", "--cwd"}, {"exec.timeout", "--timeout"}};
+  for (std::size_t i = 0; i < std::size(options); ++i) {
+    const bool known =
+        ping.ok && std::find(features.begin(), features.end(), options[i].first) != features.end();
+    if (!asked[i] || known) continue;
+    if (!missing.empty()) missing += ", ";
+    missing += options[i].second;
+  }
+  return missing;
+}
+
 void writeOut(int fd, std::string_view bytes) {
   if (!writeFully(fd, bytes)) {
     throw LocalWriteError(std::string("writing the command's output failed: ") +
@@ -145,12 +196,14 @@ void writeOut(int fd, std::string_view bytes) {
 
 }  // namespace
 
-int runExecCommand(const client::Address& address, const std::vector<std::string>& words) {
+int runExecCommand(const client::Address& address, const std::vector<std::string>& words,
+                   const ExecFlags& flags) {
   std::string command;
   for (const std::string& word : words) {
     if (!command.empty()) command += ' ';
     command += word;
   }
+  const client::ExecRequest request = execRequest(std::move(command), flags);
   // A handler must never block on a full self-pipe: its write end is non-blocking.
   ErrnoOr<PipeEnds> signalPipe = makePipe(O_NONBLOCK);
   ErrnoOr<PipeEnds> stopPipe = signalPipe ? makePipe() : Errno{signalPipe.error()};
@@ -158,7 +211,12 @@ int runExecCommand(const client::Address& address, const std::vector<std::string
     complain(std::string("cannot forward signals: ") + std::strerror(stopPipe.error()));
     return kExitNoAgent;
   }
-  client::ExecStream stream = client::ExecStream::start(address, command);
+  client::Connection agent = client::Connection::open(address);
+  if (const std::string missing = optionsTheAgentLacks(agent, request); !missing.empty()) {
+    complain("the agent does not know exec " + missing + " (it is too old); nothing was run");
+    return kExitNoAgent;
+  }
+  client::ExecStream stream = client::ExecStream::start(std::move(agent), request);
 
   SignalForwarding forwarding(signalPipe->write.get());
   ForwardedSignalsBlocked blocked;
@@ -189,22 +247,39 @@ int runExecCommand(const client::Address& address, const std::vector<std::string
     complain(outcome.error);
     return kExitNoAgent;
   }
+  if (outcome.timedOut) {
+    complain("the command timed out after " + *flags.timeout + " s");
+    return kExitTimedOut;
+  }
   const int code = *outcome.code;
   return code < 0 || code > 255 ? kExitNoAgent : code;
 }
 
 void addExecCommand(CommandSet& set) {
-  set.add("exec",
-          "Run a shell command in the guest, like ssh host command: its output streams to "
-          "stdout/stderr, local stdin is forwarded, SIGINT/SIGTERM/SIGHUP are passed on, and "
-          "the exit status is the command's own (255 when it could not run)",
-          [&set] {
-            if (set.execWords.empty()) {
-              throw UsageError{"exec needs a command, e.g. exec -- uname -a"};
-            }
-            return runExecCommand(set.address(), set.execWords);
-          })
-      ->footer("Usage: tervainctl exec [--] COMMAND...   e.g. tervainctl exec -- ls -la ~");
+  ExecFlags& flags = set.state<ExecFlags>();
+  CLI::App* exec = set.add(
+      "exec",
+      "Run a shell command in the guest, like ssh host command: its output streams to "
+      "stdout/stderr, local stdin is forwarded, SIGINT/SIGTERM/SIGHUP are passed on, and "
+      "the exit status is the command's own (124 when --timeout ended it, 255 when it could "
+      "not run)",
+      [&set, &flags] {
+        if (set.execWords.empty()) {
+          throw UsageError{"exec needs a command, e.g. exec -- uname -a"};
+        }
+        return runExecCommand(set.address(), set.execWords, flags);
+      });
+  exec->add_option("--env", flags.env,
+                   "NAME=VALUE added to the command's environment (repeatable)")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  exec->add_option("--cwd", flags.cwd, "Working directory in the guest (it must exist)");
+  exec->add_option("--timeout", flags.timeout,
+                   "Seconds after which the command's process group gets SIGTERM, and SIGKILL "
+                   "2 s later; tervainctl then exits 124");
+  exec->footer(
+      "Usage: tervainctl exec [--env NAME=VALUE]... [--cwd DIR] [--timeout S] [--] COMMAND...\n"
+      "  e.g. tervainctl exec --cwd /tmp --timeout 60 -- make test");
 }
 
 }  // namespace tervain::ctl

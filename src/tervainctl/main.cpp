@@ -102,6 +102,14 @@ namespace {
 
 bool takesValue(const std::string& arg) { return arg == "--connect" || arg == "-c"; }
 
+// exec's own options, which come before its command.
+bool execTakesValue(const std::string& arg) {
+  return arg == "--env" || arg == "--cwd" || arg == "--timeout";
+}
+bool isExecOptionWithValue(const std::string& arg) {
+  return arg.starts_with("--env=") || arg.starts_with("--cwd=") || arg.starts_with("--timeout=");
+}
+
 // exec takes everything after its command's first word verbatim, options included, the way
 // ssh does; CLI11 would read "-la" in "exec ls -la" as an option of its own. So the command's
 // words are split off before parsing. Returns the arguments CLI11 should see.
@@ -117,9 +125,10 @@ std::vector<std::string> splitExecWords(int argc, char** argv, std::vector<std::
       args.resize(i);
       return args;
     }
-    if (takesValue(args[i])) {
+    if (takesValue(args[i]) || execTakesValue(args[i])) {
       i += 2;
-    } else if (args[i].starts_with("--connect=") || args[i] == "-h" || args[i] == "--help") {
+    } else if (args[i].starts_with("--connect=") || isExecOptionWithValue(args[i]) ||
+               args[i] == "-h" || args[i] == "--help") {
       ++i;
     } else {
       break;

@@ -19,6 +19,7 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitRefused = 1;       // the agent answered "ok": false, or a copy failed
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitNoAgent = 255;     // no connection, or it broke
+inline constexpr int kExitTimedOut = 124;    // exec: the agent ended the command at --timeout
 
 // A usage problem found after parsing (a bad argument value, no address); its text is shown
 // followed by a hint to --help, and the exit status is kExitUsage.
@@ -94,9 +95,18 @@ void addExecCommand(CommandSet& set);            // exec
 void addCopyCommand(CommandSet& set);            // cp
 void addMcpCommand(CommandSet& set);             // mcp
 
+// exec's options, as given on the command line.
+struct ExecFlags {
+  std::vector<std::string> env;  // --env NAME=VALUE, each
+  std::optional<std::string> cwd;
+  std::optional<std::string> timeout;  // seconds, as written (the message repeats it)
+};
+
 // exec: runs words joined by spaces (as ssh does) with the local standard streams attached,
-// forwarding SIGINT, SIGTERM and SIGHUP. Returns the exit status for tervainctl.
-int runExecCommand(const client::Address& address, const std::vector<std::string>& words);
+// forwarding SIGINT, SIGTERM and SIGHUP. Returns the exit status for tervainctl. Throws
+// UsageError for a malformed flag.
+int runExecCommand(const client::Address& address, const std::vector<std::string>& words,
+                   const ExecFlags& flags = {});
 
 struct CopyOptions {
   bool recursive = false;  // -r: folders too
