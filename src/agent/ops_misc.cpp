@@ -30,7 +30,9 @@ Reply opPing(OperationContext& context, const Json&) {
   // a host can tell what an older agent lacks.
   Json features = Json::array();
   for (const Operation& operation : operationTable()) features.push_back(operation.name);
-  for (const char* option : {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality"}) {
+  for (const char* option :
+       {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality",
+        "click.modifiers", "scroll.modifiers", "drag.modifiers"}) {
     features.push_back(option);
   }
 
