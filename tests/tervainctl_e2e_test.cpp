@@ -1,5 +1,7 @@
 // The real tervainctl binary, run as a child process against the real agent on a Unix socket.
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,8 +15,6 @@
 #include <map>
 #include <random>
 #include <sstream>
-
-#include <gtest/gtest.h>
 
 #include "agent_process.h"
 #include "child_process.h"
@@ -169,13 +169,15 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
   const CtlResult r = run({"ping"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out,
-            "agent protocol v2, build " TERVAIN_VERSION "\n"
+            "agent protocol v2, build " TERVAIN_VERSION
+            "\n"
             "displays: none\n"
             "grants: accessibility no, screen recording no, input synthesis no\n"
             "features: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
-            "ax_set_value ax_focus click move drag type key scroll cursor_position launch_app "
-            "screenshot.region screenshot.maxSize screenshot.png screenshot.quality exec.env "
-            "exec.cwd exec.timeout\n");
+            "ax_set_value ax_focus click move drag type key scroll mouse_down mouse_up key_down "
+            "key_up cursor_position launch_app screenshot.region screenshot.maxSize "
+            "screenshot.png screenshot.quality click.modifiers scroll.modifiers "
+            "drag.modifiers exec.env exec.cwd exec.timeout\n");
 }
 
 TEST_F(TervainctlTest, ARefusalExitsOneWithTheAgentsErrorOnceOnStderr) {
@@ -242,12 +244,14 @@ TEST_F(TervainctlTest, MessagesArePinned) {
 }
 
 TEST_F(TervainctlTest, UsageErrorsExitTwo) {
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {"click", "1", "2", "--button", "up"},
-           {"move", "1.5", "2"},
-           {"cp", "guest:a", "guest:b"},
-           {"press", "e1", "AXPress", "--at", "1", "2"},
-           {"call", "not json"}}) {
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"click", "1", "2", "--button", "up"},
+                                             {"key", "left", "a"},
+                                             {"mouse", "sideways", "1", "2"},
+                                             {"move", "1.5", "2"},
+                                             {"cp", "guest:a", "guest:b"},
+                                             {"press", "e1", "AXPress", "--at", "1", "2"},
+                                             {"call", "not json"}}) {
     const CtlResult r = run(args);
     EXPECT_EQ(r.status, 2) << args[0] << ": " << r.err;
     EXPECT_FALSE(r.err.empty()) << args[0];
@@ -418,6 +422,56 @@ TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
     EXPECT_EQ(r.status, 255);
     EXPECT_EQ(r.err, c.err);
   }
+}
+
+// The request each input subcommand sends, read by a socket that answers it with ok.
+TEST_F(TervainctlTest, InputSubcommandsSendTheirRequests) {
+  const std::string path = local.file("recording.sock");
+  const int server = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  std::strncpy(name.sun_path, path.c_str(), sizeof name.sun_path - 1);
+  ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+  ASSERT_EQ(::listen(server, 1), 0);
+  const struct {
+    std::vector<std::string> args;
+    const char* request;
+  } cases[] = {
+      {{"key", "down", "shift+a"}, R"({"key":"shift+a","op":"key_down"})"},
+      {{"key", "up", "shift+a"}, R"({"key":"shift+a","op":"key_up"})"},
+      {{"key", "down"}, R"({"chord":"down","op":"key"})"},  // the down arrow, as before
+      {{"mouse", "down", "1", "2", "--button", "right", "--modifiers", "cmd,shift"},
+       R"({"button":"right","modifiers":["cmd","shift"],"op":"mouse_down","x":1,"y":2})"},
+      {{"mouse", "up", "3", "4"}, R"({"button":"left","op":"mouse_up","x":3,"y":4})"},
+      {{"click", "1", "2", "--modifiers", "shift"},
+       R"({"button":"left","count":1,"modifiers":["shift"],"op":"click","x":1,"y":2})"},
+      {{"drag", "5", "6", "--modifiers", "alt"},
+       R"({"modifiers":["alt"],"op":"drag","toX":5,"toY":6})"},
+      {{"scroll", "--dy", "-2", "--modifiers", "ctrl"},
+       R"({"dy":-2,"modifiers":["ctrl"],"op":"scroll"})"},
+  };
+  for (const auto& c : cases) {
+    std::string request;
+    std::thread answer([server, &request] {
+      pollfd ready{server, POLLIN, 0};
+      if (::poll(&ready, 1, 10'000) != 1) return;  // a run that never connects
+      const int connection = ::accept(server, nullptr, nullptr);
+      if (connection < 0) return;
+      char byte = 0;
+      while (::read(connection, &byte, 1) == 1 && byte != '\n') request.push_back(byte);
+      const std::string ok = "{\"ok\":true}\n";
+      EXPECT_EQ(::write(connection, ok.data(), ok.size()), static_cast<ssize_t>(ok.size()));
+      ::close(connection);
+    });
+    std::vector<std::string> args = {"--connect", "unix:" + path};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const CtlResult r = run(args);
+    answer.join();
+    EXPECT_EQ(r.status, 0) << c.args[0] << ": " << r.err;
+    EXPECT_EQ(request.empty() ? Json() : Json::parse(request), Json::parse(c.request))
+        << c.args[0] << " " << c.args[1];
+  }
+  ::close(server);
 }
 
 // ---- cp ------------------------------------------------------------------------------------

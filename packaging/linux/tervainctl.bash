@@ -9,7 +9,7 @@ _tervainctl() {
     words=("${COMP_WORDS[@]}")
     cword=$COMP_CWORD
   fi
-  local subcommands="ping call exec cp screenshot tree at press set focus click move drag scroll type key cursor launch events"
+  local subcommands="ping call exec cp screenshot tree at press set focus click move drag scroll mouse type key cursor launch events"
   case "$prev" in
     -c|--connect)
       local guests="${XDG_CONFIG_HOME:-$HOME/.config}/tervain/guests" names=""
@@ -40,9 +40,11 @@ _tervainctl() {
     tree) options+=" --json --pid --depth" ;;
     press) options+=" --json --at" ;;
     set|focus) options+=" --at" ;;
-    click) options+=" --button --count" ;;
-    drag) options+=" --from" ;;
-    scroll) options+=" --dx --dy" ;;
+    click) options+=" --button --count --modifiers" ;;
+    mouse) options+=" --button --modifiers down up" ;;
+    key) options+=" down up" ;;
+    drag) options+=" --from --modifiers" ;;
+    scroll) options+=" --dx --dy --modifiers" ;;
     screenshot) options+=" --json --display -o --output" ;;
     events) options+=" --json --dir --max-bytes --truncate" ;;
     exec) options+=" --env --cwd --timeout" ;;

@@ -105,6 +105,8 @@ void ConnectionHandler::run() {
       return "an internal error";
     }
   }();
+  // Keys and buttons the host left held are released whatever ended the connection.
+  endOperations(context);
   pending.hold(0);
   socket.reset();
   try {

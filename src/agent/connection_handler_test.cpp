@@ -60,9 +60,11 @@ TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
   // Every operation the agent answers, streaming ones included, in table order, then options.
   Json features = Json::array();
   for (const Operation& operation : operationTable()) features.push_back(operation.name);
-  ASSERT_EQ(features.size(), 17u);
-  for (const char* option : {"screenshot.region", "screenshot.maxSize", "screenshot.png",
-                             "screenshot.quality", "exec.env", "exec.cwd", "exec.timeout"}) {
+  ASSERT_EQ(features.size(), 21u);
+  for (const char* option :
+       {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality",
+        "click.modifiers", "scroll.modifiers", "drag.modifiers", "exec.env", "exec.cwd",
+        "exec.timeout"}) {
     features.push_back(option);
   }
   EXPECT_EQ(ping["features"], features);

@@ -2,8 +2,11 @@
 // table of operations (operations.h) under its wire name.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "agent/agent_context.h"
 #include "agent/ax_registry.h"
@@ -13,6 +16,15 @@
 #include "platform/desktop.h"
 
 namespace tervain {
+
+// A press that a connection holds ("mouse_down", "key_down") until its release or the
+// connection's end: a mouse button, or else a key, with the modifiers held with it.
+struct HeldPress {
+  std::optional<MouseButton> button;
+  std::uint16_t keyCode = 0;  // when not a button
+  Point at;                   // where the button went down
+  Modifiers modifiers = 0;
+};
 
 // The state of one connection that operations may use. Owned by the connection's handler and
 // used only on its thread; the agent context and the desktop are shared read-only (the desktop
@@ -26,6 +38,9 @@ struct OperationContext {
   Desktop& desktop;
   AXRegistry refs;        // element refs of this connection, released with it
   LineSplitBuffer& lines; // bytes read and not yet taken as lines (exec takes them over)
+  // What this connection holds pressed, in the order pressed; released in reverse order when
+  // the connection ends, so a host that goes away never leaves a key down in the guest.
+  std::vector<HeldPress> held;
 };
 
 // An ordinary operation: the parsed request in, its reply out. Never throws by design; the

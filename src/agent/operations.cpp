@@ -28,6 +28,10 @@ constexpr Operation kOperations[] = {
     {"type", opType},
     {"key", opKey},
     {"scroll", opScroll},
+    {"mouse_down", opMouseDown},
+    {"mouse_up", opMouseUp},
+    {"key_down", opKeyDown},
+    {"key_up", opKeyUp},
     {"cursor_position", opCursorPosition},
     {"launch_app", opLaunchApp},
 };
@@ -35,5 +39,7 @@ constexpr Operation kOperations[] = {
 }  // namespace
 
 std::span<const Operation> operationTable() { return kOperations; }
+
+void endOperations(OperationContext& context) noexcept { releaseHeldInput(context); }
 
 }  // namespace tervain

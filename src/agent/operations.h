@@ -11,4 +11,8 @@ namespace tervain {
 // ones in their fixed dispatch order.
 std::span<const Operation> operationTable();
 
+// Undoes what a connection's operations leave behind (input still held). Called once, on the
+// connection's thread, when the connection ends, whatever ended it; never throws.
+void endOperations(OperationContext& context) noexcept;
+
 }  // namespace tervain

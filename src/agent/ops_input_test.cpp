@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "agent/connection_handler.h"
+#include "agent_process.h"
 #include "fake_desktop.h"
 
 namespace tervain {
@@ -44,9 +46,11 @@ class InputOpsTest : public ::testing::Test {
 
 TEST_F(InputOpsTest, MissingGrantIsReportedBeforeAnyMemberIsRead) {
   desktop.postEvents = false;
-  for (const char* line : {R"({"op":"click"})", R"({"op":"move"})", R"({"op":"drag"})",
-                           R"({"op":"scroll"})", R"({"op":"type"})", R"({"op":"key"})",
-                           R"({"op":"click","x":1,"y":2})", R"({"op":"key","chord":"cmd+s"})"}) {
+  for (const char* line :
+       {R"({"op":"click"})", R"({"op":"move"})", R"({"op":"drag"})", R"({"op":"scroll"})",
+        R"({"op":"type"})", R"({"op":"key"})", R"({"op":"click","x":1,"y":2})",
+        R"({"op":"key","chord":"cmd+s"})", R"({"op":"mouse_down","x":1,"y":2})",
+        R"({"op":"mouse_up"})", R"({"op":"key_down","key":"a"})", R"({"op":"key_up"})"}) {
     EXPECT_EQ(error(line), kNotGranted) << line;
   }
   EXPECT_TRUE(desktop.timeline().empty());
@@ -77,10 +81,14 @@ TEST_F(InputOpsTest, SequencesArePostedWithTheirPacing) {
         "release center (0,0) click 1"}},
       {R"({"op":"click","x":0,"y":0,"button":"Right"})",
        {"move (0,0)", "press left (0,0) click 1", "sleep 40000", "release left (0,0) click 1"}},
+      {R"({"op":"click","x":1,"y":2,"modifiers":["Shift","cmd"]})",
+       {"move (1,2) mods 0x9", "press left (1,2) click 1 mods 0x9", "sleep 40000",
+        "release left (1,2) click 1 mods 0x9"}},
       {R"({"op":"move","x":-5,"y":7.5})", {"move (-5,7)"}},
       {R"({"op":"scroll","dy":1000})", {"scroll (40,0)"}},
       {R"({"op":"scroll","dx":5})", {"scroll (0,5)"}},
       {R"({"op":"scroll","dy":-3.9,"dx":-41})", {"scroll (-3,-40)"}},
+      {R"({"op":"scroll","dy":1,"modifiers":["ctrl","option"]})", {"scroll (1,0) mods 0x6"}},
       {R"({"op":"key","chord":"Cmd+Shift+Z"})",
        {"key 6 down mods 0x9", "sleep 30000", "key 6 up mods 0x9"}},
       {R"({"op":"key","chord":"escape+a"})",
@@ -116,6 +124,19 @@ TEST_F(InputOpsTest, MissingOrWrongMembersAreRefusedAndPostNothing) {
       {R"({"op":"key"})", "key requires a \"chord\" (e.g. \"cmd+s\")"},
       {R"({"op":"key","chord":"cmd"})", "unrecognized key in chord \"cmd\""},
       {R"({"op":"key","chord":"Cmd+Hyper"})", "unrecognized key in chord \"Cmd+Hyper\""},
+      {R"({"op":"mouse_down","y":1})", "mouse_down requires x and y"},
+      {R"({"op":"mouse_up","x":1})", "mouse_up requires x and y"},
+      {R"({"op":"key_down","chord":"a"})", "key_down requires a \"key\" (e.g. \"shift+a\")"},
+      {R"({"op":"key_up","key":""})", "key_up requires a \"key\" (e.g. \"shift+a\")"},
+      {R"({"op":"key_up","key":"Shift"})", "unrecognized key in chord \"Shift\""},
+      {R"({"op":"click","x":1,"y":2,"modifiers":"shift"})",
+       "\"modifiers\" must be a list of names such as [\"cmd\",\"shift\"]"},
+      {R"({"op":"scroll","dy":1,"modifiers":["shift",1]})",
+       "\"modifiers\" must be a list of names such as [\"cmd\",\"shift\"]"},
+      {R"({"op":"drag","toX":1,"toY":2,"modifiers":["shift","Hyper"]})",
+       "unrecognized modifier \"Hyper\" in \"modifiers\""},
+      {R"({"op":"mouse_down","x":1,"y":2,"modifiers":["shift+a"]})",
+       "unrecognized modifier \"shift+a\" in \"modifiers\""},
   };
   for (const auto& c : cases) EXPECT_EQ(error(c.line), c.error) << c.line;
   EXPECT_TRUE(desktop.timeline().empty());
@@ -137,6 +158,14 @@ TEST_F(InputOpsTest, DragInterpolatesTwelveStepsOntoTheTarget) {
   expected.push_back("sleep 60000");
   expected.push_back("release left (120,-24) click 1");
   EXPECT_EQ(steps(), expected);
+  // Modifiers are held on every event of the drag.
+  const std::size_t from = desktop.posted().size();
+  ASSERT_TRUE(run(R"({"op":"drag","toX":1,"toY":1,"modifiers":["alt"]})").ok());
+  const std::vector<FakeInput> posted = desktop.posted();
+  ASSERT_EQ(posted.size() - from, 15u);
+  for (std::size_t i = from; i < posted.size(); ++i) {
+    EXPECT_EQ(posted[i].modifiers, Modifier::option) << i;
+  }
 }
 
 TEST_F(InputOpsTest, DragStartCoordinatesAreReplacedIndependently) {
@@ -198,6 +227,56 @@ TEST_F(InputOpsTest, AChordThisDesktopCannotHoldIsRefused) {
             "this desktop cannot hold every modifier of chord \"fn+f1\": the fake desktop has no "
             "fn key");
   EXPECT_TRUE(run(R"({"op":"key","chord":"cmd+f1"})").ok());
+  EXPECT_EQ(error(R"({"op":"key_down","key":"fn+a"})"),
+            "this desktop cannot hold every modifier of chord \"fn+a\": the fake desktop has no "
+            "fn key");
+  EXPECT_EQ(error(R"({"op":"click","x":1,"y":1,"modifiers":["FN","shift"]})"),
+            "this desktop cannot hold every modifier of [\"FN\",\"shift\"]: the fake desktop has "
+            "no fn key");
+}
+
+// What a connection holds is its own: released when it says so, and otherwise, last pressed
+// first, when the connection ends. A modifier stays down while another held press needs it.
+TEST_F(InputOpsTest, HeldInputIsReleasedWhenTheConnectionEnds) {
+  const struct {
+    std::vector<const char*> lines;
+    Steps whilePressed;  // the steps the requests post
+    Steps atTheEnd;      // the releases when the host goes away
+  } cases[] = {
+      {{R"({"op":"key_down","key":"shift+a"})",
+        R"({"op":"mouse_down","x":5,"y":6,"button":"right","modifiers":["cmd"]})",
+        R"({"op":"move","x":7,"y":8})", R"({"op":"key_down","key":"ctrl+b"})"},
+       {"key 0 down mods 0x1", "move (5,6)", "press right (5,6) click 1 mods 0x8",
+        "move (7,8) held right", "key 11 down mods 0x2"},
+       {"key 11 up mods 0x2", "release right (70,80) click 1 mods 0x8", "key 0 up mods 0x1"}},
+      {{R"({"op":"key_down","key":"shift+a"})", R"({"op":"key_down","key":"ctrl+shift+b"})",
+        R"({"op":"key_up","key":"a"})", R"({"op":"key_up","key":"shift+c"})"},
+       {"key 0 down mods 0x1", "key 11 down mods 0x3", "key 0 up mods 0x0", "key 8 up mods 0x0"},
+       {"key 11 up mods 0x3"}},
+      // Released by the host, pressed twice, or released without being held: nothing is left.
+      {{R"({"op":"key_down","key":"shift+a"})", R"({"op":"key_up","key":"a"})",
+        R"({"op":"key_down","key":"b"})", R"({"op":"key_down","key":"b"})",
+        R"({"op":"key_up","key":"b"})", R"({"op":"mouse_down","x":1,"y":1})",
+        R"({"op":"mouse_up","x":2,"y":2})", R"({"op":"mouse_up","x":3,"y":3})"},
+       {"key 0 down mods 0x1", "key 0 up mods 0x1", "key 11 down mods 0x0", "key 11 down mods 0x0",
+        "key 11 up mods 0x0", "move (1,1)", "press left (1,1) click 1", "move (2,2) held left",
+        "release left (2,2) click 1", "move (3,3)", "release left (3,3) click 1"},
+       {}},
+  };
+  desktop.pointer = Point{70, 80};
+  for (const auto& c : cases) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    testing::LineClient host(ends[0]);
+    for (const char* line : c.lines) ASSERT_TRUE(host.send(std::string(line) + "\n"));
+    host.shutdownWrite();
+    const std::size_t from = mark();
+    ConnectionHandler(ends[1], context).run();
+    for (const char* line : c.lines) EXPECT_EQ(host.readLine(), R"({"ok":true})") << line;
+    Steps expected = c.whilePressed;
+    expected.insert(expected.end(), c.atTheEnd.begin(), c.atTheEnd.end());
+    EXPECT_EQ(steps(from), expected) << c.lines.front();
+  }
 }
 
 }  // namespace

@@ -30,8 +30,10 @@ Reply opPing(OperationContext& context, const Json&) {
   // a host can tell what an older agent lacks.
   Json features = Json::array();
   for (const Operation& operation : operationTable()) features.push_back(operation.name);
-  for (const char* option : {"screenshot.region", "screenshot.maxSize", "screenshot.png",
-                             "screenshot.quality", "exec.env", "exec.cwd", "exec.timeout"}) {
+  for (const char* option :
+       {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality",
+        "click.modifiers", "scroll.modifiers", "drag.modifiers", "exec.env", "exec.cwd",
+        "exec.timeout"}) {
     features.push_back(option);
   }
 

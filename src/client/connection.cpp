@@ -58,6 +58,12 @@ std::string decodeMember(const Json& reply, const char* key) {
   return bytes;
 }
 
+// The request with its "modifiers", sent only when there are some.
+Json withModifiers(Json request, const ModifierNames& modifiers) {
+  if (!modifiers.empty()) request["modifiers"] = modifiers;
+  return request;
+}
+
 const char* buttonName(MouseButton button) {
   switch (button) {
     case MouseButton::right:
@@ -391,29 +397,44 @@ Result<Done> Connection::axFocus(const std::string& ref) {
 }
 
 Result<Done> Connection::click(std::int64_t x, std::int64_t y, MouseButton button,
-                               std::int64_t count) {
-  return simple({{"op", "click"}, {"x", x}, {"y", y}, {"button", buttonName(button)},
-                 {"count", count}});
+                               std::int64_t count, const ModifierNames& modifiers) {
+  return simple(withModifiers(
+      {{"op", "click"}, {"x", x}, {"y", y}, {"button", buttonName(button)}, {"count", count}},
+      modifiers));
+}
+
+Result<Done> Connection::mouseDown(std::int64_t x, std::int64_t y, MouseButton button,
+                                   const ModifierNames& modifiers) {
+  return simple(withModifiers(
+      {{"op", "mouse_down"}, {"x", x}, {"y", y}, {"button", buttonName(button)}}, modifiers));
+}
+
+Result<Done> Connection::mouseUp(std::int64_t x, std::int64_t y, MouseButton button,
+                                 const ModifierNames& modifiers) {
+  return simple(withModifiers(
+      {{"op", "mouse_up"}, {"x", x}, {"y", y}, {"button", buttonName(button)}}, modifiers));
 }
 
 Result<Done> Connection::move(std::int64_t x, std::int64_t y) {
   return simple({{"op", "move"}, {"x", x}, {"y", y}});
 }
 
-Result<Done> Connection::drag(std::int64_t toX, std::int64_t toY, std::optional<Point> from) {
+Result<Done> Connection::drag(std::int64_t toX, std::int64_t toY, std::optional<Point> from,
+                              const ModifierNames& modifiers) {
   Json request = {{"op", "drag"}, {"toX", toX}, {"toY", toY}};
   if (from) {
     request["fromX"] = from->x;
     request["fromY"] = from->y;
   }
-  return simple(request);
+  return simple(withModifiers(std::move(request), modifiers));
 }
 
-Result<Done> Connection::scroll(std::optional<std::int64_t> dx, std::optional<std::int64_t> dy) {
+Result<Done> Connection::scroll(std::optional<std::int64_t> dx, std::optional<std::int64_t> dy,
+                                const ModifierNames& modifiers) {
   Json request = {{"op", "scroll"}};
   if (dx) request["dx"] = *dx;
   if (dy) request["dy"] = *dy;
-  return simple(request);
+  return simple(withModifiers(std::move(request), modifiers));
 }
 
 Result<Done> Connection::type(const std::string& text) {
@@ -422,6 +443,14 @@ Result<Done> Connection::type(const std::string& text) {
 
 Result<Done> Connection::key(const std::string& chord) {
   return simple({{"op", "key"}, {"chord", chord}});
+}
+
+Result<Done> Connection::keyDown(const std::string& chord) {
+  return simple({{"op", "key_down"}, {"key", chord}});
+}
+
+Result<Done> Connection::keyUp(const std::string& chord) {
+  return simple({{"op", "key_up"}, {"key", chord}});
 }
 
 Result<Screenshot> Connection::screenshot(std::optional<std::int64_t> display) {

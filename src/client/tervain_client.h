@@ -187,6 +187,9 @@ struct ScreenshotRequest {
 };
 
 enum class MouseButton { left, right, middle };
+// Modifier names as chords spell them: "cmd", "ctrl", "alt", "shift", "fn" (and "command",
+// "control", "opt", "option", "meta", "super").
+using ModifierNames = std::vector<std::string>;
 
 struct ShellEventsRequest {
   std::optional<std::string> dir;        // the agent's spool directory when absent
@@ -276,14 +279,26 @@ class Connection {
   Result<ActionOutcome> axAction(const std::string& ref, const std::string& action = "");
   Result<Done> axSetValue(const std::string& ref, const std::string& value);
   Result<Done> axFocus(const std::string& ref);
+  // Pointer operations hold `modifiers` ("cmd", "shift", ...) down for their duration; an
+  // agent without the "click.modifiers" feature ignores them.
   Result<Done> click(std::int64_t x, std::int64_t y, MouseButton button = MouseButton::left,
-                     std::int64_t count = 1);
+                     std::int64_t count = 1, const ModifierNames& modifiers = {});
   Result<Done> move(std::int64_t x, std::int64_t y);
   // Drags with the left button to (toX, toY); from the pointer's position unless from is given.
-  Result<Done> drag(std::int64_t toX, std::int64_t toY, std::optional<Point> from = {});
-  Result<Done> scroll(std::optional<std::int64_t> dx, std::optional<std::int64_t> dy);
+  Result<Done> drag(std::int64_t toX, std::int64_t toY, std::optional<Point> from = {},
+                    const ModifierNames& modifiers = {});
+  Result<Done> scroll(std::optional<std::int64_t> dx, std::optional<std::int64_t> dy,
+                      const ModifierNames& modifiers = {});
   Result<Done> type(const std::string& text);
   Result<Done> key(const std::string& chord);
+  // Press and hold, and release. What this connection holds, the agent releases when the
+  // connection ends; a move while a button is held drags it.
+  Result<Done> mouseDown(std::int64_t x, std::int64_t y, MouseButton button = MouseButton::left,
+                         const ModifierNames& modifiers = {});
+  Result<Done> mouseUp(std::int64_t x, std::int64_t y, MouseButton button = MouseButton::left,
+                       const ModifierNames& modifiers = {});
+  Result<Done> keyDown(const std::string& chord);
+  Result<Done> keyUp(const std::string& chord);
   Result<Screenshot> screenshot(std::optional<std::int64_t> display = {});
   Result<Screenshot> screenshot(const ScreenshotRequest& request);
   Result<Done> launchApp(const std::string& name);

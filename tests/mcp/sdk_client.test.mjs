@@ -19,8 +19,8 @@ const kScreenGrant =
   'Screen Recording (kTCCServiceScreenCapture) is not granted to the agent \u2014 re-run provisioning';
 const kTodaysTools = [
   'click', 'cursor_position', 'double_click', 'drag', 'element_action', 'element_at', 'focus',
-  'launch_app', 'move', 'press_key', 'read_file', 'run_command', 'screenshot', 'scroll',
-  'set_value', 'tree', 'type_text', 'write_file',
+  'key_down', 'key_up', 'launch_app', 'mouse_down', 'mouse_up', 'move', 'press_key', 'read_file',
+  'run_command', 'screenshot', 'scroll', 'set_value', 'tree', 'type_text', 'write_file',
 ];
 const kReadOnly = new Set(['screenshot', 'cursor_position', 'tree', 'element_at', 'read_file']);
 

@@ -375,6 +375,11 @@ ToolResult writeFile(ToolContext& context, const ToolSpec&, const Json& argument
   R"J("x": {"type": "integer", "description": "Horizontal screen position in points"},)J" \
   R"J("y": {"type": "integer", "description": "Vertical screen position in points"})J"
 
+#define TERVAIN_MODIFIERS_PROPERTY                                       \
+  R"J("modifiers": {"type": "array", "items": {"type": "string",)J"      \
+  R"J( "enum": ["cmd", "ctrl", "alt", "shift", "fn"]}, "description":)J" \
+  R"J( "Modifier keys held meanwhile, e.g. [\"shift\"] to extend a selection"})J"
+
 constexpr ToolSpec kTools[] = {
     {"screenshot", "Screenshot",
      "Capture a display of the guest as an image you can look at. The image is scaled down to "
@@ -392,7 +397,8 @@ constexpr ToolSpec kTools[] = {
      "an element's frame from tree).",
      R"J({"type": "object", "properties": {)J" TERVAIN_POINT_PROPERTIES R"J(,
        "button": {"type": "string", "enum": ["left", "right", "middle"], "description": "Default left"},
-       "count": {"type": "integer", "minimum": 1, "maximum": 3, "description": "Clicks in a row: 2 is a double click, 3 a triple click (default 1)"}},
+       "count": {"type": "integer", "minimum": 1, "maximum": 3, "description": "Clicks in a row: 2 is a double click, 3 a triple click (default 1)"},
+       )J" TERVAIN_MODIFIERS_PROPERTY R"J(},
        "required": ["x", "y"], "additionalProperties": false})J",
      "click", nullptr, false, true, false, false, nullptr},
     {"double_click", "Double-click", "Double-click a mouse button at a screen point (in points).",
@@ -400,7 +406,8 @@ constexpr ToolSpec kTools[] = {
        "button": {"type": "string", "enum": ["left", "right", "middle"], "description": "Default left"}},
        "required": ["x", "y"], "additionalProperties": false})J",
      "click", nullptr, false, true, false, false, doubleClick},
-    {"move", "Move pointer", "Move the mouse pointer to a screen point (in points) without clicking.",
+    {"move", "Move pointer",
+     "Move the mouse pointer to a screen point (in points) without clicking.",
      R"J({"type": "object", "properties": {)J" TERVAIN_POINT_PROPERTIES R"J(},
        "required": ["x", "y"], "additionalProperties": false})J",
      "move", nullptr, false, false, true, false, nullptr},
@@ -409,15 +416,31 @@ constexpr ToolSpec kTools[] = {
      "otherwise from where the pointer is. Points, as for click.",
      R"J({"type": "object", "properties": {
        "toX": {"type": "integer"}, "toY": {"type": "integer"},
-       "fromX": {"type": "integer"}, "fromY": {"type": "integer"}},
+       "fromX": {"type": "integer"}, "fromY": {"type": "integer"},
+       )J" TERVAIN_MODIFIERS_PROPERTY R"J(},
        "required": ["toX", "toY"], "additionalProperties": false})J",
      "drag", nullptr, false, true, false, false, nullptr},
+    {"mouse_down", "Mouse button down",
+     "Press a mouse button at a screen point (in points) and keep it held: move then drags it, "
+     "until mouse_up releases it. Whatever is still held when this session ends is released.",
+     R"J({"type": "object", "properties": {)J" TERVAIN_POINT_PROPERTIES R"J(,
+       "button": {"type": "string", "enum": ["left", "right", "middle"], "description": "Default left"},
+       )J" TERVAIN_MODIFIERS_PROPERTY R"J(},
+       "required": ["x", "y"], "additionalProperties": false})J",
+     "mouse_down", "mouse_down", false, true, false, false, nullptr},
+    {"mouse_up", "Mouse button up", "Release a mouse button at a screen point (in points).",
+     R"J({"type": "object", "properties": {)J" TERVAIN_POINT_PROPERTIES R"J(,
+       "button": {"type": "string", "enum": ["left", "right", "middle"], "description": "Default left"},
+       )J" TERVAIN_MODIFIERS_PROPERTY R"J(},
+       "required": ["x", "y"], "additionalProperties": false})J",
+     "mouse_up", "mouse_up", false, true, false, false, nullptr},
     {"scroll", "Scroll",
      "Scroll at the pointer's position by lines: dy vertically, dx horizontally (each -40 to 40; "
      "move the pointer over the content first).",
      R"J({"type": "object", "properties": {
        "dx": {"type": "integer", "minimum": -40, "maximum": 40},
-       "dy": {"type": "integer", "minimum": -40, "maximum": 40}},
+       "dy": {"type": "integer", "minimum": -40, "maximum": 40},
+       )J" TERVAIN_MODIFIERS_PROPERTY R"J(},
        "additionalProperties": false})J",
      "scroll", nullptr, false, false, false, false, nullptr},
     {"type_text", "Type text",
@@ -432,9 +455,19 @@ constexpr ToolSpec kTools[] = {
      R"J({"type": "object", "properties": {"chord": {"type": "string", "minLength": 1}},
        "required": ["chord"], "additionalProperties": false})J",
      "key", nullptr, false, true, false, false, nullptr},
+    {"key_down", "Key down",
+     "Press a key chord (as for press_key) and keep it held until key_up with the same key. "
+     "Whatever is still held when this session ends is released.",
+     R"J({"type": "object", "properties": {"key": {"type": "string", "minLength": 1}},
+       "required": ["key"], "additionalProperties": false})J",
+     "key_down", "key_down", false, true, false, false, nullptr},
+    {"key_up", "Key up", "Release a key chord pressed with key_down.",
+     R"J({"type": "object", "properties": {"key": {"type": "string", "minLength": 1}},
+       "required": ["key"], "additionalProperties": false})J",
+     "key_up", "key_up", false, true, false, false, nullptr},
     {"cursor_position", "Pointer position", "Where the mouse pointer is, in screen points.",
-     R"J({"type": "object", "properties": {}, "additionalProperties": false})J",
-     "cursor_position", nullptr, true, false, true, false, cursorPosition},
+     R"J({"type": "object", "properties": {}, "additionalProperties": false})J", "cursor_position",
+     nullptr, true, false, true, false, cursorPosition},
     {"tree", "Accessibility tree",
      "The accessibility tree of the frontmost application (or of the process pid), one element "
      "a line, indented by depth: ref, role, title, value=..., [x,y wxh] frame in points, state. "
