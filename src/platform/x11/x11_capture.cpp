@@ -40,6 +40,7 @@ void Capture::releaseSharedLocked(Display* display) {
   destroyImage(image);
   shared = false;
   segment = {};
+  segmentBytes = 0;
 }
 
 // The server went away and a new one answers: the old one's segment and its verdict on shared
@@ -51,6 +52,7 @@ void Capture::forgetServerLocked() {
   shared = false;
   shmBroken = false;
   segment = {};
+  segmentBytes = 0;
 }
 
 bool Capture::sharedMemory() {
@@ -73,7 +75,8 @@ bool Capture::grabLocked(Display* display, const Area& area, std::string& error)
     return false;
   }
   if (!shmBroken && XShmQueryExtension(display) == True) {
-    if (shared && (image->width != area.width || image->height != area.height)) {
+    if (shared && (image->width != area.width || image->height != area.height) &&
+        !resizeSharedLocked(display, screen, area)) {
       releaseSharedLocked(display);
     }
     if (!shared) {
@@ -85,9 +88,15 @@ bool Capture::grabLocked(Display* display, const Area& area, std::string& error)
                               nullptr, &info, static_cast<unsigned>(area.width),
                               static_cast<unsigned>(area.height));
       if (image != nullptr) {
-        info.shmid = ::shmget(IPC_PRIVATE,
-                              static_cast<std::size_t>(image->bytes_per_line) * image->height,
-                              IPC_CREAT | 0600);
+        // Room for the whole screen whatever this grab's size, so that later grabs of other
+        // sizes reuse it; the kernel backs only the pages a grab writes.
+        const std::size_t imageBytes = static_cast<std::size_t>(image->bytes_per_line) *
+                                       static_cast<std::size_t>(image->height);
+        const std::size_t screenBytes = static_cast<std::size_t>(WidthOfScreen(screen)) *
+                                        static_cast<std::size_t>(HeightOfScreen(screen)) *
+                                        static_cast<std::size_t>((image->bits_per_pixel + 7) / 8);
+        segmentBytes = std::max(imageBytes, screenBytes);
+        info.shmid = ::shmget(IPC_PRIVATE, segmentBytes, IPC_CREAT | 0600);
         info.shmaddr = info.shmid < 0 ? nullptr : static_cast<char*>(::shmat(info.shmid, nullptr, 0));
         info.readOnly = False;
         if (info.shmaddr != nullptr && info.shmaddr != reinterpret_cast<char*>(-1)) {
@@ -128,6 +137,27 @@ bool Capture::grabLocked(Display* display, const Area& area, std::string& error)
     error = "XGetImage returned nothing";
     return false;
   }
+  return true;
+}
+
+// A grab of another size (a region after the whole screen, or back) puts a new image header on
+// the same segment when it fits. Making and faulting in a new segment costs far more than the
+// grab itself (tens of milliseconds at 1080p), and hosts alternate region and full captures.
+bool Capture::resizeSharedLocked(Display* display, Screen* screen, const Area& area) {
+  XImage* resized = XShmCreateImage(display, DefaultVisualOfScreen(screen),
+                                    static_cast<unsigned>(DefaultDepthOfScreen(screen)), ZPixmap,
+                                    nullptr, &segment, static_cast<unsigned>(area.width),
+                                    static_cast<unsigned>(area.height));
+  if (resized == nullptr) return false;
+  if (static_cast<std::size_t>(resized->bytes_per_line) * static_cast<std::size_t>(resized->height) >
+      segmentBytes) {
+    destroyImage(resized);
+    return false;
+  }
+  resized->data = segment.shmaddr;
+  image->data = nullptr;  // the segment, not Xlib's heap
+  destroyImage(image);
+  image = resized;
   return true;
 }
 

@@ -3,6 +3,7 @@
 // libjpeg-turbo.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -42,6 +43,7 @@ class Capture {
  private:
   bool grabLocked(Display* display, const Area& area, std::string& error);
   void releaseSharedLocked(Display* display);
+  bool resizeSharedLocked(Display* display, Screen* screen, const Area& area);
   void forgetServerLocked();
   void drawCursorLocked(Display* display, const Area& area);
 
@@ -51,6 +53,7 @@ class Capture {
   bool shared = false;      // image lives in the shared segment below
   bool shmBroken = false;   // the server could not attach a segment: XGetImage from now on
   XShmSegmentInfo segment{};  // the shared image points here: it lives as long as the image
+  std::size_t segmentBytes = 0;  // the segment's size: room for the whole screen
   std::uint64_t generation = 0;  // the connection's opening the state above belongs to
 };
 
