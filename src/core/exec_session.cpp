@@ -98,7 +98,14 @@ struct RunOptions {
 // A time limit past this (some 30,000 years) is as good as none, and keeps the arithmetic exact.
 constexpr double kLongestTimeLimitMillis = 1e15;
 
-std::string inQuotes(std::string_view text) { return "\"" + std::string(text) + "\""; }
+std::string inQuotes(std::string_view text) {
+  std::string quoted;
+  quoted.reserve(text.size() + 2);
+  quoted.push_back('"');
+  quoted.append(text);
+  quoted.push_back('"');
+  return quoted;
+}
 
 // Reads "env", "cwd" and "timeout" into options. Returns the refusal for the first one that is
 // wrong, or nothing.
