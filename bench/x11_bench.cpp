@@ -4,7 +4,9 @@
 // x11_screenshot_1080p_ms: a whole "screenshot" reply from the agent at 1920x1080, with
 // gtk3-widget-factory on the screen for realistic content. x11_screenshot_vs_floor: that against
 // a bare XShm grab + JPEG encode + base64 of the same screen, timed alternately with it; the
-// figure is the median of the per-round ratios. x11_type_chars_per_s: a mixed text (ASCII and
+// figure is the median of the per-round ratios. screenshot_region_vs_full: a quarter of the
+// screen ("region" 960x540 points from the top left) against the whole screen, both through the
+// agent, timed alternately; the median of the per-round ratios. x11_type_chars_per_s: a mixed text (ASCII and
 // characters off the keymap) typed into the factory's entry through the agent, and
 // x11_type_delivered: 1 when the entry then holds exactly that text (read back through the
 // clipboard), 0 otherwise.
@@ -64,7 +66,10 @@ TERVAIN_BENCH_SECTION(x11Bench, "x11") {
     constexpr int kRounds = 15;
     tervain::x11::Connection connection;
     tervain::x11::Capture capture(connection);
-    std::vector<double> agentMs, ratios;
+    std::vector<double> agentMs, ratios, regionRatios;
+    const std::string quarter =
+        tervain::Json{{"op", "screenshot"},
+                      {"region", {{"x", 0}, {"y", 0}, {"w", 960}, {"h", 540}}}}.dump();
     std::size_t sink = 0;
     for (int round = 0; round < kRounds; ++round) {
       auto start = Clock::now();
@@ -78,13 +83,26 @@ TERVAIN_BENCH_SECTION(x11Bench, "x11") {
         sink += tervain::base64::encode(tervain::x11::encodeJpeg(pixels, 70).bytes).size();
       }, error);
       const double floor = millisecondsSince(start);
-      if (round > 0) {  // the first round warms both up
+
+      start = Clock::now();
+      const auto region = agent.request(quarter);
+      const double part = millisecondsSince(start);
+      if (!region || region->find("\"image\"") == std::string::npos) {
+        std::fprintf(stderr, "x11: the region screenshot failed: %s\n",
+                     region ? region->substr(0, 200).c_str() : "no reply");
+        break;
+      }
+      sink += region->size();
+      if (round > 0) {  // the first round warms all up
         agentMs.push_back(whole);
         ratios.push_back(whole / floor);
+        regionRatios.push_back(part / whole);
       }
     }
     tervain::bench::report("x11_screenshot_1080p_ms", tervain::bench::percentile(agentMs, 50));
     tervain::bench::report("x11_screenshot_vs_floor", tervain::bench::percentile(ratios, 50));
+    tervain::bench::report("screenshot_region_vs_full",
+                           tervain::bench::percentile(regionRatios, 50));
 
     // The first enabled entry of the factory's first page.
     const std::string entry = tervain::Json{{"op", "click"}, {"x", window->x + 193},
