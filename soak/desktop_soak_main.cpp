@@ -79,23 +79,29 @@ long xResources(pid_t pid) {
   if (display == nullptr) return -1;
   int eventBase = 0, errorBase = 0, major = 0, minor = 0;
   long total = -1;
-  XResClientIdSpec all{0, XRES_CLIENT_ID_PID_MASK};
-  long count = 0;
-  XResClientIdValue* ids = nullptr;
+  int count = 0;
+  XResClient* clients = nullptr;
+  // The older calls answer in Xlib's way (zero is failure); the id query answers Success.
   if (XResQueryExtension(display, &eventBase, &errorBase) &&
       XResQueryVersion(display, &major, &minor) && (major > 1 || minor >= 2) &&
-      XResQueryClientIds(display, 1, &all, &count, &ids) == Success) {
+      XResQueryClients(display, &count, &clients) != 0) {
     total = 0;
-    for (long i = 0; i < count; ++i) {
-      if (XResGetClientPid(&ids[i]) != pid) continue;
+    for (int i = 0; i < count; ++i) {
+      XResClientIdSpec wanted{clients[i].resource_base, XRES_CLIENT_ID_PID_MASK};
+      long found = 0;
+      XResClientIdValue* ids = nullptr;
+      if (XResQueryClientIds(display, 1, &wanted, &found, &ids) != Success) continue;
+      const bool ours = found > 0 && XResGetClientPid(&ids[0]) == pid;
+      XResClientIdsDestroy(found, ids);
       int types = 0;
       XResType* used = nullptr;
-      // Unlike the id query, this older call answers in Xlib's way: zero is failure.
-      if (XResQueryClientResources(display, ids[i].spec.client, &types, &used) == 0) continue;
+      if (!ours || XResQueryClientResources(display, clients[i].resource_base, &types, &used) == 0) {
+        continue;
+      }
       for (int t = 0; t < types; ++t) total += used[t].count;
       XFree(used);
     }
-    XResClientIdsDestroy(count, ids);
+    XFree(clients);
   }
   XCloseDisplay(display);
   return total;
