@@ -20,6 +20,7 @@
 #include "child_process.h"
 #include "core/exec_session.h"
 #include "core/json.h"
+#include "vsock/tervain_vsock.h"
 
 namespace tervain::testing {
 namespace {
@@ -398,12 +399,8 @@ TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
   for (const auto& c : cases) {
     const std::string path = local.file("refusing.sock");
     ::unlink(path.c_str());
-    const int server = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un name{};
-    name.sun_family = AF_UNIX;
-    std::strncpy(name.sun_path, path.c_str(), sizeof name.sun_path - 1);
-    ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
-    ASSERT_EQ(::listen(server, 1), 0);
+    const int server = tervain_unix_listen(path.c_str(), 1);
+    ASSERT_GE(server, 0);
     std::thread refuse([server, answer = c.answer + "\n"] {
       const int connection = ::accept(server, nullptr, nullptr);
       if (connection < 0) return;
@@ -427,12 +424,8 @@ TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
 // The request each input subcommand sends, read by a socket that answers it with ok.
 TEST_F(TervainctlTest, InputSubcommandsSendTheirRequests) {
   const std::string path = local.file("recording.sock");
-  const int server = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un name{};
-  name.sun_family = AF_UNIX;
-  std::strncpy(name.sun_path, path.c_str(), sizeof name.sun_path - 1);
-  ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
-  ASSERT_EQ(::listen(server, 1), 0);
+  const int server = tervain_unix_listen(path.c_str(), 1);
+  ASSERT_GE(server, 0);
   const struct {
     std::vector<std::string> args;
     const char* request;
