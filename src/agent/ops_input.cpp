@@ -149,17 +149,26 @@ std::optional<Reply> readHeldChord(const Desktop& desktop, const Json& request, 
 
 }  // namespace
 
-Reply opClick(OperationContext& context, const Json& request) {
-  Desktop& desktop = context.desktop;
+// What click, mouse_down and mouse_up read first, in this order: the grant, "x" and "y", and
+// "modifiers". Returns the refusal, or nothing with at and modifiers filled in.
+std::optional<Reply> readPointerAt(Desktop& desktop, const Json& request, const char* op,
+                                   Point& at, Modifiers& modifiers) {
   if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
   const std::optional<std::int64_t> x = intField(request, "x");
   const std::optional<std::int64_t> y = intField(request, "y");
-  if (!x || !y) return Reply::failure("click requires x and y");
+  if (!x || !y) return Reply::failure(std::string(op) + " requires x and y");
+  if (auto refused = readModifiers(desktop, request, modifiers)) return refused;
+  at = pointAt(*x, *y);
+  return std::nullopt;
+}
+
+Reply opClick(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
+  Point at;
   Modifiers modifiers = 0;
-  if (auto refused = readModifiers(desktop, request, modifiers)) return *refused;
+  if (auto refused = readPointerAt(desktop, request, "click", at, modifiers)) return *refused;
   const std::int64_t count = std::clamp<std::int64_t>(intField(request, "count").value_or(1), 1, 3);
   const MouseButton button = selectButton(request);
-  const Point at = pointAt(*x, *y);
 
   desktop.postPointerMove(at, std::nullopt, modifiers);
   for (int n = 1; n <= count; ++n) {
@@ -285,14 +294,10 @@ Reply opKey(OperationContext& context, const Json& request) {
 
 Reply opMouseDown(OperationContext& context, const Json& request) {
   Desktop& desktop = context.desktop;
-  if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
-  const std::optional<std::int64_t> x = intField(request, "x");
-  const std::optional<std::int64_t> y = intField(request, "y");
-  if (!x || !y) return Reply::failure("mouse_down requires x and y");
+  Point at;
   Modifiers modifiers = 0;
-  if (auto refused = readModifiers(desktop, request, modifiers)) return *refused;
+  if (auto refused = readPointerAt(desktop, request, "mouse_down", at, modifiers)) return *refused;
   const MouseButton button = selectButton(request);
-  const Point at = pointAt(*x, *y);
 
   desktop.postPointerMove(at, heldButton(context.held), 0);
   if (!desktop.postMouseButton(button, true, at, 1, modifiers)) {
@@ -307,14 +312,10 @@ Reply opMouseDown(OperationContext& context, const Json& request) {
 
 Reply opMouseUp(OperationContext& context, const Json& request) {
   Desktop& desktop = context.desktop;
-  if (!desktop.postEventAccess()) return Reply::failure(kPostEventNotGranted);
-  const std::optional<std::int64_t> x = intField(request, "x");
-  const std::optional<std::int64_t> y = intField(request, "y");
-  if (!x || !y) return Reply::failure("mouse_up requires x and y");
+  Point at;
   Modifiers modifiers = 0;
-  if (auto refused = readModifiers(desktop, request, modifiers)) return *refused;
+  if (auto refused = readPointerAt(desktop, request, "mouse_up", at, modifiers)) return *refused;
   const MouseButton button = selectButton(request);
-  const Point at = pointAt(*x, *y);
 
   std::vector<HeldPress>& held = context.held;
   auto press = findHeld(held, button, 0);
