@@ -95,9 +95,8 @@ long xResources(pid_t pid) {
       XResClientIdsDestroy(found, ids);
       int types = 0;
       XResType* used = nullptr;
-      if (!ours || XResQueryClientResources(display, clients[i].resource_base, &types, &used) == 0) {
-        continue;
-      }
+      if (!ours) continue;
+      if (XResQueryClientResources(display, clients[i].resource_base, &types, &used) == 0) continue;
       for (int t = 0; t < types; ++t) total += used[t].count;
       XFree(used);
     }
