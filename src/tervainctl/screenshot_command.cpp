@@ -4,9 +4,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cmath>
 #include <cstring>
 #include <optional>
 
+#include "tervainctl/mcp/annotate.h"
 #include "tervainctl/tervainctl.h"
 
 namespace tervain::ctl {
@@ -17,6 +19,7 @@ struct ScreenshotOptions {
   std::string region;  // X,Y,W,H in points
   std::string path;
   bool json = false;
+  bool annotate = false;
 };
 
 // "X,Y,W,H" in points.
@@ -49,6 +52,42 @@ bool writeFile(const std::string& path, std::string_view bytes) {
   return true;
 }
 
+// Marks the frontmost application's actionable elements on the screenshot, in place. The tree
+// is read on the same connection right after the capture, so the two show the same moment as
+// nearly as the guest allows.
+std::optional<std::vector<mcp::Mark>> annotate(client::Connection& agent, client::Screenshot& shot,
+                                               const client::ScreenshotRequest& request) {
+  const auto tree = agent.axDump();
+  if (!tree.ok) {
+    complain("cannot annotate: " + tree.error);
+    return std::nullopt;
+  }
+  std::string error;
+  auto pixels = mcp::decodeImage(shot.jpeg, error);
+  if (!pixels) {
+    complain("cannot annotate: " + error);
+    return std::nullopt;
+  }
+  mcp::ImageGeometry geometry;
+  if (shot.region) {
+    geometry.originX = shot.region->x;
+    geometry.originY = shot.region->y;
+  }
+  geometry.scale = shot.scale > 0 ? shot.scale : 1.0;
+  auto marks = mcp::actionableMarks(tree.value.root, geometry, pixels->width, pixels->height);
+  mcp::drawMarks(*pixels, marks);
+  const bool png = shot.format == "png";
+  const int quality = static_cast<int>(std::lround(request.quality.value_or(0.9) * 100));
+  auto image = mcp::encodeImage(*pixels, png ? mcp::ImageFormat::png : mcp::ImageFormat::jpeg,
+                                quality, error);
+  if (!image) {
+    complain("cannot annotate: " + error);
+    return std::nullopt;
+  }
+  shot.jpeg = std::move(image->bytes);
+  return marks;
+}
+
 }  // namespace
 
 void addScreenshotCommand(CommandSet& set) {
@@ -56,19 +95,51 @@ void addScreenshotCommand(CommandSet& set) {
   CLI::App* shot = set.add("screenshot", "Capture a guest display (or a region) as JPEG or PNG", [&set, &o] {
     if (o.json && o.path == "-") throw UsageError{"--json and -o - both want standard output"};
     if (!o.region.empty()) o.request.region = parseRegion(o.region);
+    if (o.annotate && o.request.display.value_or(0) != 0) {
+      throw UsageError{"--annotate marks the main display only (display 0): the agent does not "
+                       "say where other displays sit among the elements' coordinates"};
+    }
     client::Connection agent = set.connect();
-    const auto result = agent.screenshot(o.request);
+    auto result = agent.screenshot(o.request);
     if (!result.ok) return finish(result);
-    if (!writeFile(o.path, result.value.jpeg)) return kExitRefused;
-    const client::Screenshot& s = result.value;
+    client::Screenshot& s = result.value;
+    std::vector<mcp::Mark> marks;
+    if (o.annotate) {
+      auto drawn = annotate(agent, s, o.request);
+      if (!drawn) return kExitRefused;
+      marks = std::move(*drawn);
+    }
+    if (!writeFile(o.path, s.jpeg)) return kExitRefused;
     if (o.json) {
       Json summary{{"path", o.path}, {"format", s.format}, {"width", s.width}, {"height", s.height},
                    {"scale", s.scale}, {"bytes", s.jpeg.size()}};
       if (s.region) summary["region"] = {{"x", s.region->x}, {"y", s.region->y}, {"w", s.region->w}, {"h", s.region->h}};
+      if (o.annotate) {
+        Json list = Json::array();
+        for (const mcp::Mark& m : marks) {
+          list.push_back({{"number", m.number}, {"ref", m.ref}, {"role", m.role}, {"title", m.title},
+                          {"box", {{"x", m.box.x}, {"y", m.box.y}, {"w", m.box.w}, {"h", m.box.h}}},
+                          {"center", {{"x", m.center.x}, {"y", m.center.y}}}});
+        }
+        summary["marks"] = std::move(list);
+      }
       print(summary.dump() + "\n");
-    } else if (o.path != "-") {
+      return kExitOk;
+    }
+    if (o.path != "-") {
       print(o.path + ": " + std::to_string(s.width) + "x" + std::to_string(s.height) +
-            (s.format == "png" ? " PNG, " : " JPEG, ") + std::to_string(s.jpeg.size()) + " bytes\n");
+            (s.format == "png" ? " PNG, " : " JPEG, ") + std::to_string(s.jpeg.size()) + " bytes" +
+            (o.annotate ? ", " + std::to_string(marks.size()) + " elements marked" : std::string()) +
+            "\n");
+    }
+    // With the image on standard output, the legend goes to standard error.
+    if (o.annotate) {
+      const std::string legend = mcp::markLegend(marks);
+      if (o.path == "-") {
+        writeFully(STDERR_FILENO, legend);
+      } else {
+        print(legend);
+      }
     }
     return kExitOk;
   });
@@ -83,6 +154,9 @@ void addScreenshotCommand(CommandSet& set) {
       ->check(CLI::Range(0.1, 1.0))
       ->excludes("--png");
   shot->add_option("-o,--output", o.path, "Where to write the image (- for stdout)")->required();
+  shot->add_flag("--annotate", o.annotate,
+                 "Outline the frontmost application's actionable elements with numbered labels "
+                 "and print the legend (number, ref, role, title, where to click)");
   shot->add_flag("--json", o.json, "Print what was written as JSON (path, size, bytes)");
 }
 

@@ -11,9 +11,11 @@
 #include <poll.h>
 #include <signal.h>
 #include <turbojpeg.h>
+#include <unistd.h>
 // clang-format on
 
 #include <chrono>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -189,6 +191,42 @@ TEST_F(WidgetFactory, ARegionIsThatRectangleOfTheWholeScreen) {
   EXPECT_EQ(small["width"], 480);
   EXPECT_EQ(small["height"], 270);
   EXPECT_EQ(small["scale"], 0.25);
+}
+
+// tervainctl's annotated screenshot: the check box's mark sits on the check box (its label
+// changes the pixels there), and the legend names the element.
+TEST_F(WidgetFactory, AnnotatedScreenshotsMarkTheElementsWhereTheyAre) {
+  const std::string path = "/tmp/tervain-annotated-" + std::to_string(::getpid()) + ".png";
+  const std::string command = "timeout 60 '" + std::string(TERVAIN_CTL_PATH) + "' --connect unix:" +
+                              agent->socketPath() + " screenshot --annotate --png --json -o " + path;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::string out;
+  char buffer[4096];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+  ASSERT_EQ(::pclose(pipe), 0) << out;
+  const Json summary = Json::parse(out);
+  const Image plain = decodePng(op("screenshot", {{"format", "png"}}));
+  std::ifstream file(path, std::ios::binary);
+  const std::string png((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  ::unlink(path.c_str());
+  const Image marked = decodePng(Json{{"image", base64::encode(png)}});
+  ASSERT_EQ(marked.width, plain.width);
+  // The enabled, unchecked "checkbutton" of page 1 is 108 x 22 at (15, 397) in the window.
+  const Json* mark = nullptr;
+  for (const Json& m : summary["marks"]) {
+    const int cx = m["center"]["x"], cy = m["center"]["y"];
+    if (m["title"] == "checkbutton" && cx > window->x + 15 && cx < window->x + 123 &&
+        cy > window->y + 397 && cy < window->y + 419) {
+      mark = &m;
+    }
+  }
+  ASSERT_NE(mark, nullptr) << summary.dump();
+  EXPECT_EQ((*mark)["role"], "AXCheckBox");
+  EXPECT_TRUE((*mark)["ref"].get<std::string>().starts_with("e"));
+  const int x = (*mark)["box"]["x"], y = (*mark)["box"]["y"];
+  EXPECT_GT(difference(marked.region(x, y, 6, 8), plain.region(x, y, 6, 8)), 30.0);
+  EXPECT_LT(difference(marked.region(x + 40, y + 6, 20, 8), plain.region(x + 40, y + 6, 20, 8)), 1.0);
 }
 
 TEST_F(WidgetFactory, ClickingTheCheckBoxTogglesIt) {

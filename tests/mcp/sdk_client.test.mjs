@@ -219,6 +219,10 @@ test('on a real desktop: a screenshot image, and tree + element_action in gtk3-w
       }
       assert.match(pageLine(after, 'Page 2') ?? '', /value="1"/, 'pressing Page 2 selects it');
       assert.match(pageLine(after, 'Page 1') ?? '', /value="0"/);
+
+      const marked = await desktop.callTool({ name: 'screenshot', arguments: { maxWidth: 800, annotate: true } });
+      assert.equal(marked.isError, false, textOf(marked));
+      assert.match(textOf(marked), /\n\d+  e\d+  AXRadioButton  "Page 2"  at \d+,\d+\n/);
     } finally {
       await desktop.close();
       factory.kill('SIGTERM');

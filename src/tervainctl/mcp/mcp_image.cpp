@@ -20,12 +20,6 @@ struct TjDeleter {
 };
 using TjHandle = std::unique_ptr<void, TjDeleter>;
 
-struct Pixels {
-  int width = 0;
-  int height = 0;
-  std::vector<unsigned char> rgb;  // width * height * 3
-};
-
 // Area average of src to exactly width x height (both no larger than src's).
 Pixels areaScale(const Pixels& src, int width, int height) {
   Pixels out{width, height, std::vector<unsigned char>(static_cast<std::size_t>(width) * height * 3)};
@@ -101,8 +95,53 @@ std::optional<std::string> encodeJpeg(const Pixels& pixels, int quality, std::st
 
 }  // namespace
 
+std::optional<Pixels> decodeImage(std::string_view bytes, std::string& error) {
+  if (bytes.size() >= 8 && png_sig_cmp(reinterpret_cast<png_const_bytep>(bytes.data()), 0, 8) == 0) {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_memory(&image, bytes.data(), bytes.size())) {
+      error = std::string("the image is not a PNG this program can read: ") + image.message;
+      return std::nullopt;
+    }
+    image.format = PNG_FORMAT_RGB;
+    Pixels pixels{static_cast<int>(image.width), static_cast<int>(image.height), {}};
+    pixels.rgb.resize(PNG_IMAGE_SIZE(image));
+    if (!png_image_finish_read(&image, nullptr, pixels.rgb.data(), 0, nullptr)) {
+      error = std::string("decoding the PNG failed: ") + image.message;
+      return std::nullopt;
+    }
+    return pixels;
+  }
+  TjHandle decoder(tjInitDecompress());
+  auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+  int width = 0, height = 0, subsampling = 0, colorspace = 0;
+  if (!decoder || tjDecompressHeader3(decoder.get(), data, bytes.size(), &width, &height,
+                                      &subsampling, &colorspace) != 0 || width <= 0 || height <= 0) {
+    error = "the image is neither a JPEG nor a PNG this program can read";
+    return std::nullopt;
+  }
+  Pixels pixels{width, height, std::vector<unsigned char>(static_cast<std::size_t>(width) * height * 3)};
+  if (tjDecompress2(decoder.get(), data, bytes.size(), pixels.rgb.data(), width, 0, height,
+                    TJPF_RGB, TJFLAG_ACCURATEDCT) != 0 &&
+      tjGetErrorCode(decoder.get()) == TJERR_FATAL) {
+    error = std::string("decoding the JPEG failed: ") + tjGetErrorStr2(decoder.get());
+    return std::nullopt;
+  }
+  return pixels;
+}
+
+std::optional<EncodedImage> encodeImage(const Pixels& pixels, ImageFormat format, int quality,
+                                        std::string& error) {
+  auto bytes = format == ImageFormat::png ? encodePng(pixels, error)
+                                          : encodeJpeg(pixels, quality, error);
+  if (!bytes) return std::nullopt;
+  return EncodedImage{std::move(*bytes), format == ImageFormat::png ? "image/png" : "image/jpeg",
+                      pixels.width, pixels.height};
+}
+
 std::optional<EncodedImage> fitImage(std::string_view jpeg, int maxWidth, ImageFormat format,
-                                     int quality, std::string& error) {
+                                     int quality, std::string& error,
+                                     const std::function<void(Pixels&)>& paint) {
   TjHandle decoder(tjInitDecompress());
   if (!decoder) {
     error = "JPEG decoder unavailable";
@@ -119,7 +158,7 @@ std::optional<EncodedImage> fitImage(std::string_view jpeg, int maxWidth, ImageF
   const int targetWidth = std::clamp(maxWidth, 1, width);
   const int targetHeight = std::max(
       1, static_cast<int>(std::lround(static_cast<double>(height) * targetWidth / width)));
-  if (targetWidth == width && format == ImageFormat::jpeg) {
+  if (targetWidth == width && format == ImageFormat::jpeg && !paint) {
     return EncodedImage{std::string(jpeg), "image/jpeg", width, height};
   }
 
@@ -142,14 +181,11 @@ std::optional<EncodedImage> fitImage(std::string_view jpeg, int maxWidth, ImageF
     error = std::string("decoding the screenshot failed: ") + tjGetErrorStr2(decoder.get());
     return std::nullopt;
   }
-  const Pixels scaled = decoded.width == targetWidth && decoded.height == targetHeight
-                            ? std::move(decoded)
-                            : areaScale(decoded, targetWidth, targetHeight);
-  auto bytes = format == ImageFormat::png ? encodePng(scaled, error)
-                                          : encodeJpeg(scaled, quality, error);
-  if (!bytes) return std::nullopt;
-  return EncodedImage{std::move(*bytes), format == ImageFormat::png ? "image/png" : "image/jpeg",
-                      targetWidth, targetHeight};
+  Pixels scaled = decoded.width == targetWidth && decoded.height == targetHeight
+                      ? std::move(decoded)
+                      : areaScale(decoded, targetWidth, targetHeight);
+  if (paint) paint(scaled);
+  return encodeImage(scaled, format, quality, error);
 }
 
 }  // namespace tervain::mcp

@@ -1,5 +1,7 @@
 #include "tervainctl/mcp/mcp_image.h"
 
+#include "tervainctl/mcp/annotate.h"
+
 #include <turbojpeg.h>
 
 #include <gtest/gtest.h>
@@ -74,6 +76,51 @@ TEST(FitImage, AFittingJpegPassesUnchangedAndGarbageIsAnError) {
   EXPECT_EQ(same->bytes, jpeg);
   EXPECT_FALSE(fitImage("not a jpeg", 64, ImageFormat::jpeg, 80, error));
   EXPECT_NE(error.find("not a JPEG"), std::string::npos) << error;
+}
+
+client::AXNode node(std::string ref, std::string role, client::Rect frame,
+                   std::vector<std::string> actions = {}) {
+  client::AXNode n;
+  n.ref = std::move(ref);
+  n.role = std::move(role);
+  n.title = "t" + n.ref;
+  n.frame = frame;
+  n.actions = std::move(actions);
+  return n;
+}
+
+TEST(AnnotateImage, MarksLandOnTheirElementsThroughOriginAndScale) {
+  // A 100x60 image of the points (50,30)..(100,60) at 2 pixels a point.
+  client::AXNode window = node("e1", "AXWindow", {0, 0, 400, 300}, {"AXRaise"});
+  window.children = {node("e2", "AXButton", {60, 40, 20, 10}),
+                     node("e3", "AXStaticText", {60, 50, 20, 5}),           // not actionable
+                     node("e4", "AXGroup", {40, 20, 200, 200}, {"AXPress"}),  // clipped
+                     node("e5", "AXCheckBox", {0, 0, 40, 20})};             // off the image
+  client::AXNode app;
+  app.children = {window};
+  const auto marks = actionableMarks(app, {50, 30, 2}, 100, 60);
+  ASSERT_EQ(marks.size(), 2u);
+  EXPECT_EQ(marks[0].ref, "e2");
+  EXPECT_EQ((std::vector<std::int64_t>{marks[0].box.x, marks[0].box.y, marks[0].box.w, marks[0].box.h}),
+            (std::vector<std::int64_t>{20, 20, 40, 20}));
+  EXPECT_EQ((std::vector<std::int64_t>{marks[1].box.x, marks[1].box.y, marks[1].box.w, marks[1].box.h}),
+            (std::vector<std::int64_t>{0, 0, 100, 60}));
+  EXPECT_EQ(markLegend(marks), "1  e2  AXButton  \"te2\"  at 70,45\n"
+                               "2  e4  AXGroup  \"te4\"  at 140,120\n");
+
+  Pixels white{100, 60, std::vector<unsigned char>(100 * 60 * 3, 255)};
+  drawMarks(white, {marks[0]});
+  std::string error;
+  const auto png = encodeImage(white, ImageFormat::png, 0, error);
+  ASSERT_TRUE(png) << error;
+  auto back = decodeImage(png->bytes, error);
+  ASSERT_TRUE(back) << error;
+  EXPECT_NE(back->at(20, 20)[1], 255);  // the label's corner
+  EXPECT_NE(back->at(59, 39)[1], 255);  // the outline's far corner
+  EXPECT_EQ(back->at(50, 33)[1], 255);  // inside the box, clear of the label
+  EXPECT_EQ(back->at(19, 19)[1], 255);  // outside
+  EXPECT_FALSE(decodeImage("neither", error));
+  EXPECT_NE(error.find("neither a JPEG nor a PNG"), std::string::npos) << error;
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "client/render.h"
 #include "core/base64.h"
+#include "tervainctl/mcp/annotate.h"
 #include "tervainctl/mcp/mcp_image.h"
 
 namespace tervain::mcp {
@@ -134,10 +135,32 @@ ToolResult screenshot(ToolContext& context, const ToolSpec& definition, const Js
   const ImageFormat format =
       arguments.value("format", std::string("jpeg")) == "png" ? ImageFormat::png : ImageFormat::jpeg;
   const int quality = arguments.value("quality", 80);
+  // Frames are global points; only the main display's origin is known to be (0, 0).
+  const bool annotate = arguments.value("annotate", false) && request.value("display", 0) == 0;
   return agentCall(context, definition, request, [&](const Json& reply) {
     const client::Result<client::Screenshot> shot = client::parseScreenshot(reply);
+    // The tree right after the capture, on the same connection, so the legend's refs work.
+    std::optional<client::AXTree> tree;
+    std::string treeNote;
+    if (annotate) {
+      std::string notice;
+      const auto dump = client::parseAXDump(context.agent.call({{"op", "ax_dump"}}, true, notice));
+      if (dump.ok) {
+        tree = dump.value;
+      } else {
+        treeNote = "No elements marked: " + dump.error;
+      }
+    }
+    std::vector<Mark> marks;
+    const auto paint = [&](Pixels& pixels) {
+      const double pixelsPerPoint = (shot.value.scale > 0 ? shot.value.scale : 1.0) *
+                                    pixels.width / static_cast<double>(shot.value.width);
+      marks = actionableMarks(tree->root, {0, 0, pixelsPerPoint}, pixels.width, pixels.height);
+      drawMarks(pixels, marks);
+    };
     std::string error;
-    const auto image = fitImage(shot.value.jpeg, maxWidth, format, quality, error);
+    const auto image = tree ? fitImage(shot.value.jpeg, maxWidth, format, quality, error, paint)
+                            : fitImage(shot.value.jpeg, maxWidth, format, quality, error);
     if (!image) return ToolResult::text(error, true);
     const double imageScale = static_cast<double>(image->width) / static_cast<double>(shot.value.width);
     const double pointsPerPixel =
@@ -155,6 +178,12 @@ ToolResult screenshot(ToolContext& context, const ToolSpec& definition, const Js
                               {"data", base64::encode(image->bytes)},
                               {"mimeType", image->mimeType}});
     result.add(text);
+    if (tree) {
+      result.add("Marked elements (number, ref, role, title, where to click in points); the refs "
+                 "work with element_action, set_value and focus:\n" + markLegend(marks));
+    } else if (!treeNote.empty()) {
+      result.add(treeNote);
+    }
     return result;
   });
 }
@@ -389,7 +418,8 @@ constexpr ToolSpec kTools[] = {
        "display": {"type": "integer", "minimum": 0, "description": "Display index; 0 (the main display) by default"},
        "maxWidth": {"type": "integer", "minimum": 16, "maximum": 8192, "description": "Largest width of the image in pixels (default 1280); it is never enlarged"},
        "format": {"type": "string", "enum": ["jpeg", "png"], "description": "Image format (default jpeg; png is sharper and larger)"},
-       "quality": {"type": "integer", "minimum": 1, "maximum": 100, "description": "JPEG quality when the image is re-encoded (default 80)"}},
+       "quality": {"type": "integer", "minimum": 1, "maximum": 100, "description": "JPEG quality when the image is re-encoded (default 80)"},
+       "annotate": {"type": "boolean", "description": "Outline the frontmost application's actionable elements with numbered labels and list them (number, ref, role, title, click point), so you can say which element you mean; reads a fresh tree, so earlier refs go stale (default false)"}},
        "additionalProperties": false})J",
      "screenshot", nullptr, true, false, false, false, screenshot},
     {"click", "Click",
