@@ -54,7 +54,7 @@ add_test(NAME wire_library_includes
 find_program(TERVAIN_SHELLCHECK NAMES shellcheck)
 if(TERVAIN_SHELLCHECK)
   add_test(NAME shell_scripts_shellcheck
-           COMMAND bash -c "shopt -s nullglob; exec \"$0\" --external-sources scripts/* .ci/* packaging/macos/*.sh packaging/linux/*.bash tests/*.sh tests/install/*.sh tests/mcp/*.sh contrib/ansible/*.sh contrib/ansible/tests/*.sh"
+           COMMAND bash -c "shopt -s nullglob; exec \"$0\" --external-sources scripts/* .ci/* packaging/macos/*.sh packaging/linux/*.bash tests/*.sh tests/install/*.sh tests/mcp/*.sh tests/view/*.sh contrib/ansible/*.sh contrib/ansible/tests/*.sh"
                    ${TERVAIN_SHELLCHECK}
            WORKING_DIRECTORY ${TERVAIN_ROOT})
 else()

@@ -171,7 +171,7 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out,
             "agent protocol v2, build " TERVAIN_VERSION
-            "\n"
+            ", headless desktop\n"
             "displays: none\n"
             "grants: accessibility no, screen recording no, input synthesis no\n"
             "features: exec shell-events ping screenshot ax_dump ax_element_at ax_action "

@@ -71,7 +71,7 @@ TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
   EXPECT_EQ(ping["agentVersion"], TERVAIN_VERSION);
   ping.erase("features");
   ping.erase("agentVersion");
-  EXPECT_EQ(ping, Json::parse(R"({"ok":true,"version":2,
+  EXPECT_EQ(ping, Json::parse(R"({"ok":true,"version":2,"desktop":"fake",
               "displays":[{"id":69733378,"width":1920,"height":1080,"main":true}],
               "readiness":{"accessibility":false,"screenRecording":false,"postEvent":false}})"));
 

@@ -40,6 +40,7 @@ Reply opPing(OperationContext& context, const Json&) {
   Reply reply;
   reply.body["version"] = AgentWire::version;
   reply.body["agentVersion"] = TERVAIN_VERSION;
+  reply.body["desktop"] = std::string(context.desktop.kind());
   reply.body["features"] = std::move(features);
   reply.body["displays"] = std::move(displays);
   Json& readiness = reply.body["readiness"];

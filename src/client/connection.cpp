@@ -99,6 +99,9 @@ Result<PingInfo> parsePing(const Json& reply) {
   if (const auto v = reply.find("agentVersion"); v != reply.end() && v->is_string()) {
     result.value.agentVersion = v->get<std::string>();
   }
+  if (const auto d = reply.find("desktop"); d != reply.end() && d->is_string()) {
+    result.value.desktop = d->get<std::string>();
+  }
   if (const auto f = reply.find("features"); f != reply.end() && f->is_array()) {
     for (const Json& name : *f) {
       if (name.is_string()) result.value.features.push_back(name.get<std::string>());

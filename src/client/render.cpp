@@ -26,7 +26,8 @@ void renderInto(std::string& out, const AXNode& node, int depth) {
 
 std::string renderPing(const PingInfo& ping) {
   std::string out = "agent protocol v" + std::to_string(ping.version) +
-                    (ping.agentVersion.empty() ? "" : ", build " + ping.agentVersion) + "\n";
+                    (ping.agentVersion.empty() ? "" : ", build " + ping.agentVersion) +
+                    (ping.desktop.empty() ? "" : ", " + ping.desktop + " desktop") + "\n";
   if (ping.displays.empty()) {
     out += "displays: none\n";
   } else {

@@ -8,12 +8,13 @@ namespace {
 TEST(RenderTest, PingSummaryListsDisplaysAndFeatures) {
   PingInfo ping{.version = 2,
                 .agentVersion = "0.1.0",
+                .desktop = "macos",
                 .features = {"exec", "ping"},
                 .displays = {{.id = 1, .width = 2880, .height = 1800, .main = true},
                              {.id = 5, .width = 1920, .height = 1080, .main = false}},
                 .readiness = {.accessibility = true, .screenRecording = false, .postEvent = true}};
   EXPECT_EQ(renderPing(ping),
-            "agent protocol v2, build 0.1.0\n"
+            "agent protocol v2, build 0.1.0, macos desktop\n"
             "displays: 2\n"
             "  1: 2880x1800 pixels (main)\n"
             "  5: 1920x1080 pixels\n"

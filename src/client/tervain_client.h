@@ -113,6 +113,7 @@ struct Readiness {
 struct PingInfo {
   std::int64_t version = 0;         // of the protocol
   std::string agentVersion;         // of the agent's build; empty from agents that predate it
+  std::string desktop;              // "macos", "x11", "headless"; empty from agents that predate it
   std::vector<std::string> features;  // its operations, then options ("screenshot.png"); empty from older agents
   std::vector<Display> displays;
   Readiness readiness;

@@ -250,6 +250,7 @@ int run(int argc, char** argv) {
   addLaunchCommand(set);
   addEventsCommand(set);
   addMcpCommand(set);
+  addViewCommand(set);
 
   try {
     checkSubcommand(args, app);

@@ -94,6 +94,7 @@ void addEventsCommand(CommandSet& set);          // events
 void addExecCommand(CommandSet& set);            // exec
 void addCopyCommand(CommandSet& set);            // cp
 void addMcpCommand(CommandSet& set);             // mcp
+void addViewCommand(CommandSet& set);            // view
 
 // exec's options, as given on the command line.
 struct ExecFlags {
