@@ -109,6 +109,48 @@ ToolResult tree(ToolContext& context, const ToolSpec& definition, const Json& ar
   });
 }
 
+// find: one line a match, then how many elements the search looked at.
+ToolResult find(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
+  Json request = arguments;
+  request["op"] = definition.op;
+  return agentCall(context, definition, request, [](const Json& reply) {
+    std::string text;
+    std::size_t count = 0;
+    if (const auto matches = reply.find("matches"); matches != reply.end() && matches->is_array()) {
+      for (const Json& node : *matches) {
+        if (!node.is_object()) continue;
+        text += client::renderNode(client::parseAXNode(node)) + "\n";
+        ++count;
+      }
+    }
+    if (count == 0) text = "no element matches\n";
+    return ToolResult::text(text + "(" + std::to_string(count) + " shown, " +
+                            reply.value("visited", Json(0)).dump() +
+                            " elements searched; the refs stay valid until the next tree call)");
+  });
+}
+
+// wait_for: the element the condition held for, and how long it took.
+ToolResult waitFor(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
+  Json request = arguments;
+  request["op"] = definition.op;
+  return agentCall(context, definition, request, [](const Json& reply) {
+    const auto node = reply.find("node");
+    std::string text = node != reply.end() && node->is_object()
+                           ? client::renderNode(client::parseAXNode(*node))
+                           : std::string("the condition holds");
+    return ToolResult::text(text + "\n(after " + reply.value("waitedMs", Json(0)).dump() + " ms)");
+  });
+}
+
+ToolResult clipboardGet(ToolContext& context, const ToolSpec& definition, const Json&) {
+  return agentCall(context, definition, {{"op", definition.op}}, [](const Json& reply) {
+    const auto text = reply.find("text");
+    return ToolResult::text(text != reply.end() && text->is_string() ? text->get<std::string>()
+                                                                     : std::string());
+  });
+}
+
 ToolResult elementAt(ToolContext& context, const ToolSpec& definition, const Json& arguments) {
   Json request = arguments;
   request["op"] = definition.op;
@@ -533,6 +575,61 @@ constexpr ToolSpec kTools[] = {
      R"J({"type": "object", "properties": {"ref": {"type": "string", "minLength": 1}},
        "required": ["ref"], "additionalProperties": false})J",
      "ax_focus", nullptr, false, false, true, false, nullptr},
+    {"find", "Find elements",
+     "Find elements of the frontmost application (or of pid) by role, title, value or "
+     "identifier, without reading the whole tree: one line each, with a ref for element_action, "
+     "set_value and focus. Text criteria match case-insensitively as substrings unless match is "
+     "\"exact\". Earlier refs stay valid.",
+     R"J({"type": "object", "properties": {
+       "role": {"type": "string", "minLength": 1, "description": "AX role, e.g. AXButton, AXCheckBox, AXTextField"},
+       "subrole": {"type": "string", "minLength": 1},
+       "title": {"type": "string", "minLength": 1, "description": "Text of the element's title or label"},
+       "value": {"type": "string", "minLength": 1},
+       "identifier": {"type": "string", "minLength": 1},
+       "match": {"type": "string", "enum": ["contains", "exact"], "description": "Default contains"},
+       "pid": {"type": "integer", "description": "Process id of the application; the frontmost one by default"},
+       "limit": {"type": "integer", "minimum": 1, "maximum": 200, "description": "Most matches returned (default 20)"},
+       "maxDepth": {"type": "integer", "minimum": 1, "maximum": 25}},
+       "additionalProperties": false})J",
+     "find", "find", true, false, false, false, find},
+    {"wait_for", "Wait for element",
+     "Wait until an element found as by find exists, is gone, is enabled, is focused, or has "
+     "the value equals; answers as soon as it holds, or says it timed out.",
+     R"J({"type": "object", "properties": {
+       "role": {"type": "string", "minLength": 1}, "subrole": {"type": "string", "minLength": 1},
+       "title": {"type": "string", "minLength": 1}, "value": {"type": "string", "minLength": 1},
+       "identifier": {"type": "string", "minLength": 1},
+       "match": {"type": "string", "enum": ["contains", "exact"]},
+       "pid": {"type": "integer"},
+       "state": {"type": "string", "enum": ["exists", "gone", "enabled", "focused", "value"], "description": "Default exists"},
+       "equals": {"type": "string", "description": "The value to wait for, with state value"},
+       "timeout": {"type": "number", "minimum": 0.1, "maximum": 25, "description": "Seconds (default 10)"}},
+       "additionalProperties": false})J",
+     "wait_for", "wait_for", true, false, false, false, waitFor},
+    {"windows", "List windows",
+     "The windows of every regular application (or of pid): ref, title, frame in points, pid, "
+     "application, and whether it is main, focused or minimized. Use the refs with "
+     "window_action.",
+     R"J({"type": "object", "properties": {"pid": {"type": "integer"}},
+       "additionalProperties": false})J",
+     "windows", "windows", true, false, false, false, nullptr},
+    {"window_action", "Window action",
+     "Raise, minimize, unminimize or close a window by ref (from windows), or move it to x,y or "
+     "resize it to w,h (points).",
+     R"J({"type": "object", "properties": {
+       "ref": {"type": "string", "minLength": 1},
+       "action": {"type": "string", "enum": ["raise", "minimize", "unminimize", "close", "move", "resize"]},
+       "x": {"type": "integer"}, "y": {"type": "integer"},
+       "w": {"type": "integer", "minimum": 1}, "h": {"type": "integer", "minimum": 1}},
+       "required": ["ref", "action"], "additionalProperties": false})J",
+     "window_action", "window_action", false, true, false, false, nullptr},
+    {"clipboard_get", "Read clipboard", "The text on the guest's clipboard (empty when there is none).",
+     R"J({"type": "object", "properties": {}, "additionalProperties": false})J",
+     "clipboard_get", "clipboard_get", true, false, true, false, clipboardGet},
+    {"clipboard_set", "Write clipboard", "Put text on the guest's clipboard, replacing what is there.",
+     R"J({"type": "object", "properties": {"text": {"type": "string"}},
+       "required": ["text"], "additionalProperties": false})J",
+     "clipboard_set", "clipboard_set", false, true, true, false, nullptr},
     {"launch_app", "Launch application",
      "Launch an application by name (such as TextEdit or Terminal), or bring it to the front when "
      "it runs already.",
