@@ -176,7 +176,7 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
             "grants: accessibility no, screen recording no, input synthesis no\n"
             "features: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
             "ax_set_value ax_focus click move drag type key scroll mouse_down mouse_up key_down "
-            "key_up cursor_position launch_app screenshot.region screenshot.maxSize "
+            "key_up cursor_position launch_app find wait_for screenshot.region screenshot.maxSize "
             "screenshot.png screenshot.quality click.modifiers scroll.modifiers "
             "drag.modifiers exec.env exec.cwd exec.timeout\n");
 }
