@@ -162,6 +162,7 @@ void FakeDesktop::sleepMicros(std::uint32_t micros) {
 }
 
 ElementRef FakeDesktop::applicationElement(std::int32_t pid) {
+  if (onApplicationElement) onApplicationElement(pid);
   {
     std::lock_guard lock(mutex);
     applicationElementsCreated.push_back(pid);

@@ -92,6 +92,9 @@ class FakeDesktop final : public Desktop {
   FakeNode& node(const Element& element);
   int idOf(const Element& element) const;
   std::map<std::int32_t, ElementRef> applications;  // pid -> application element
+  // Called with the pid at the start of every applicationElement(), before the lookup: lets a
+  // test change the tree between the polls of an operation that waits.
+  std::function<void(std::int32_t pid)> onApplicationElement;
   AXResult elementAtResult = AXError::noValue;
   ElementRef elementAt;                             // returned with elementAtResult
   // Records: (element id, what) in call order.

@@ -176,7 +176,7 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
             "grants: accessibility no, screen recording no, input synthesis no\n"
             "features: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
             "ax_set_value ax_focus click move drag type key scroll mouse_down mouse_up key_down "
-            "key_up cursor_position launch_app screenshot.region screenshot.maxSize "
+            "key_up cursor_position launch_app find wait_for screenshot.region screenshot.maxSize "
             "screenshot.png screenshot.quality click.modifiers scroll.modifiers "
             "drag.modifiers exec.env exec.cwd exec.timeout\n");
 }
@@ -252,6 +252,8 @@ TEST_F(TervainctlTest, UsageErrorsExitTwo) {
                                              {"move", "1.5", "2"},
                                              {"cp", "guest:a", "guest:b"},
                                              {"press", "e1", "AXPress", "--at", "1", "2"},
+                                             {"press", "--find", "role"},
+                                             {"find", "role=x,size=2"},
                                              {"call", "not json"}}) {
     const CtlResult r = run(args);
     EXPECT_EQ(r.status, 2) << args[0] << ": " << r.err;
@@ -463,6 +465,71 @@ TEST_F(TervainctlTest, InputSubcommandsSendTheirRequests) {
     EXPECT_EQ(r.status, 0) << c.args[0] << ": " << r.err;
     EXPECT_EQ(request.empty() ? Json() : Json::parse(request), Json::parse(c.request))
         << c.args[0] << " " << c.args[1];
+  }
+  ::close(server);
+}
+
+// find, wait and --find against a socket that answers each request in turn from a script and
+// records them: --find acts on the ref its search returned, in the same connection.
+TEST_F(TervainctlTest, FindWaitAndActingOnWhatASearchFinds) {
+  const std::string path = local.file("searching.sock");
+  const int server = tervain_unix_listen(path.c_str(), 1);
+  ASSERT_GE(server, 0);
+  const std::string button = R"({"ref":"e3","role":"AXButton","title":"Page 2","frame":{"x":1,"y":2,"w":3,"h":4}})";
+  const std::string two = R"({"ok":true,"visited":40,"matches":[)" + button + "," + button + "]}";
+  const struct {
+    std::vector<std::string> args;
+    std::vector<std::string> replies;
+    std::vector<std::string> requests;
+    int status;
+    std::string out, err;
+  } cases[] = {
+      {{"find", "role=AXButton,title=Page 2\\, now", "--exact", "--limit", "5"},
+       {R"({"ok":true,"visited":40,"matches":[)" + button + "]}"},
+       {R"({"op":"find","role":"AXButton","title":"Page 2, now","match":"exact","limit":5})"},
+       0, "e3 AXButton \"Page 2\" [1,2 3x4]\n", ""},
+      {{"press", "--find", "title=Page 2", "AXShowMenu"},
+       {R"({"ok":true,"visited":40,"matches":[)" + button + "]}", R"({"ok":true})"},
+       {R"({"op":"find","title":"Page 2","limit":200})",
+        R"({"op":"ax_action","ref":"e3","action":"AXShowMenu"})"},
+       0, "", ""},
+      {{"set", "--find", "role=AXButton", "x"}, {two},
+       {R"({"op":"find","role":"AXButton","limit":200})"}, 1, "",
+       "tervainctl: 2 elements match \"role=AXButton\" \u2014 narrow the query (match=exact, "
+       "role=...)\n"},
+      {{"wait", "--title", "Saved", "--state", "value", "--equals", "", "--timeout", "0.5"},
+       {R"({"ok":false,"error":"wait_for gave up after 0.5 s: no element"})"},
+       {R"({"op":"wait_for","title":"Saved","state":"value","equals":"","timeout":0.5})"}, 1, "",
+       "tervainctl: wait_for gave up after 0.5 s: no element\n"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> requests;
+    std::thread answer([server, &c, &requests] {
+      pollfd ready{server, POLLIN, 0};
+      if (::poll(&ready, 1, 10'000) != 1) return;  // a run that never connects
+      const int connection = ::accept(server, nullptr, nullptr);
+      if (connection < 0) return;
+      for (const std::string& reply : c.replies) {
+        std::string request;
+        char byte = 0;
+        while (::read(connection, &byte, 1) == 1 && byte != '\n') request.push_back(byte);
+        requests.push_back(request);
+        const std::string line = reply + "\n";
+        EXPECT_EQ(::write(connection, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+      }
+      ::close(connection);
+    });
+    std::vector<std::string> args = {"--connect", "unix:" + path};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const CtlResult r = run(args);
+    answer.join();
+    EXPECT_EQ(r.status, c.status) << c.args[0] << ": " << r.err;
+    EXPECT_EQ(r.out, c.out) << c.args[0];
+    EXPECT_EQ(r.err, c.err) << c.args[0];
+    ASSERT_EQ(requests.size(), c.requests.size()) << c.args[0];
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+      EXPECT_EQ(Json::parse(requests[i], nullptr, false), Json::parse(c.requests[i])) << c.args[0];
+    }
   }
   ::close(server);
 }

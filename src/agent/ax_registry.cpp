@@ -13,7 +13,12 @@ std::string AXRegistry::registerElement(ElementRef element) {
   // about the inlined operator+(const char*, std::string&&) in release builds.
   std::string ref = "e";
   ref += std::to_string(counter);
+  if (order.size() == kMaxRefs) {
+    refs.erase(order.front());
+    order.pop_front();
+  }
   refs.emplace(ref, std::move(element));
+  order.push_back(ref);
   return ref;
 }
 
@@ -22,6 +27,9 @@ ElementRef AXRegistry::operator[](std::string_view ref) const {
   return it == refs.end() ? nullptr : it->second;
 }
 
-void AXRegistry::reset() { refs.clear(); }
+void AXRegistry::reset() {
+  refs.clear();
+  order.clear();
+}
 
 }  // namespace tervain

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -14,12 +15,15 @@ namespace tervain {
 //
 // A ref text is never reused on a connection: the counter keeps growing across resets, so a ref
 // from before the last dump can only miss, never name a different element. The registry holds a
-// reference to every handle it maps and lets go of them when it is reset or destroyed. Used only
-// by its connection's thread.
+// reference to every handle it maps and lets go of them when it is reset or destroyed, or when
+// it passes kMaxRefs: searches add refs without a reset, and the oldest ones then go first.
+// Used only by its connection's thread.
 class AXRegistry {
  public:
-  // Mints the next ref for the element and keeps the element under it. The same element
-  // registered twice gets two refs.
+  static constexpr std::size_t kMaxRefs = 4096;
+
+  // Mints the next ref for the element and keeps the element under it, forgetting the oldest
+  // ref when there are kMaxRefs already. The same element registered twice gets two refs.
   std::string registerElement(ElementRef element);
 
   // The element under ref, or null when there is none. Exact, case-sensitive match.
@@ -35,6 +39,7 @@ class AXRegistry {
   };
 
   std::unordered_map<std::string, ElementRef, Hash, std::equal_to<>> refs;
+  std::deque<std::string> order;  // the refs in refs, oldest first
   std::int64_t counter = 0;  // the number in the most recent ref; 0 before the first
 };
 

@@ -2,6 +2,7 @@
 // table of operations (operations.h) under its wire name.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -13,6 +14,7 @@
 #include "core/json.h"
 #include "core/line_split_buffer.h"
 #include "core/reply.h"
+#include "core/socket_io.h"
 #include "platform/desktop.h"
 
 namespace tervain {
@@ -41,6 +43,12 @@ struct OperationContext {
   // What this connection holds pressed, in the order pressed; released in reverse order when
   // the connection ends, so a host that goes away never leaves a key down in the guest.
   std::vector<HeldPress> held;
+
+  // Waits up to `wait` and says whether the host closed the connection meanwhile, taking no
+  // bytes from it: the pause of an operation that polls, cut short when nobody awaits its reply.
+  bool hostClosedWithin(std::chrono::milliseconds wait) const {
+    return peerClosedWithin(fd, wait);
+  }
 };
 
 // An ordinary operation: the parsed request in, its reply out. Never throws by design; the

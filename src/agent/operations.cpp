@@ -34,6 +34,8 @@ constexpr Operation kOperations[] = {
     {"key_up", opKeyUp},
     {"cursor_position", opCursorPosition},
     {"launch_app", opLaunchApp},
+    {"find", opFind},
+    {"wait_for", opWaitFor},
 };
 
 }  // namespace

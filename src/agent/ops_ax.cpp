@@ -1,4 +1,5 @@
-// Accessibility operations: "ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus".
+// Accessibility operations: "ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus",
+// and the searches "find" and "wait_for".
 //
 // A dump walks one application's element tree depth-first, pre-order, within three bounds: a
 // depth limit, the first 48 children of each element, and a budget of 800 nodes shared by the
@@ -18,11 +19,19 @@
 // level by level, each level's attributes and action names in one batch (an adapter may have
 // them all in flight at once), within the walk's own bounds; then the walk builds each node from
 // those reads exactly as from reads made one by one, so order, budget and cuts are unchanged.
+//
+// Searches walk with the same level-by-level reads and test each level as its batch comes back,
+// so they stop as soon as they have their matches, which come shallowest first. They register
+// only their matches, without emptying the registry: a host finds, acts, and finds again. A wait
+// repeats its search every 100 ms, pausing on the host's socket so that a host that leaves ends
+// it at once.
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -59,16 +68,26 @@ const std::string& kSize = AX::size;
 const std::string& kChildren = AX::children;
 const std::string& kPress = AX::press;
 
-// What a node reads, in this order; the last one only when its children may be walked.
-const std::vector<std::string> kNodeAttributes = {kRole,    kSubrole,  kTitle, kValue, kEnabled,
-                                                  kFocused, kPosition, kSize,  kChildren};
-const std::vector<std::string> kLeafAttributes(kNodeAttributes.begin(), kNodeAttributes.end() - 1);
+// What a walk reads of each element, in this order: `node` when its children may be walked
+// (the children come last), `leaf` otherwise.
+struct ReadSet {
+  explicit ReadSet(std::vector<std::string> attributes)
+      : node(std::move(attributes)), leaf(node.begin(), node.end() - 1) {}
+  std::vector<std::string> node;
+  std::vector<std::string> leaf;
+};
+const ReadSet kNodeReads({kRole, kSubrole, kTitle, kValue, kEnabled, kFocused, kPosition, kSize,
+                          kChildren});
+// A search on identifiers reads them as well.
+const ReadSet kIdentifierReads({kRole, kSubrole, kTitle, kValue, kEnabled, kFocused, kPosition,
+                                kSize, AX::identifier, kChildren});
 
 using Read = std::pair<AXResult, AXValue>;
 
 // A node's reads, made ahead of its building in one batch.
 struct ReadAhead {
-  std::vector<Read> attributes;  // in kNodeAttributes order, possibly without the children
+  const std::vector<std::string>* names = nullptr;  // what `attributes` holds, in order
+  std::vector<Read> attributes;
   Read actionNames;
 };
 
@@ -81,7 +100,7 @@ struct Source {
   AXResult copy(const std::string& attribute, AXValue& out) const {
     if (ahead != nullptr) {
       for (std::size_t i = 0; i < ahead->attributes.size(); ++i) {
-        if (kNodeAttributes[i] != attribute) continue;
+        if ((*ahead->names)[i] != attribute) continue;
         const Read& read = ahead->attributes[i];
         if (read.first == AXError::success) out = read.second;
         return read.first;
@@ -100,13 +119,14 @@ struct Source {
 
 // Reads the given elements' node attributes in one batch.
 std::vector<ReadAhead> readAhead(Desktop& desktop, const std::vector<ElementRef>& elements,
-                                 bool withChildren) {
+                                 bool withChildren, const ReadSet& set = kNodeReads) {
   std::vector<std::vector<Read>> attributes;
   std::vector<Read> actionNames;
-  desktop.copyAttributeValues(elements, withChildren ? kNodeAttributes : kLeafAttributes,
-                              attributes, &actionNames);
+  const std::vector<std::string>& names = withChildren ? set.node : set.leaf;
+  desktop.copyAttributeValues(elements, names, attributes, &actionNames);
   std::vector<ReadAhead> out(elements.size());
   for (std::size_t i = 0; i < elements.size(); ++i) {
+    out[i].names = &names;
     out[i].attributes = std::move(attributes[i]);
     out[i].actionNames = std::move(actionNames[i]);
   }
@@ -118,24 +138,26 @@ std::vector<ElementRef>* elementList(AXValue& value);
 // Reads read ahead for a whole walk, by element.
 using ReadMap = std::unordered_map<const Element*, ReadAhead>;
 
-// Reads the tree under root ahead of the walk, one batch a level, with the walk's own bounds: no
-// deeper than the depth limit, the first 48 children of each element, no more elements than the
-// budget. The walk then builds from these reads; an element the read-ahead did not reach (the
-// budget ran out on a wider level than the walk's path) reads its own.
-ReadMap readTreeAhead(Desktop& desktop, const ElementRef& root, int maxDepth,
-                      std::int64_t budget) {
-  ReadMap map;
+// Walks the tree under root one level at a time, each level's reads in one batch, with the
+// dump's bounds: no deeper than the depth limit, the first 48 children of each element, no more
+// elements than the budget. Hands every element reached (once, however often it is met) with
+// its reads to visit, level by level in tree order, and stops when visit answers false.
+template <typename Visit>
+void walkLevels(Desktop& desktop, const ElementRef& root, int maxDepth, std::int64_t budget,
+                const ReadSet& set, Visit&& visit) {
+  // Holds what it has met: a handle let go could come back at the same address as another.
+  std::unordered_set<ElementRef> seen;
   std::vector<ElementRef> level = {root};
   for (int depth = 0; !level.empty() && budget > 0; ++depth) {
     if (static_cast<std::int64_t>(level.size()) > budget) {
       level.resize(static_cast<std::size_t>(budget));
     }
     budget -= static_cast<std::int64_t>(level.size());
-    std::vector<ReadAhead> reads = readAhead(desktop, level, depth < maxDepth);
+    std::vector<ReadAhead> reads = readAhead(desktop, level, depth < maxDepth, set);
     std::vector<ElementRef> next;
     for (std::size_t i = 0; i < level.size(); ++i) {
-      if (!level[i] || map.count(level[i].get())) continue;
-      if (depth < maxDepth && reads[i].attributes.size() == kNodeAttributes.size() &&
+      if (!level[i] || !seen.insert(level[i]).second) continue;
+      if (depth < maxDepth && reads[i].attributes.size() == set.node.size() &&
           reads[i].attributes.back().first == AXError::success) {
         AXValue children = reads[i].attributes.back().second;
         if (const std::vector<ElementRef>* list = elementList(children)) {
@@ -144,10 +166,23 @@ ReadMap readTreeAhead(Desktop& desktop, const ElementRef& root, int maxDepth,
                                           std::min(list->size(), kChildrenPerNode)));
         }
       }
-      map.emplace(level[i].get(), std::move(reads[i]));
+      if (!visit(level[i], std::move(reads[i]))) return;
     }
     level = std::move(next);
   }
+}
+
+// Reads the tree under root ahead of the dump's walk (see walkLevels). The walk then builds from
+// these reads; an element the read-ahead did not reach (the budget ran out on a wider level than
+// the walk's path) reads its own.
+ReadMap readTreeAhead(Desktop& desktop, const ElementRef& root, int maxDepth,
+                      std::int64_t budget) {
+  ReadMap map;
+  walkLevels(desktop, root, maxDepth, budget, kNodeReads,
+             [&map](const ElementRef& element, ReadAhead&& reads) {
+               map.emplace(element.get(), std::move(reads));
+               return true;
+             });
   return map;
 }
 
@@ -254,32 +289,9 @@ std::optional<std::string> copyValueDescription(const Source& source) {
 
 // ---- Nodes -----------------------------------------------------------------------------------
 
-// One node of a dump, appended to out as JSON text: registers the element, reads its attributes
-// and, while depth and the shared budget allow, its children.
-// `ahead` holds the node's reads when its parent read them; otherwise (the root) the node reads
-// its own in one batch.
-void buildNode(OperationContext& context, const ElementRef& element, int depth, int maxDepth,
-               std::int64_t& budget, std::string& out, const ReadMap* map = nullptr) {
-  Desktop& desktop = context.desktop;
-  const std::int64_t remaining = --budget;
-  out += R"({"ref":)";
-  appendJsonString(out, context.refs.registerElement(element));
-  if (!element) {  // nothing to read; the ref resolves to nothing
-    out.push_back('}');
-    return;
-  }
-  const Element& e = *element;
-  const ReadAhead* ahead = nullptr;
-  if (map != nullptr) {
-    if (const auto found = map->find(element.get()); found != map->end()) ahead = &found->second;
-  }
-  std::vector<ReadAhead> own;
-  if (ahead == nullptr) {
-    own = readAhead(desktop, {element}, depth < maxDepth && remaining >= 1);
-    ahead = &own[0];
-  }
-  const Source source{desktop, e, ahead};
-
+// A node's members after its ref, as JSON text: role, subrole, title, value, state, frame and
+// actions, each only when readable.
+void appendMembers(std::string& out, const Source& source) {
   if (const auto role = copyString(source, kRole)) {
     out += R"(,"role":)";
     appendJsonString(out, *role);
@@ -317,6 +329,34 @@ void buildNode(OperationContext& context, const ElementRef& element, int depth, 
       out.push_back(']');
     }
   }
+}
+
+// One node of a dump, appended to out as JSON text: registers the element, reads its attributes
+// and, while depth and the shared budget allow, its children.
+// `ahead` holds the node's reads when its parent read them; otherwise (the root) the node reads
+// its own in one batch.
+void buildNode(OperationContext& context, const ElementRef& element, int depth, int maxDepth,
+               std::int64_t& budget, std::string& out, const ReadMap* map = nullptr) {
+  Desktop& desktop = context.desktop;
+  const std::int64_t remaining = --budget;
+  out += R"({"ref":)";
+  appendJsonString(out, context.refs.registerElement(element));
+  if (!element) {  // nothing to read; the ref resolves to nothing
+    out.push_back('}');
+    return;
+  }
+  const Element& e = *element;
+  const ReadAhead* ahead = nullptr;
+  if (map != nullptr) {
+    if (const auto found = map->find(element.get()); found != map->end()) ahead = &found->second;
+  }
+  std::vector<ReadAhead> own;
+  if (ahead == nullptr) {
+    own = readAhead(desktop, {element}, depth < maxDepth && remaining >= 1);
+    ahead = &own[0];
+  }
+  const Source source{desktop, e, ahead};
+  appendMembers(out, source);
 
   // A node built with the last unit of budget does not look at its children at all.
   AXValue childrenValue;
@@ -344,6 +384,169 @@ void buildNode(OperationContext& context, const ElementRef& element, int depth, 
   }
   out.push_back('}');
 }
+
+
+// ---- Searches --------------------------------------------------------------------------------
+
+constexpr std::int64_t kSearchBudget = 5000;
+constexpr std::int64_t kDefaultMatches = 20;
+constexpr std::int64_t kMaxMatches = 200;
+constexpr double kDefaultWaitSeconds = 10;
+constexpr double kMinWaitSeconds = 0.1;
+constexpr double kMaxWaitSeconds = 60;
+constexpr std::chrono::milliseconds kPollInterval{100};
+
+// One condition of a search: the attribute's text contains (or is) the wanted text.
+struct Criterion {
+  const char* member;  // its name in the request
+  const std::string& attribute;
+  std::string wanted;
+};
+
+// What "find" and "wait_for" look for, and where.
+struct Query {
+  std::optional<std::int32_t> pid;  // the frontmost application when absent
+  std::vector<Criterion> criteria;
+  bool exact = false;
+  std::int64_t limit = kDefaultMatches;
+  std::int64_t maxDepth = kMaxDepth;
+};
+
+// An integer member that may be absent; an error text when it is there and not an integer.
+std::optional<std::string> optionalInteger(const Json& request, std::string_view op,
+                                           const char* key, std::optional<std::int64_t>& out) {
+  if (member(request, key) == nullptr) return std::nullopt;
+  out = integerMember(request, key);
+  if (!out) return std::string(op) + " \"" + key + "\" must be an integer";
+  return std::nullopt;
+}
+
+// Reads the query members of a "find" or "wait_for" request; an error text for a bad one.
+std::optional<std::string> parseQuery(const Json& request, std::string_view op, Query& query) {
+  const std::string prefix(op);
+  static const std::pair<const char*, const std::string*> kCriteria[] = {
+      {"role", &kRole}, {"subrole", &kSubrole}, {"title", &kTitle}, {"value", &kValue},
+      {"identifier", &AX::identifier}};
+  for (const auto& [name, attribute] : kCriteria) {
+    if (member(request, name) == nullptr) continue;
+    const std::string* wanted = stringMember(request, name);
+    if (wanted == nullptr || wanted->empty()) {
+      return prefix + " \"" + name + "\" must be a non-empty string";
+    }
+    query.criteria.push_back({name, *attribute, *wanted});
+  }
+  if (query.criteria.empty()) {
+    return prefix +
+           " requires at least one of \"role\", \"subrole\", \"title\", \"value\", \"identifier\"";
+  }
+  if (member(request, "match") != nullptr) {
+    const std::string* match = stringMember(request, "match");
+    if (match == nullptr || (*match != "contains" && *match != "exact")) {
+      return prefix + " \"match\" must be \"contains\" or \"exact\"";
+    }
+    query.exact = *match == "exact";
+  }
+  std::optional<std::int64_t> pid, limit, maxDepth;
+  for (auto [key, out] : {std::pair{"pid", &pid}, {"limit", &limit}, {"maxDepth", &maxDepth}}) {
+    if (auto error = optionalInteger(request, op, key, *out)) return error;
+  }
+  if (pid) {
+    query.pid = narrowToInt32(*pid);
+    if (!query.pid) return prefix + " \"pid\" is out of range";
+  }
+  query.limit = std::clamp(limit.value_or(kDefaultMatches), std::int64_t{1}, kMaxMatches);
+  query.maxDepth = std::clamp(maxDepth.value_or(kMaxDepth), kMinDepth, kMaxDepth);
+  return std::nullopt;
+}
+
+char lowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// Whether text contains part, ignoring the case of ASCII letters.
+bool containsFolded(const std::string& text, const std::string& part) {
+  return std::search(text.begin(), text.end(), part.begin(), part.end(), [](char a, char b) {
+           return lowerAscii(a) == lowerAscii(b);
+         }) != text.end();
+}
+
+// The text a criterion compares: the value as a node shows it, other attributes as read.
+std::optional<std::string> criterionText(const Source& source, const std::string& attribute) {
+  return attribute == kValue ? copyValueDescription(source) : copyString(source, attribute);
+}
+
+bool matches(const Source& source, const Query& query) {
+  return std::all_of(query.criteria.begin(), query.criteria.end(), [&](const Criterion& c) {
+    const std::optional<std::string> text = criterionText(source, c.attribute);
+    if (!text) return false;
+    return query.exact ? *text == c.wanted : containsFolded(*text, c.wanted);
+  });
+}
+
+struct Match {
+  ElementRef element;
+  ReadAhead reads;
+};
+
+struct Search {
+  bool application = false;  // there was an application to search
+  bool answered = true;      // and its element answered in time
+  std::int64_t visited = 0;
+  std::vector<Match> matches;
+};
+
+// Walks the query's application as a dump would, within the larger search budget, until
+// `limit` elements match; reads only, registering nothing.
+Search search(Desktop& desktop, const Query& query, std::int64_t limit) {
+  Search out;
+  std::int32_t pid = 0;
+  if (query.pid) {
+    pid = *query.pid;
+  } else {
+    const std::optional<std::int32_t> frontmost = desktop.frontmostApplicationPid();
+    if (!frontmost) return out;
+    pid = *frontmost;
+  }
+  out.application = true;
+  const ElementRef application = desktop.applicationElement(pid);
+  if (application) desktop.setMessagingTimeout(*application, kMessagingTimeoutSeconds);
+  const bool identifiers =
+      std::any_of(query.criteria.begin(), query.criteria.end(),
+                  [](const Criterion& c) { return c.attribute == AX::identifier; });
+  walkLevels(desktop, application, static_cast<int>(query.maxDepth), kSearchBudget,
+             identifiers ? kIdentifierReads : kNodeReads,
+             [&](const ElementRef& element, ReadAhead&& reads) {
+               if (out.visited++ == 0) {
+                 out.answered = reads.attributes.front().first != AXError::cannotComplete;
+               }
+               if (matches(Source{desktop, *element, &reads}, query)) {
+                 out.matches.push_back({element, std::move(reads)});
+               }
+               return static_cast<std::int64_t>(out.matches.size()) < limit;
+             });
+  return out;
+}
+
+// A match as a node without children, under a fresh ref that joins the connection's others.
+std::string matchNode(OperationContext& context, const Match& match) {
+  std::string out = R"({"ref":)";
+  appendJsonString(out, context.refs.registerElement(match.element));
+  appendMembers(out, Source{context.desktop, *match.element, &match.reads});
+  out.push_back('}');
+  return out;
+}
+
+// The query as a person reads it: role containing "Button" and title "OK".
+std::string describeQuery(const Query& query) {
+  std::string out;
+  for (const Criterion& c : query.criteria) {
+    if (!out.empty()) out += " and ";
+    out += c.member;
+    out += query.exact ? " " : " containing ";
+    out += Json(c.wanted).dump(-1, ' ', false, Json::error_handler_t::replace);
+  }
+  return out;
+}
+
+enum class WaitState { exists, gone, enabled, focused, value };
 
 }  // namespace
 
@@ -494,6 +697,121 @@ Reply opAXFocus(OperationContext& context, const Json& request) {
   if (code == AXError::success) return Reply::success();
   if (code == AXError::invalidUIElement) return staleRefReply(request);
   return Reply::failure("focusing failed (" + describeAXResult(code) + ")");
+}
+
+Reply opFind(OperationContext& context, const Json& request) {
+  Desktop& desktop = context.desktop;
+  if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
+  Query query;
+  if (auto error = parseQuery(request, "find", query)) return Reply::failure(std::move(*error));
+
+  const Search found = search(desktop, query, query.limit);
+  if (!found.application) return Reply::failure("no frontmost application to search");
+  // Unlike a dump, a search keeps the refs handed out before it.
+  std::string matches = "[";
+  for (const Match& match : found.matches) {
+    if (matches.size() > 1) matches.push_back(',');
+    matches += matchNode(context, match);
+  }
+  matches.push_back(']');
+  Reply reply = Reply::success();
+  reply.jsonMembers.emplace_back("matches", std::move(matches));
+  reply.body["visited"] = found.visited;
+  return reply;
+}
+
+Reply opWaitFor(OperationContext& context, const Json& request) {
+  using Clock = std::chrono::steady_clock;
+  Desktop& desktop = context.desktop;
+  if (!desktop.accessibilityTrusted()) return Reply::failure(kNotTrusted);
+  Query query;
+  if (auto error = parseQuery(request, "wait_for", query)) {
+    return Reply::failure(std::move(*error));
+  }
+  static const std::pair<const char*, WaitState> kStates[] = {
+      {"exists", WaitState::exists},   {"gone", WaitState::gone},
+      {"enabled", WaitState::enabled}, {"focused", WaitState::focused},
+      {"value", WaitState::value}};
+  const std::string* stateName = stringMember(request, "state");
+  const auto state = std::find_if(std::begin(kStates), std::end(kStates), [&](const auto& row) {
+    return stateName != nullptr && *stateName == row.first;
+  });
+  if (state == std::end(kStates)) {
+    return Reply::failure(
+        R"(wait_for "state" must be "exists", "gone", "enabled", "focused" or "value")");
+  }
+  const std::string* equals = stringMember(request, "equals");
+  if (state->second == WaitState::value && equals == nullptr) {
+    return Reply::failure(R"(wait_for "state": "value" requires a string "equals")");
+  }
+  double seconds = kDefaultWaitSeconds;
+  if (const Json* timeout = member(request, "timeout")) {
+    if (!timeout->is_number()) {
+      return Reply::failure(R"(wait_for "timeout" must be a number of seconds)");
+    }
+    seconds = std::clamp(timeout->get<double>(), kMinWaitSeconds, kMaxWaitSeconds);
+  }
+
+  const auto holds = [&](const Search& found) {
+    if (state->second == WaitState::gone) return found.answered && found.matches.empty();
+    if (found.matches.empty()) return false;
+    const Match& first = found.matches.front();
+    const Source source{desktop, *first.element, &first.reads};
+    switch (state->second) {
+      case WaitState::enabled:
+        return copyBool(source, kEnabled) == true;
+      case WaitState::focused:
+        return copyBool(source, kFocused) == true;
+      case WaitState::value:
+        return copyValueDescription(source).value_or("") == *equals;
+      default:
+        return true;
+    }
+  };
+  const Clock::time_point start = Clock::now();
+  const Clock::time_point deadline =
+      start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  // Ends at the deadline: each turn either answers or waits until then at most.
+  for (;;) {
+    const Search found = search(desktop, query, 1);
+    const Clock::time_point now = Clock::now();
+    if (holds(found)) {
+      Reply reply = Reply::success();
+      if (state->second != WaitState::gone) {
+        reply.jsonMembers.emplace_back("node", matchNode(context, found.matches.front()));
+      }
+      reply.body["waitedMs"] =
+          std::chrono::duration_cast<std::chrono::milliseconds>(now - start).count();
+      return reply;
+    }
+    if (now >= deadline) break;
+    const auto pause = std::min<Clock::duration>(kPollInterval, deadline - now);
+    if (context.hostClosedWithin(std::chrono::ceil<std::chrono::milliseconds>(pause))) {
+      return Reply::failure("wait_for stopped: the host closed the connection");
+    }
+  }
+
+  const std::string what = describeQuery(query);
+  std::string failed;
+  switch (state->second) {
+    case WaitState::exists:
+      failed = "no element with " + what + " appeared";
+      break;
+    case WaitState::gone:
+      failed = "an element with " + what + " was still there";
+      break;
+    case WaitState::enabled:
+      failed = "no element with " + what + " became enabled";
+      break;
+    case WaitState::focused:
+      failed = "no element with " + what + " became focused";
+      break;
+    case WaitState::value:
+      failed = "no element with " + what + " took the value " +
+               Json(*equals).dump(-1, ' ', false, Json::error_handler_t::replace);
+      break;
+  }
+  return Reply::failure("wait_for gave up after " + numberText(seconds) + " s: " + failed);
 }
 
 }  // namespace tervain

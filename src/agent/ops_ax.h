@@ -1,4 +1,5 @@
-// Accessibility operations: "ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus".
+// Accessibility operations: "ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus",
+// "find", "wait_for".
 #pragma once
 
 #include <string>
@@ -12,6 +13,8 @@ Reply opAXElementAt(OperationContext& context, const Json& request);
 Reply opAXAction(OperationContext& context, const Json& request);
 Reply opAXSetValue(OperationContext& context, const Json& request);
 Reply opAXFocus(OperationContext& context, const Json& request);
+Reply opFind(OperationContext& context, const Json& request);
+Reply opWaitFor(OperationContext& context, const Json& request);
 
 // Operator-facing text for an accessibility result code.
 std::string describeAXResult(AXResult code);

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
@@ -401,6 +404,200 @@ TEST_F(AXTest, ElementAtNeedsIntegersAndItsFailuresDescribeTheResultCode) {
   EXPECT_EQ(send({{"op", "ax_element_at"}, {"x", 1}, {"y", 2}})["node"]["ref"], "e1");
 }
 
+// ---- find and wait_for -----------------------------------------------------------------------
+
+class AXFindTest : public AXTest {
+ protected:
+  // The application: a window "Main" holding buttons "Page 2" and "page 1", a disabled check
+  // box "checkbutton" (value 0), a text field "Hello" and a button "Save" with an identifier.
+  struct Scene {
+    ElementRef root, page2, page1, check, text, save;
+  };
+  Scene scene() {
+    const auto make = [this](const char* role, const char* title, std::map<std::string, AXValue> more = {}) {
+      FakeNode node;
+      node.attributes = std::move(more);
+      node.attributes["AXRole"] = std::string(role);
+      if (*title != '\0') node.attributes["AXTitle"] = std::string(title);
+      return element(std::move(node));
+    };
+    Scene s;
+    s.page2 = make("AXButton", "Page 2");
+    s.page1 = make("AXButton", "page 1");
+    s.check = make("AXCheckBox", "checkbutton", {{"AXValue", std::int64_t{0}}, {"AXEnabled", false}});
+    s.text = make("AXTextField", "", {{"AXValue", std::string("Hello")}});
+    s.save = make("AXButton", "Save", {{"AXIdentifier", std::string("save-button")}});
+    FakeNode window;
+    window.attributes = {{"AXRole", std::string("AXWindow")}, {"AXTitle", std::string("Main")}};
+    s.root = withRole("AXApplication",
+                      {element(std::move(window), {s.page2, s.page1, s.check, s.text, s.save})});
+    frontmost(s.root);
+    return s;
+  }
+  Json find(Json request) {
+    request["op"] = "find";
+    return send(request);
+  }
+  // A node as the tables name it: its title, else its role.
+  static Json nameOf(const Json& node) { return node.value("title", node.value("role", "?")); }
+};
+
+TEST_F(AXFindTest, FindMatchesEveryCriterionInTreeOrder) {
+  scene();
+  const auto names = [](std::initializer_list<const char*> list) {
+    Json out = Json::array();
+    for (const char* name : list) out.push_back(name);
+    return out;
+  };
+  const std::pair<Json, Json> table[] = {
+      {{{"role", "button"}}, names({"Page 2", "page 1", "Save"})},
+      {{{"role", "AXButton"}, {"title", "PAGE"}}, names({"Page 2", "page 1"})},
+      {{{"title", "Page 2"}, {"match", "exact"}}, names({"Page 2"})},
+      {{{"title", "page"}, {"match", "exact"}}, names({})},
+      {{{"value", "hell"}}, names({"AXTextField"})},
+      {{{"value", "0"}, {"role", "check"}}, names({"checkbutton"})},
+      {{{"identifier", "SAVE"}}, names({"Save"})},
+      {{{"subrole", "x"}}, names({})},
+      {{{"role", "button"}, {"limit", 2}}, names({"Page 2", "page 1"})},
+      {{{"role", "AXWindow"}, {"maxDepth", 0}}, names({"Main"})},  // clamped to 1
+      {{{"role", "AXButton"}, {"maxDepth", 1}}, names({})},
+      // Refused before anything is read.
+      {Json::object(), R"(find requires at least one of "role", "subrole", "title", "value", "identifier")"},
+      {{{"limit", 3}}, R"(find requires at least one of "role", "subrole", "title", "value", "identifier")"},
+      {{{"role", ""}}, R"(find "role" must be a non-empty string)"},
+      {{{"role", "x"}, {"title", 7}}, R"(find "title" must be a non-empty string)"},
+      {{{"role", "x"}, {"match", "Exact"}}, R"(find "match" must be "contains" or "exact")"},
+      {{{"role", "x"}, {"limit", 2.5}}, R"(find "limit" must be an integer)"},
+      {{{"role", "x"}, {"maxDepth", "2"}}, R"(find "maxDepth" must be an integer)"},
+      {{{"role", "x"}, {"pid", 4294967296LL}}, R"(find "pid" is out of range)"},
+  };
+  for (const auto& [request, expected] : table) {
+    const Json reply = find(request);
+    if (expected.is_string()) {
+      EXPECT_EQ(reply, Json({{"ok", false}, {"error", expected}})) << request;
+      continue;
+    }
+    Json found = Json::array();
+    for (const Json& node : reply["matches"]) {
+      EXPECT_FALSE(node.contains("children")) << request;
+      found.push_back(nameOf(node));
+    }
+    EXPECT_EQ(found, expected) << request;
+  }
+  // A walk that finds its limit stops there; one that does not visits the whole tree.
+  EXPECT_EQ(find({{"role", "AXWindow"}, {"limit", 1}})["visited"], 2);
+  EXPECT_EQ(find({{"role", "none"}})["visited"], 7);
+  // Members as a dump writes them.
+  Json check = find({{"title", "check"}})["matches"][0];
+  EXPECT_EQ(check.erase("ref"), 1u);
+  EXPECT_EQ(check, Json::parse(R"({"role":"AXCheckBox","title":"checkbutton","value":"0",
+                                   "enabled":false})"));
+  desktop.frontmost.reset();
+  EXPECT_EQ(find({{"role", "x"}})["error"], "no frontmost application to search");
+}
+
+// A search adds refs and makes none stale; the registry keeps the newest 4096.
+TEST_F(AXFindTest, FindClampsItsLimitAndKeepsEarlierRefs) {
+  std::vector<ElementRef> groups;
+  for (int i = 0; i < 6; ++i) {
+    std::vector<ElementRef> buttons;
+    for (int j = 0; j < 48; ++j) buttons.push_back(withRole("AXButton"));
+    groups.push_back(element({}, buttons));
+  }
+  frontmost(element({}, groups));
+  for (const auto& [limit, count] : std::vector<std::pair<Json, std::size_t>>{
+           {Json(), 20}, {0, 1}, {-5, 1}, {199, 199}, {500, 200}}) {
+    Json request = {{"role", "AXButton"}};
+    if (!limit.is_null()) request["limit"] = limit;
+    EXPECT_EQ(find(request)["matches"].size(), count) << limit;
+  }
+  EXPECT_TRUE(focus("e1")["ok"]);  // 421 refs so far, all live
+  std::string last;
+  for (int i = 0; i < 19; ++i) last = find({{"role", "AXButton"}, {"limit", 200}})["matches"][199]["ref"];
+  EXPECT_EQ(last, "e4221");
+  EXPECT_EQ(focus("e125")["error"], staleText("e125"));
+  EXPECT_TRUE(focus("e126")["ok"]);
+  EXPECT_TRUE(focus(last)["ok"]);
+}
+
+TEST_F(AXFindTest, WaitForAnswersOnThePollWhereItsStateHolds) {
+  using Change = std::function<void(Scene&)>;
+  const auto set = [this](ElementRef Scene::*which, const char* attribute, AXValue value) -> Change {
+    return [this, which, attribute, value](Scene& s) {
+      desktop.node(s.*which).attributes[attribute] = value;
+    };
+  };
+  const auto gone = [](const char* what) {
+    return std::string("wait_for gave up after 0.1 s: ") + what;
+  };
+  const struct {
+    Json request;
+    Change setup;      // before the first poll
+    Change onThird;    // before the third poll
+    Json expected;     // the found node's name, null for none, or the error
+  } table[] = {
+      {{{"state", "exists"}, {"title", "Page 3"}}, {}, set(&Scene::page1, "AXTitle", std::string("Page 3")), "Page 3"},
+      {{{"state", "gone"}, {"title", "Page 2"}, {"match", "exact"}}, {}, set(&Scene::page2, "AXTitle", std::string("Page 20")), Json()},
+      {{{"state", "enabled"}, {"title", "checkbutton"}}, {}, set(&Scene::check, "AXEnabled", true), "checkbutton"},
+      {{{"state", "focused"}, {"role", "AXTextField"}}, {}, set(&Scene::text, "AXFocused", true), "AXTextField"},
+      {{{"state", "value"}, {"role", "AXTextField"}, {"equals", "Bye"}}, {}, set(&Scene::text, "AXValue", std::string("Bye")), "AXTextField"},
+      {{{"state", "value"}, {"role", "AXTextField"}, {"equals", ""}}, {}, set(&Scene::text, "AXValue", std::string()), "AXTextField"},
+      // The first match decides: "page 1" comes after "Page 2".
+      {{{"state", "enabled"}, {"title", "page"}, {"timeout", 0.01}},
+       set(&Scene::page2, "AXEnabled", false), set(&Scene::page1, "AXEnabled", true),
+       gone(R"(no element with title containing "page" became enabled)")},
+      {{{"state", "exists"}, {"title", "Nope"}, {"timeout", 0}}, {}, {},
+       gone(R"(no element with title containing "Nope" appeared)")},
+      {{{"state", "value"}, {"title", "check"}, {"equals", "1"}, {"timeout", 0.1}}, {}, {},
+       gone(R"(no element with title containing "check" took the value "1")")},
+      {{{"state", "focused"}, {"role", "AXButton"}, {"title", "Save"}, {"match", "exact"}, {"timeout", -1}}, {}, {},
+       gone(R"(no element with role "AXButton" and title "Save" became focused)")},
+      // An application that does not answer has not lost its elements.
+      {{{"state", "gone"}, {"title", "absent"}, {"timeout", 0.1}},
+       [this](Scene& s) { desktop.node(s.root).attributeErrors["AXRole"] = AXError::cannotComplete; }, {},
+       gone(R"(an element with title containing "absent" was still there)")},
+      // Refused before anything is read.
+      {{{"title", "x"}}, {}, {}, R"(wait_for "state" must be "exists", "gone", "enabled", "focused" or "value")"},
+      {{{"title", "x"}, {"state", "there"}}, {}, {}, R"(wait_for "state" must be "exists", "gone", "enabled", "focused" or "value")"},
+      {{{"title", "x"}, {"state", "value"}, {"equals", 1}}, {}, {}, R"(wait_for "state": "value" requires a string "equals")"},
+      {{{"title", "x"}, {"state", "exists"}, {"timeout", "5"}}, {}, {}, R"(wait_for "timeout" must be a number of seconds)"},
+      {{{"state", "exists"}}, {}, {}, R"(wait_for requires at least one of "role", "subrole", "title", "value", "identifier")"},
+  };
+  for (const auto& row : table) {
+    Scene s = scene();
+    if (row.setup) row.setup(s);
+    int polls = 0;
+    desktop.onApplicationElement = [&](std::int32_t) {
+      if (++polls == 3 && row.onThird) row.onThird(s);
+    };
+    Json request = row.request;
+    request["op"] = "wait_for";
+    const Json reply = send(request);
+    desktop.onApplicationElement = nullptr;
+    if (row.expected.is_string() && !reply["ok"].get<bool>()) {
+      EXPECT_EQ(reply["error"], row.expected) << request;
+      continue;
+    }
+    ASSERT_TRUE(reply["ok"]) << request << reply;
+    EXPECT_EQ(polls, 3) << request;
+    EXPECT_TRUE(reply["waitedMs"].is_number_integer()) << request;
+    EXPECT_EQ(reply.contains("node") ? nameOf(reply["node"]) : Json(), row.expected) << request;
+  }
+}
+
+// A host that goes away ends the wait at the next pause rather than at the time-out.
+TEST_F(AXFindTest, WaitForStopsWhenTheHostCloses) {
+  scene();
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const std::string line = R"({"op":"wait_for","state":"exists","title":"Never","timeout":5})" "\n";
+  ASSERT_EQ(::write(ends[0], line.data(), line.size()), static_cast<ssize_t>(line.size()));
+  ::close(ends[0]);
+  desktop.applicationElementsCreated.clear();
+  ConnectionHandler(ends[1], context).run();
+  EXPECT_EQ(desktop.applicationElementsCreated.size(), 1u);
+}
+
 // ---- ax_action -------------------------------------------------------------------------------
 
 class AXActionTest : public AXTest {
@@ -423,7 +620,8 @@ class AXActionTest : public AXTest {
 TEST_F(AXActionTest, GrantIsCheckedBeforeAnythingElse) {
   desktop.accessibility = false;
   desktop.applicationElementsCreated.clear();
-  for (const char* op : {"ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus"}) {
+  for (const char* op : {"ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus",
+                         "find", "wait_for"}) {
     EXPECT_EQ(send({{"op", op}}), Json({{"ok", false}, {"error", kNotTrusted}})) << op;
     EXPECT_EQ(error({{"op", op}, {"ref", "e2"}, {"value", "x"}, {"pid", 1e300}, {"x", 1}, {"y", 2}}),
               kNotTrusted)

@@ -167,6 +167,26 @@ Result<AXTree> parseAXDump(const Json& reply) {
   return result;
 }
 
+Result<AXMatches> parseFind(const Json& reply) {
+  auto result = carry<AXMatches>(parseReply(reply));
+  if (!result.ok) return result;
+  if (const auto m = reply.find("matches"); m != reply.end() && m->is_array()) {
+    for (const Json& node : *m) result.value.matches.push_back(parseAXNode(node));
+  }
+  result.value.visited = integerOr(reply, "visited", 0);
+  return result;
+}
+
+Result<AXWaited> parseWaitFor(const Json& reply) {
+  auto result = carry<AXWaited>(parseReply(reply));
+  if (!result.ok) return result;
+  if (const auto node = reply.find("node"); node != reply.end()) {
+    result.value.node = parseAXNode(*node);
+  }
+  result.value.waitedMs = integerOr(reply, "waitedMs", 0);
+  return result;
+}
+
 Result<AXNode> parseAXElementAt(const Json& reply) {
   auto result = carry<AXNode>(parseReply(reply));
   if (!result.ok) return result;
@@ -380,6 +400,38 @@ Result<AXTree> Connection::axDump(std::optional<std::int64_t> pid,
 
 Result<AXNode> Connection::axElementAt(std::int64_t x, std::int64_t y) {
   return parseAXElementAt(call({{"op", "ax_element_at"}, {"x", x}, {"y", y}}));
+}
+
+namespace {
+
+Json queryRequest(const char* op, const AXQuery& query) {
+  Json request = {{"op", op}};
+  for (const auto& [key, text] : {std::pair{"role", &query.role}, {"subrole", &query.subrole},
+                                  {"title", &query.title}, {"value", &query.value},
+                                  {"identifier", &query.identifier}}) {
+    if (*text) request[key] = **text;
+  }
+  if (query.exact) request["match"] = "exact";
+  if (query.pid) request["pid"] = *query.pid;
+  if (query.limit) request["limit"] = *query.limit;
+  if (query.maxDepth) request["maxDepth"] = *query.maxDepth;
+  return request;
+}
+
+}  // namespace
+
+Result<AXMatches> Connection::find(const AXQuery& query) {
+  return parseFind(call(queryRequest("find", query)));
+}
+
+Result<AXWaited> Connection::waitFor(const AXWaitRequest& request) {
+  static constexpr const char* kStates[] = {"exists", "gone", "enabled", "focused", "value"};
+  Json line = queryRequest("wait_for", request.query);
+  line.erase("limit");
+  line["state"] = kStates[static_cast<int>(request.state)];
+  if (request.state == AXWaitState::value) line["equals"] = request.equals;
+  if (request.timeoutSeconds) line["timeout"] = *request.timeoutSeconds;
+  return parseWaitFor(call(line));
 }
 
 Result<ActionOutcome> Connection::axAction(const std::string& ref, const std::string& action) {

@@ -153,6 +153,40 @@ struct AXTree {
   bool truncated = false;  // the dump used its whole node budget
 };
 
+// What find() and waitFor() look for: elements of one application whose attributes all match
+// the criteria given. At least one of the five criteria must be set.
+struct AXQuery {
+  std::optional<std::string> role;        // e.g. "AXButton"
+  std::optional<std::string> subrole;
+  std::optional<std::string> title;
+  std::optional<std::string> value;       // the value as a node shows it
+  std::optional<std::string> identifier;  // AXIdentifier (elements of the X11 desktop have none)
+  bool exact = false;  // whole texts, case and all; else contains, ignoring ASCII letter case
+  std::optional<std::int64_t> pid;       // the frontmost application when absent
+  std::optional<std::int64_t> limit;     // find: most matches returned, 1 to 200 (default 20)
+  std::optional<std::int64_t> maxDepth;  // 1 to 25 (default 25)
+};
+
+struct AXMatches {
+  std::vector<AXNode> matches;  // shallowest first, each without children and with a fresh ref
+  std::int64_t visited = 0;     // elements examined (at most 5000)
+};
+
+// What waitFor() waits for, of the query's first match ("gone": of there being none).
+enum class AXWaitState { exists, gone, enabled, focused, value };
+
+struct AXWaitRequest {
+  AXQuery query;
+  AXWaitState state = AXWaitState::exists;
+  std::string equals;                   // the value waited for, with AXWaitState::value
+  std::optional<double> timeoutSeconds;  // 0.1 to 60 (default 10)
+};
+
+struct AXWaited {
+  std::optional<AXNode> node;  // the first match; none when waiting for "gone"
+  std::int64_t waitedMs = 0;
+};
+
 struct ActionOutcome {
   // Set when the application did not confirm in time: the action possibly took effect.
   std::optional<std::string> note;
@@ -229,6 +263,8 @@ Result<Json> parseReply(const Json& reply);
 Result<PingInfo> parsePing(const Json& reply);
 Result<AXTree> parseAXDump(const Json& reply);
 Result<AXNode> parseAXElementAt(const Json& reply);
+Result<AXMatches> parseFind(const Json& reply);
+Result<AXWaited> parseWaitFor(const Json& reply);
 Result<Screenshot> parseScreenshot(const Json& reply);
 Result<ShellEvents> parseShellEvents(const Json& reply);
 // Also throws ClientError for an ok reply without "deleted": an agent too old to delete exactly
@@ -277,6 +313,11 @@ class Connection {
   Result<AXTree> axDump(std::optional<std::int64_t> pid = {},
                         std::optional<std::int64_t> maxDepth = {});
   Result<AXNode> axElementAt(std::int64_t x, std::int64_t y);
+  // Searches an application's tree. Unlike axDump(), it keeps the refs handed out before.
+  Result<AXMatches> find(const AXQuery& query);
+  // Waits until the state holds, for at most the timeout (the agent answers no later than one
+  // poll after it, 100 ms); on time-out the error says what was waited for and how long.
+  Result<AXWaited> waitFor(const AXWaitRequest& request);
   Result<ActionOutcome> axAction(const std::string& ref, const std::string& action = "");
   Result<Done> axSetValue(const std::string& ref, const std::string& value);
   Result<Done> axFocus(const std::string& ref);

@@ -1,9 +1,11 @@
 #include "core/socket_io.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "vsock/tervain_vsock.h"
 
@@ -46,6 +48,37 @@ ReadResult readSome(int fd, char* buffer, std::size_t size, std::chrono::millise
     // the same.
     if (errno == ECONNRESET) return {ReadStatus::closed};
     return {ReadStatus::failed, 0, errno};
+  }
+}
+
+bool peerClosedWithin(int fd, std::chrono::milliseconds wait) {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + wait;
+#ifdef POLLRDHUP
+  constexpr short kEvents = POLLIN | POLLRDHUP;
+#else
+  constexpr short kEvents = POLLIN;
+#endif
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) return false;
+    pollfd p{.fd = fd, .events = kEvents, .revents = 0};
+    const int ready = ::poll(&p, 1, static_cast<int>(left.count()));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return false;
+    if ((p.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return true;
+#ifdef POLLRDHUP
+    if ((p.revents & POLLRDHUP) != 0) return true;
+#endif
+    // Readable: either the end of the stream or the host's next request, already sent.
+    char byte = 0;
+    const ssize_t n = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n == 0) return true;
+    if (n < 0 && errno == ECONNRESET) return true;
+    // A request waiting keeps the socket readable: poll would answer at once from now on, so
+    // the rest of the wait is slept.
+    std::this_thread::sleep_for(deadline - Clock::now());
+    return false;
   }
 }
 

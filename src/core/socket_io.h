@@ -21,4 +21,9 @@ struct ReadResult {
 // One read of at most size bytes, retried on EINTR. A zero timeout waits for ever.
 ReadResult readSome(int fd, char* buffer, std::size_t size, std::chrono::milliseconds timeout);
 
+// Waits up to `wait` for the peer to close its end (or its sending side), and says whether it
+// has; takes no bytes from the socket. Bytes waiting to be read do not end the wait early. A
+// negative fd just waits.
+bool peerClosedWithin(int fd, std::chrono::milliseconds wait);
+
 }  // namespace tervain

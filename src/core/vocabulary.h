@@ -24,6 +24,7 @@ inline const std::string focused = "AXFocused";
 inline const std::string position = "AXPosition";
 inline const std::string size = "AXSize";
 inline const std::string children = "AXChildren";
+inline const std::string identifier = "AXIdentifier";
 // Actions.
 inline const std::string press = "AXPress";
 }  // namespace AX

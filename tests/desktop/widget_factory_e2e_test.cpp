@@ -384,6 +384,54 @@ TEST_F(WidgetFactory, AccessibilityInTheMacVocabularyOverTheWire) {
   EXPECT_FALSE(nobody["tree"].contains("children")) << nobody.dump();
 }
 
+// find and wait_for over one connection: the check boxes found by title, "Page 2" pressed through
+// a found ref, its rows waited for; then page 1 again through a ref from the first search, which
+// no later search made stale.
+TEST_F(WidgetFactory, FindThenActThenWaitForThePageToChange) {
+  LineClient host = agent->connect();
+  const auto op = [&host](const std::string& name, Json members) {
+    members["op"] = name;
+    members["pid"] = window->pid;
+    if (!host.send(members.dump() + "\n")) return Json::object();
+    const std::optional<std::string> reply = host.readLine(std::chrono::seconds(30));
+    return reply ? Json::parse(*reply) : Json::object();
+  };
+  const Json checks = op("find", {{"role", "AXCheckBox"}, {"title", "checkbutton"}, {"match", "exact"}});
+  ASSERT_EQ(checks["ok"], true) << checks.dump();
+  EXPECT_GE(checks["matches"].size(), 2u) << checks.dump();
+  for (const Json& node : checks["matches"]) EXPECT_TRUE(titled(node, "AXCheckBox", "checkbutton"));
+
+  // The stack switcher's buttons are the shallowest "Page N" radio buttons.
+  const auto pageButton = [&op](const char* title) {
+    return op("find", {{"role", "AXRadioButton"}, {"title", title}, {"match", "exact"}, {"limit", 1}});
+  };
+  const Json page1 = pageButton("Page 1");
+  const Json page2 = pageButton("Page 2");
+  ASSERT_EQ(page2["matches"].size(), 1u) << page2.dump();
+  EXPECT_EQ(page2["matches"][0]["value"], "0");
+  const Json row = {{"title", "Row 1"}, {"match", "exact"}};
+  EXPECT_EQ(op("find", row)["matches"], Json::array()) << "page 2 is showing already";
+
+  ASSERT_EQ(op("ax_action", {{"ref", page2["matches"][0]["ref"]}}), Json({{"ok", true}}));
+  Json waited = op("wait_for", {{"title", "Row 1"}, {"match", "exact"}, {"state", "exists"}});
+  ASSERT_EQ(waited["ok"], true) << waited.dump();
+  EXPECT_EQ(waited["node"]["title"], "Row 1");
+  EXPECT_TRUE(waited["waitedMs"].is_number_integer());
+  waited = op("wait_for", {{"role", "AXRadioButton"}, {"title", "Page 2"}, {"match", "exact"},
+                           {"state", "value"}, {"equals", "1"}, {"timeout", 5}});
+  EXPECT_EQ(waited["ok"], true) << waited.dump();
+
+  ASSERT_EQ(op("ax_action", {{"ref", page1["matches"][0]["ref"]}}), Json({{"ok", true}}));
+  waited = op("wait_for", {{"title", "Row 1"}, {"match", "exact"}, {"state", "gone"}});
+  EXPECT_EQ(waited["ok"], true) << waited.dump();
+  EXPECT_FALSE(waited.contains("node"));
+  // A state that never comes: the agent gives up and says what it waited for.
+  EXPECT_EQ(op("wait_for", {{"title", "Row 1"}, {"match", "exact"}, {"state", "exists"},
+                            {"timeout", 0.3}}),
+            Json({{"ok", false},
+                  {"error", R"(wait_for gave up after 0.3 s: no element with title "Row 1" appeared)"}}));
+}
+
 // An application that stops answering (SIGSTOP, as a main loop stuck in a modal dialog) holds
 // only the connection that asks it, each request for about the messaging timeout; meanwhile
 // another connection dumps another application in full. Once it runs again, it answers again.
