@@ -18,11 +18,11 @@ const ctlPath = process.env.TERVAIN_CTL;
 const kScreenGrant =
   'Screen Recording (kTCCServiceScreenCapture) is not granted to the agent \u2014 re-run provisioning';
 const kTodaysTools = [
-  'click', 'cursor_position', 'double_click', 'drag', 'element_action', 'element_at', 'focus',
+  'click', 'cursor_position', 'double_click', 'drag', 'element_action', 'element_at', 'find', 'focus',
   'key_down', 'key_up', 'launch_app', 'mouse_down', 'mouse_up', 'move', 'press_key', 'read_file',
-  'run_command', 'screenshot', 'scroll', 'set_value', 'tree', 'type_text', 'write_file',
+  'run_command', 'screenshot', 'scroll', 'set_value', 'tree', 'type_text', 'wait_for', 'write_file',
 ];
-const kReadOnly = new Set(['screenshot', 'cursor_position', 'tree', 'element_at', 'read_file']);
+const kReadOnly = new Set(['screenshot', 'cursor_position', 'tree', 'element_at', 'read_file', 'find', 'wait_for']);
 
 let dir;
 const agents = [];
@@ -219,6 +219,22 @@ test('on a real desktop: a screenshot image, and tree + element_action in gtk3-w
       }
       assert.match(pageLine(after, 'Page 2') ?? '', /value="1"/, 'pressing Page 2 selects it');
       assert.match(pageLine(after, 'Page 1') ?? '', /value="0"/);
+
+      // find, then act on its ref: back to Page 1, and wait_for sees it selected.
+      const found = await desktop.callTool({
+        name: 'find', arguments: { role: 'AXRadioButton', title: 'Page 1', match: 'exact', pid: factory.pid },
+      });
+      assert.equal(found.isError, false, textOf(found));
+      const page1 = textOf(found).split('\n')[0];
+      assert.match(page1, /^e\d+ AXRadioButton "Page 1"/);
+      const back = await desktop.callTool({ name: 'element_action', arguments: { ref: page1.split(' ')[0] } });
+      assert.equal(back.isError, false, textOf(back));
+      const selected = await desktop.callTool({
+        name: 'wait_for',
+        arguments: { role: 'AXRadioButton', title: 'Page 1', match: 'exact', pid: factory.pid, state: 'value', equals: '1', timeout: 10 },
+      });
+      assert.equal(selected.isError, false, textOf(selected));
+      assert.match(textOf(selected), /\(after \d+ ms\)/);
 
       const marked = await desktop.callTool({ name: 'screenshot', arguments: { maxWidth: 800, annotate: true } });
       assert.equal(marked.isError, false, textOf(marked));

@@ -601,10 +601,10 @@ constexpr ToolSpec kTools[] = {
        "identifier": {"type": "string", "minLength": 1},
        "match": {"type": "string", "enum": ["contains", "exact"]},
        "pid": {"type": "integer"},
-       "state": {"type": "string", "enum": ["exists", "gone", "enabled", "focused", "value"], "description": "Default exists"},
+       "state": {"type": "string", "enum": ["exists", "gone", "enabled", "focused", "value"], "description": "What to wait for: the element to exist or be gone, enabled, focused, or to have the value equals"},
        "equals": {"type": "string", "description": "The value to wait for, with state value"},
        "timeout": {"type": "number", "minimum": 0.1, "maximum": 25, "description": "Seconds (default 10)"}},
-       "additionalProperties": false})J",
+       "required": ["state"], "additionalProperties": false})J",
      "wait_for", "wait_for", true, false, false, false, waitFor},
     {"windows", "List windows",
      "The windows of every regular application (or of pid): ref, title, frame in points, pid, "
