@@ -178,7 +178,7 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
             "ax_set_value ax_focus click move drag type key scroll mouse_down mouse_up key_down "
             "key_up cursor_position launch_app screenshot.region screenshot.maxSize "
             "screenshot.png screenshot.quality click.modifiers scroll.modifiers "
-            "drag.modifiers exec.env exec.cwd exec.timeout\n");
+            "drag.modifiers exec.env exec.cwd exec.timeout exec.tty\n");
 }
 
 TEST_F(TervainctlTest, ARefusalExitsOneWithTheAgentsErrorOnceOnStderr) {
