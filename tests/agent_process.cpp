@@ -64,6 +64,12 @@ pid_t spawnProgram(const std::vector<std::string>& argv, const SpawnOptions& opt
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
     posix_spawnattr_setpgroup(&attributes, 0);
   }
+  if (!options.terminal.empty()) {
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    posix_spawn_file_actions_addopen(&actions, 0, options.terminal.c_str(), O_RDWR, 0);
+    posix_spawn_file_actions_adddup2(&actions, 0, 1);
+    posix_spawn_file_actions_adddup2(&actions, 0, 2);
+  }
   pid_t pid = -1;
   const int rc =
       ::posix_spawn(&pid, argvPtrs[0], &actions, &attributes, argvPtrs.data(), envPtrs.data());

@@ -20,6 +20,9 @@ struct SpawnOptions {
   int stdoutFd = -1;
   int stderrFd = -1;
   bool newGroup = false;  // lead a process group of its own, to be stopped as a whole
+  // A terminal device the child opens as 0, 1 and 2 once it leads a new session: its controlling
+  // terminal (the streams above are then unused).
+  std::string terminal;
 };
 
 // Starts argv[0] (a path) with posix_spawn: safe in a process with threads, and the child gets

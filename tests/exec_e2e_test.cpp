@@ -67,6 +67,8 @@ TEST(ExecE2ETest, ABadCommandGetsAnErrorFrameOnlyAndNothingRuns) {
       {"{\"op\":\"exec\",\"command\":null}", "exec requires a \"command\" string"},
       // A C string would end at the NUL: only "echo first" would run, and succeed.
       {R"({"op":"exec","command":"echo first\u0000; echo second"})", "NUL byte at offset 10"},
+      {R"({"op":"exec","command":"true","tty":{"rows":24,"cols":0}})",
+       R"("cols" must be an integer from 1 to 10000)"},
   };
   for (const auto& c : cases) {
     LineClient client = agent.connect();

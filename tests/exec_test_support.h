@@ -38,13 +38,16 @@ struct ExecTranscript {
   bool complete() const { return code.has_value() || error.has_value(); }
 };
 
-// Reads frames until an "x" or "err" frame arrives, the stream ends, or the limit passes.
-inline ExecTranscript readExecFrames(LineClient& client,
-                                     std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+// Reads frames into t until an "x" or "err" frame arrives, the stream ends, the limit passes,
+// or (when given) the output from outFrom on holds until.
+inline void readExecFramesInto(LineClient& client, ExecTranscript& t,
+                               std::chrono::milliseconds limit, std::string_view until = {},
+                               std::size_t outFrom = 0) {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + limit;
-  ExecTranscript t;
-  while (!t.complete()) {
+  while (!t.complete() &&
+         (until.empty() || t.out.size() < outFrom ||
+          t.out.find(until, outFrom) == std::string::npos)) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) break;
@@ -76,7 +79,23 @@ inline ExecTranscript readExecFrames(LineClient& client,
       t.badFrames.push_back(*line);
     }
   }
+}
+
+// Reads frames until an "x" or "err" frame arrives, the stream ends, or the limit passes.
+inline ExecTranscript readExecFrames(LineClient& client,
+                                     std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+  ExecTranscript t;
+  readExecFramesInto(client, t, limit);
   return t;
+}
+
+// What a command on a terminal of rows x cols gets from the host: {"rows":R,"cols":C}, as the
+// request's "tty" and, with "t":"resize", as a resize frame.
+inline Json terminalSize(int rows, int cols) { return Json{{"rows", rows}, {"cols", cols}}; }
+inline std::string resizeFrame(int rows, int cols) {
+  Json frame = terminalSize(rows, cols);
+  frame["t"] = "resize";
+  return frame.dump() + "\n";
 }
 
 // An "i" frame line carrying bytes.

@@ -4,9 +4,11 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -69,6 +71,7 @@ class CtlRun {
     std::map<std::string, std::string> env;
     bool withAddress = true;
     bool stdoutReaderGone = false;  // standard output a pipe whose reader has closed it
+    std::string terminal;  // a terminal to run on instead (its controlling one), output unread
   };
 
   CtlRun(const TempDir& dir, const std::string& socketPath, std::vector<std::string> args,
@@ -79,7 +82,8 @@ class CtlRun {
     errPath = stem + ".err";
     std::vector<std::string> argv = {TERVAIN_CTL_PATH};
     argv.insert(argv.end(), args.begin(), args.end());
-    SpawnOptions spawn{.env = options.env, .unsetEnv = {"TERVAIN_AGENT_ADDR"}};
+    SpawnOptions spawn{
+        .env = options.env, .unsetEnv = {"TERVAIN_AGENT_ADDR"}, .terminal = options.terminal};
     if (options.withAddress) spawn.env.try_emplace("TERVAIN_AGENT_ADDR", "unix:" + socketPath);
     // A reader that is gone: the child writes into a pipe whose read end nobody holds.
     int pipeEnds[2] = {-1, -1};
@@ -178,7 +182,7 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
             "ax_set_value ax_focus click move drag type key scroll mouse_down mouse_up key_down "
             "key_up cursor_position launch_app find wait_for screenshot.region screenshot.maxSize "
             "screenshot.png screenshot.quality click.modifiers scroll.modifiers "
-            "drag.modifiers exec.env exec.cwd exec.timeout\n");
+            "drag.modifiers exec.env exec.cwd exec.timeout exec.tty\n");
 }
 
 TEST_F(TervainctlTest, ARefusalExitsOneWithTheAgentsErrorOnceOnStderr) {
@@ -342,6 +346,10 @@ TEST_F(TervainctlTest, ExecExitStatusIsTheCommands) {
   EXPECT_EQ(seven.status, 7);
   EXPECT_EQ(seven.out, "out\n");
   EXPECT_EQ(seven.err, "err\n");
+  // -t without a local terminal: one of 80x24, whose lines end the terminal's way.
+  const CtlResult sized = run({"exec", "-t", "stty size; exit 5"});
+  EXPECT_EQ(sized.status, 5);
+  EXPECT_EQ(sized.out, "24 80\r\n");
   const CtlResult killed = run({"exec", "kill -TERM $$"});
   EXPECT_TRUE(killed.exited);
   EXPECT_EQ(killed.status, 143);
@@ -385,6 +393,67 @@ TEST_F(TervainctlTest, ExecForwardsInterruptAndTerminateToTheCommand) {
   }
 }
 
+// tervainctl shell on a terminal the test holds: the guest shell sees its size and a change of it
+// (SIGWINCH from the kernel to tervainctl, a resize to the guest), tervainctl exits with the
+// shell's status and leaves the terminal's modes as it found them.
+TEST_F(TervainctlTest, ShellFollowsTheLocalTerminalsSizeAndExitsWithTheShellsStatus) {
+  UniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_TRUE(master);
+  char name[128] = {};
+  ASSERT_EQ(::grantpt(master.get()), 0);
+  ASSERT_EQ(::unlockpt(master.get()), 0);
+  ASSERT_EQ(::ptsname_r(master.get(), name, sizeof name), 0);
+  auto setSize = [&](unsigned short rows, unsigned short cols) {
+    winsize size{.ws_row = rows, .ws_col = cols, .ws_xpixel = 0, .ws_ypixel = 0};
+    return ::ioctl(master.get(), TIOCSWINSZ, &size) == 0;
+  };
+  ASSERT_TRUE(setSize(33, 101));
+  termios before{};
+  ASSERT_EQ(::tcgetattr(master.get(), &before), 0);
+  CtlRun shell = start({"shell", "--env", "SHELL=/bin/sh"}, {.terminal = name});
+  std::string screen;
+  // Reads the terminal until what tervainctl wrote holds text (from `from` on).
+  auto readUntil = [&](std::string_view text, std::size_t from) {
+    const auto deadline = std::chrono::steady_clock::now() + 2s;
+    while (screen.size() < from || screen.find(text, from) == std::string::npos) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd ready{master.get(), POLLIN, 0};
+      if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) return false;
+      char chunk[4096];
+      const ssize_t n = ::read(master.get(), chunk, sizeof chunk);
+      if (n <= 0) return false;
+      screen.append(chunk, static_cast<std::size_t>(n));
+    }
+    return true;
+  };
+  // Types `stty size` until the terminal shows the size line (a marker behind it, echoed as
+  // typed, e''nd, tells an answer from the echo), a bounded number of times: what is typed before
+  // the guest shell is ready may be lost, and a line may overtake a resize.
+  auto sizeShown = [&](std::string_view size) {
+    const std::string keys = "stty size; echo e''nd\n";
+    const std::string line = "\r\n" + std::string(size) + "\r\nend\r\n";
+    for (int tries = 0; tries < 15; ++tries) {
+      const std::size_t from = screen.size();
+      if (::write(master.get(), keys.data(), keys.size()) != static_cast<ssize_t>(keys.size())) {
+        return false;
+      }
+      if (readUntil(line, from)) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(sizeShown("33 101")) << screen;
+  ASSERT_TRUE(setSize(40, 120));
+  EXPECT_TRUE(sizeShown("40 120")) << screen;
+  ASSERT_EQ(::write(master.get(), "exit 3\n", 7), 7);
+  const CtlResult r = shell.finish(20s);
+  EXPECT_TRUE(r.exited);
+  EXPECT_EQ(r.status, 3);
+  termios after{};
+  ASSERT_EQ(::tcgetattr(master.get(), &after), 0);
+  EXPECT_EQ(after.c_lflag, before.c_lflag) << "raw mode was left on";
+}
+
 // An agent that cannot start the command answers with an "err" frame, and one that predates an
 // option answers ping without it; each played here by a socket that answers the first line.
 TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
@@ -397,6 +466,8 @@ TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
       {{"exec", "--cwd", "/", "--env", "A=1", "touch", local.file("ran")},
        R"({"ok":true,"version":2,"features":["exec","exec.env"]})",
        "tervainctl: the agent does not know exec --cwd (it is too old); nothing was run\n"},
+      {{"shell"}, R"({"ok":true,"version":2,"features":["exec","exec.env"]})",
+       "tervainctl: the agent does not know exec -t (it is too old); nothing was run\n"},
   };
   for (const auto& c : cases) {
     const std::string path = local.file("refusing.sock");

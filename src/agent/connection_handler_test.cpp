@@ -64,7 +64,7 @@ TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
   for (const char* option :
        {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality",
         "click.modifiers", "scroll.modifiers", "drag.modifiers", "exec.env", "exec.cwd",
-        "exec.timeout"}) {
+        "exec.timeout", "exec.tty"}) {
     features.push_back(option);
   }
   EXPECT_EQ(ping["features"], features);

@@ -33,7 +33,7 @@ Reply opPing(OperationContext& context, const Json&) {
   for (const char* option :
        {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality",
         "click.modifiers", "scroll.modifiers", "drag.modifiers", "exec.env", "exec.cwd",
-        "exec.timeout"}) {
+        "exec.timeout", "exec.tty"}) {
     features.push_back(option);
   }
 

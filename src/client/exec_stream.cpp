@@ -70,6 +70,12 @@ ExecStream ExecStream::start(Connection connection, const ExecRequest& request) 
   if (!request.env.empty()) line[std::string(wire::envKey)] = request.env;
   if (request.cwd) line[std::string(wire::cwdKey)] = *request.cwd;
   if (request.timeoutSeconds) line[std::string(wire::timeoutKey)] = *request.timeoutSeconds;
+  if (request.tty) {
+    Json& tty = line[std::string(wire::ttyKey)];
+    tty[std::string(wire::rowsKey)] = request.tty->rows;
+    tty[std::string(wire::colsKey)] = request.tty->cols;
+    if (request.tty->term) tty[std::string(wire::termKey)] = *request.tty->term;
+  }
   connection.send(line);
   auto state = std::make_unique<State>();
   std::string pending;
@@ -100,6 +106,12 @@ bool ExecStream::closeStdin() {
 bool ExecStream::sendSignal(int signal) {
   std::lock_guard lock(state->writeMutex);
   return state->writeFrame("{\"t\":\"sig\",\"n\":" + std::to_string(signal) + "}\n");
+}
+
+bool ExecStream::resize(int rows, int cols) {
+  std::lock_guard lock(state->writeMutex);
+  return state->writeFrame("{\"t\":\"resize\",\"rows\":" + std::to_string(rows) +
+                           ",\"cols\":" + std::to_string(cols) + "}\n");
 }
 
 void ExecStream::abort() {

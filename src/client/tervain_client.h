@@ -384,8 +384,16 @@ struct ExecOutcome {
   bool timedOut = false;
 };
 
-// One command with its options. An agent whose ping lacks the features "exec.env", "exec.cwd"
-// and "exec.timeout" ignores the matching member and runs the command without it.
+// The size of a command's terminal, and its TERM.
+struct TerminalSize {
+  int rows = 24;  // 1 to 10000, as the columns
+  int cols = 80;
+  // TERM for the command; nothing: a TERM given in env, else xterm-256color.
+  std::optional<std::string> term;
+};
+
+// One command with its options. An agent whose ping lacks the features "exec.env", "exec.cwd",
+// "exec.timeout" and "exec.tty" ignores the matching member and runs the command without it.
 struct ExecRequest {
   std::string command;
   // Added to (or replacing in) the agent's environment.
@@ -395,10 +403,14 @@ struct ExecRequest {
   // Seconds after which the agent sends SIGTERM to the command's process group, and SIGKILL
   // 2 s later; the outcome then says timedOut.
   std::optional<double> timeoutSeconds;
+  // Runs the command on a pseudo-terminal of this size: what it writes to standard output and
+  // error alike arrives as stdout data, end of input is typed as the terminal's ^D, and
+  // resize() changes the size.
+  std::optional<TerminalSize> tty;
 };
 
 // One guest command on its own connection. The writing side (writeStdin, closeStdin,
-// sendSignal, abort) is thread-safe and may run while another thread is inside wait().
+// sendSignal, resize, abort) is thread-safe and may run while another thread is inside wait().
 class ExecStream {
  public:
   // Connects and sends the request. Throws ConnectionError.
@@ -419,6 +431,9 @@ class ExecStream {
   bool closeStdin();
   // Sends signal to the command's process group. False when the stream has ended.
   bool sendSignal(int signal);
+  // Sets the size of the command's terminal (the kernel tells it by SIGWINCH). A command
+  // without a terminal ignores it. False when the stream has ended.
+  bool resize(int rows, int cols);
   // Ends the stream at once from any thread: the agent kills the command's process group, and
   // wait() and the writers return.
   void abort();

@@ -31,6 +31,18 @@ inline constexpr std::string_view cwdKey = "cwd";
 inline constexpr std::string_view timeoutKey = "timeout";
 // In the "x" frame, true (and present) only when the time limit ended the command.
 inline constexpr std::string_view timedOutKey = "timedOut";
+// Request option: {"rows": R, "cols": C, "term"?: T} runs the command on a pseudo-terminal of
+// that size (standard output then carries everything it writes). The host frame
+// {"t":"resize","rows":R,"cols":C} changes the size later; a session without one ignores it.
+inline constexpr std::string_view ttyKey = "tty";
+inline constexpr std::string_view rowsKey = "rows";
+inline constexpr std::string_view colsKey = "cols";
+inline constexpr std::string_view termKey = "term";
+inline constexpr std::string_view resize = "resize";
+// Rows and columns a terminal may have, in the request and in a resize frame.
+inline constexpr std::int64_t maxTerminalSide = 10000;
+// TERM of a terminal session whose request names none (nor TERM in "env").
+inline constexpr std::string_view defaultTerm = "xterm-256color";
 }  // namespace Exec
 
 namespace ShellEvents {

@@ -20,6 +20,11 @@
 // past it the group gets SIGTERM and, killGraceMillis later, SIGKILL. Until that SIGKILL a
 // timed-out session does not end while any process of the group lives, so none is left behind;
 // output keeps being read throughout, so what the command wrote before it was killed arrives.
+// A command on a pseudo-terminal ("tty") runs through the same loop: the master stands in for
+// the stdout pipe (its end of input is the EIO that follows the terminal side's last close, after
+// everything written before it was read) and a second descriptor of it for the stdin pipe. "eof"
+// types the terminal's end-of-file character behind the queued input instead of closing anything;
+// "resize" sets the terminal's size, and the kernel tells the foreground group by SIGWINCH.
 #include "core/exec_session.h"
 
 #include <fcntl.h>
@@ -27,6 +32,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,6 +45,7 @@
 #include "core/agent_wire.h"
 #include "core/base64.h"
 #include "core/posix/spawn_platform.h"
+#include "core/pseudo_terminal.h"
 #include "core/request_members.h"
 #include "core/shell_spool.h"
 #include "core/spawn.h"
@@ -88,12 +95,27 @@ bool isExecutableFile(const std::string& path) {
          ::access(path.c_str(), X_OK) == 0;
 }
 
+// The terminal a request asks for.
+struct TerminalOptions {
+  std::uint16_t rows = 0;
+  std::uint16_t cols = 0;
+};
+
 // What a request asks for beyond its command.
 struct RunOptions {
   ExecSession::Environment env;
   std::optional<std::string> cwd;
   std::optional<std::int64_t> timeLimitMillis;
+  std::optional<TerminalOptions> tty;
 };
+
+// A terminal side (rows, cols) as the request or a resize frame gives it; nothing when it is
+// not an integer from 1 to maxTerminalSide.
+std::optional<std::uint16_t> terminalSide(const Json& object, std::string_view key) {
+  const std::optional<std::int64_t> value = integerMember(object, key);
+  if (!value || *value < 1 || *value > AgentWire::Exec::maxTerminalSide) return std::nullopt;
+  return static_cast<std::uint16_t>(*value);
+}
 
 // A time limit past this (some 30,000 years) is as good as none, and keeps the arithmetic exact.
 constexpr double kLongestTimeLimitMillis = 1e15;
@@ -107,8 +129,8 @@ std::string inQuotes(std::string_view text) {
   return quoted;
 }
 
-// Reads "env", "cwd" and "timeout" into options. Returns the refusal for the first one that is
-// wrong, or nothing.
+// Reads "env", "cwd", "timeout" and "tty" into options. Returns the refusal for the first one
+// that is wrong, or nothing.
 std::optional<std::string> readRunOptions(const Json& request, RunOptions& options) {
   if (const Json* env = member(request, Wire::envKey)) {
     if (!env->is_object()) return R"(exec "env" must be an object of names to string values)";
@@ -147,6 +169,26 @@ std::optional<std::string> readRunOptions(const Json& request, RunOptions& optio
     }
     options.timeLimitMillis =
         static_cast<std::int64_t>(std::ceil(std::min(seconds * 1000, kLongestTimeLimitMillis)));
+  }
+  if (const Json* tty = member(request, Wire::ttyKey)) {
+    if (!tty->is_object()) return R"(exec "tty" must be an object with "rows" and "cols")";
+    const std::optional<std::uint16_t> rows = terminalSide(*tty, Wire::rowsKey);
+    const std::optional<std::uint16_t> cols = terminalSide(*tty, Wire::colsKey);
+    const std::string range =
+        " must be an integer from 1 to " + std::to_string(Wire::maxTerminalSide);
+    if (!rows) return R"(exec "tty" "rows")" + range;
+    if (!cols) return R"(exec "tty" "cols")" + range;
+    options.tty = TerminalOptions{*rows, *cols};
+    // TERM: the request's "term", else a TERM in "env", else the default.
+    if (const Json* term = member(*tty, Wire::termKey)) {
+      if (!term->is_string() || term->get_ref<const std::string&>().empty() ||
+          term->get_ref<const std::string&>().find('\0') != std::string::npos) {
+        return R"(exec "tty" "term" must be a non-empty string without NUL)";
+      }
+      options.env["TERM"] = term->get_ref<const std::string&>();
+    } else {
+      options.env.try_emplace("TERM", Wire::defaultTerm);
+    }
   }
   return std::nullopt;
 }
@@ -254,22 +296,44 @@ bool ExecSession::start(const Json& request) {
     return false;
   }
 
-  ErrnoOr<PipeEnds> in = makePipe();
-  ErrnoOr<PipeEnds> out = in ? makePipe() : Errno{in.error()};
-  ErrnoOr<PipeEnds> err = out ? makePipe() : Errno{out.error()};
-  if (!err) {
-    sendError("could not allocate stdio pipes (errno " + std::to_string(err.error()) + ")");
-    return false;
-  }
-
-  const ErrnoOr<pid_t> child = spawnProcess({
+  SpawnOptions spawn{
       .path = invocation->path,
       .arguments = invocation->args,
       .environment = environmentEntries(invocation->env),
       .workingDirectory = options.cwd,
-      .standardStreams = {in->read.get(), out->write.get(), err->write.get()},
-      .group = SpawnOptions::Group::newGroup,
-  });
+  };
+  std::optional<PipeEnds> in;
+  std::optional<PipeEnds> out;
+  std::optional<PipeEnds> err;
+  std::optional<PseudoTerminal> pty;
+  if (options.tty) {
+    ErrnoOr<PseudoTerminal> opened = openPseudoTerminal(options.tty->rows, options.tty->cols);
+    if (!opened) {
+      sendError("could not allocate a pseudo-terminal (errno " + std::to_string(opened.error()) +
+                ")");
+      return false;
+    }
+    pty = std::move(*opened);
+    // The command leads a session of its own, on the terminal: its group is the one signals,
+    // the time limit and a host that goes away reach, as for a command on pipes.
+    spawn.group = SpawnOptions::Group::newSession;
+    spawn.terminal = pty->terminalPath;
+  } else {
+    ErrnoOr<PipeEnds> madeIn = makePipe();
+    ErrnoOr<PipeEnds> madeOut = madeIn ? makePipe() : Errno{madeIn.error()};
+    ErrnoOr<PipeEnds> madeErr = madeOut ? makePipe() : Errno{madeOut.error()};
+    if (!madeErr) {
+      sendError("could not allocate stdio pipes (errno " + std::to_string(madeErr.error()) + ")");
+      return false;
+    }
+    in = std::move(*madeIn);
+    out = std::move(*madeOut);
+    err = std::move(*madeErr);
+    spawn.standardStreams = {in->read.get(), out->write.get(), err->write.get()};
+    spawn.group = SpawnOptions::Group::newGroup;
+  }
+
+  const ErrnoOr<pid_t> child = spawnProcess(spawn);
   if (!child) {
     sendError("could not launch the command (posix_spawn errno " + std::to_string(child.error()) +
               ")");
@@ -278,11 +342,21 @@ bool ExecSession::start(const Json& request) {
 
   // The child's ends close here, at the end of start(): only the child holds them from now on.
   pid = *child;
-  stdinFD = std::move(in->write);
-  stdoutFD = std::move(out->read);
-  stderrFD = std::move(err->read);
-  stdoutOpen = true;
-  stderrOpen = true;
+  if (pty) {
+    // The master carries both ways: output is read from it, and stdin written to a second
+    // descriptor of it, which "eof" may close while output still flows.
+    terminal = true;
+    stdoutFD = std::move(pty->master);
+    stdinFD = UniqueFd(::fcntl(stdoutFD.get(), F_DUPFD_CLOEXEC, 0));
+    stdoutOpen = true;
+    stderrOpen = false;
+  } else {
+    stdinFD = std::move(in->write);
+    stdoutFD = std::move(out->read);
+    stderrFD = std::move(err->read);
+    stdoutOpen = true;
+    stderrOpen = true;
+  }
   if (options.timeLimitMillis) timeLimitAt = clock() + *options.timeLimitMillis;
   // No write of the session may block: not to the command's stdin, not to the host. The output
   // ends stay blocking and are only read when poll() says so.
@@ -292,7 +366,9 @@ bool ExecSession::start(const Json& request) {
     if (flags >= 0) ::fcntl(nonBlocking, F_SETFL, flags | O_NONBLOCK);
   }
   tervain_set_nosigpipe(stdinFD.get());
-  for (const UniqueFd* pipe : {&stdinFD, &stdoutFD, &stderrFD}) posix::enlargePipe(pipe->get());
+  if (!terminal) {
+    for (const UniqueFd* pipe : {&stdinFD, &stdoutFD, &stderrFD}) posix::enlargePipe(pipe->get());
+  }
 
   readBuffer.assign(AgentWire::readChunkBytes, 0);
   frameBuffer.assign(kFrameHead.size() + kMaxTag + kFrameMiddle.size() +
@@ -395,6 +471,7 @@ void ExecSession::enforceTimeLimit() {
     if (now < *timeLimitAt) return;
     timedOut = true;
     killAt = now + killGraceMillis;
+    signalTerminalJobs(SIGTERM);
     if (::kill(-pid, SIGTERM) != 0) ::kill(pid, SIGTERM);
   } else if (clock() >= killAt) {
     killGroup();
@@ -469,6 +546,7 @@ ExecSession::Round ExecSession::boundLines() {
 }
 
 void ExecSession::queueStdin(std::string_view bytes) {
+  if (!bytes.empty()) stdinLineOpen = bytes.back() != '\n' && bytes.back() != '\r';
   if (stdinPendingBytes() == 0) {
     // Nothing queued: straight into the pipe, as much as it takes now.
     stdinQueue.clear();
@@ -550,9 +628,16 @@ void ExecSession::handleHostFrame(std::string_view line) {
     }
     queueStdin(decoded);
   } else if (*tag == Wire::stdinEOF) {
-    // Input already queued is delivered first.
+    // Input already queued is delivered first. Closing a terminal would hang it up: the end of
+    // input is typed instead, as on a keyboard.
+    if (terminal && stdinFD && !stdinEOFRequested) queueTerminalEOF();
     stdinEOFRequested = true;
     closeStdinIfDone();
+  } else if (*tag == Wire::resize) {
+    const std::optional<std::uint16_t> rows = terminalSide(*frame, Wire::rowsKey);
+    const std::optional<std::uint16_t> cols = terminalSide(*frame, Wire::colsKey);
+    if (!terminal || !rows || !cols || !stdoutFD) return;
+    setTerminalSize(stdoutFD.get(), *rows, *cols);
   } else if (*tag == Wire::signal) {
     const std::optional<std::int64_t> number = integerMember(*frame, Wire::signalKey);
     // A number outside the signed 32-bit range is ignored like a missing one.
@@ -566,7 +651,26 @@ void ExecSession::handleHostFrame(std::string_view line) {
 
 void ExecSession::killGroup() {
   if (pid <= 0) return;
+  signalTerminalJobs(SIGKILL);
   if (::kill(-pid, SIGKILL) != 0 && !reaped) ::kill(pid, SIGKILL);
+}
+
+void ExecSession::signalTerminalJobs(int sig) {
+  // A shell on the terminal runs its jobs in groups of their own; the one in the foreground is
+  // the session's too, and goes down with the command's.
+  if (!terminal || !stdoutFD) return;
+  const pid_t foreground = ::tcgetpgrp(stdoutFD.get());
+  if (foreground > 0 && foreground != pid) ::kill(-foreground, sig);
+}
+
+void ExecSession::queueTerminalEOF() {
+  termios modes{};
+  const char eof = ::tcgetattr(stdoutFD.get(), &modes) == 0 && modes.c_cc[VEOF] != _POSIX_VDISABLE
+                       ? static_cast<char>(modes.c_cc[VEOF])
+                       : '\x04';
+  // An unfinished line needs one EOF character to hand it to the reader and a second to end the
+  // input, as on a keyboard.
+  queueStdin(stdinLineOpen ? std::string{eof, eof} : std::string(1, eof));
 }
 
 void ExecSession::closeChildDescriptors() {

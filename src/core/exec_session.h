@@ -1,7 +1,9 @@
 // One "exec" request: the command runs as the leader of its own process group while a single
 // poll loop on the connection's thread streams its output to the host as frames and applies the
 // host's input, end-of-input and signal frames. The request may add environment variables, name
-// the working directory and set a time limit.
+// the working directory, set a time limit, and ask for a pseudo-terminal (the command then leads
+// a session on it, its output and error arrive merged as standard output, "eof" types the
+// terminal's end-of-file character, and "resize" frames change its size).
 #pragma once
 
 #include <sys/types.h>
@@ -87,9 +89,9 @@ class ExecSession {
 
   // The pieces of run(), so that tests can drive the loop one round at a time.
   //
-  // Checks the command and its options ("env", "cwd", "timeout"), finds the shell, makes the
-  // pipes, spawns the child and applies the host lines already buffered. False when the session
-  // ended here with an "err" frame; then nothing was run.
+  // Checks the command and its options ("env", "cwd", "timeout", "tty"), finds the shell, makes
+  // the pipes (or the pseudo-terminal), spawns the child and applies the host lines already
+  // buffered. False when the session ended here with an "err" frame; then nothing was run.
   bool start(const Json& request);
 
   // finished: the command is done and its output delivered; "x" follows. hostGone: the host
@@ -140,6 +142,8 @@ class ExecSession {
   void sendError(const std::string& message);
   void writeFrameBytes(const char* bytes, std::size_t size);
   void killGroup();
+  void signalTerminalJobs(int sig);
+  void queueTerminalEOF();
   void closeChildDescriptors();
   void restoreSocket();
 
@@ -157,6 +161,7 @@ class ExecSession {
   UniqueFd stdinFD;
   UniqueFd stdoutFD;
   UniqueFd stderrFD;
+  bool terminal = false;  // the command runs on a pseudo-terminal whose master is stdoutFD
   bool stdoutOpen = false;
   bool stderrOpen = false;
   bool reaped = false;
@@ -166,6 +171,7 @@ class ExecSession {
   std::int64_t graceUsedMillis = 0;  // since the child was reaped
   std::int64_t stdinIdleMillis = 0;  // since the command last took a stdin byte
   bool stdinEOFRequested = false;    // "eof" arrived; close once the queue is delivered
+  bool stdinLineOpen = false;        // the last stdin byte received did not end a line
   std::string stdinQueue;            // stdin bytes received; those from stdinSent on are pending
   std::size_t stdinSent = 0;
   std::vector<char> readBuffer;   // one read of the socket or a pipe

@@ -23,7 +23,9 @@ using namespace std::chrono_literals;
 using testing::ExecTranscript;
 using testing::LineClient;
 using testing::readExecFrames;
+using testing::readExecFramesInto;
 using testing::stdinFrame;
+using testing::terminalSize;
 
 // The agent ignores SIGPIPE from start-up; sessions rely on it, and so do these tests.
 void ignoreSigpipe() { ::signal(SIGPIPE, SIG_IGN); }
@@ -109,10 +111,13 @@ class ExecSessionTest : public ::testing::Test {
 
   // Runs a session on its own thread, as a connection would.
   void startCommand(const std::string& command, std::string buffered = {},
-                    std::int32_t grace = ExecSession::defaultPipeGraceMillis) {
-    worker = std::thread([this, command, buffered = std::move(buffered), grace] {
+                    std::int32_t grace = ExecSession::defaultPipeGraceMillis,
+                    Json request = Json::object()) {
+    request["op"] = "exec";
+    request["command"] = command;
+    worker = std::thread([this, request, buffered = std::move(buffered), grace] {
       ExecSession session(sessionFD, buffered, std::string(ExecSession::defaultDulkPath), grace);
-      session.run(Json{{"op", "exec"}, {"command", command}});
+      session.run(request);
     });
   }
 
@@ -280,11 +285,11 @@ TEST_F(ExecSessionTest, TheAgentShellGetsTheCommandAndTheSpoolVariables) {
   }
 }
 
-// "env", "cwd" and "timeout", with real processes. A refused request runs nothing (its command
-// would leave a file). A timed-out command that echoes its group first must leave no process of
-// the group, not even ones that ignore SIGTERM and hold the pipes past the (short) pipe grace,
-// and its output before the kill arrives whole.
-TEST_F(ExecSessionTest, RequestOptionsEnvCwdAndTimeout) {
+// "env", "cwd", "timeout" and "tty", with real processes. A refused request runs nothing (its
+// command would leave a file). A timed-out command that echoes its group first must leave no
+// process of the group, not even ones that ignore SIGTERM and hold the pipes past the (short)
+// pipe grace, and its output before the kill arrives whole.
+TEST_F(ExecSessionTest, RequestOptionsEnvCwdTimeoutAndTty) {
   testing::TempDir dir;
   const std::string ran = dir.file("ran");
   const std::string touchRan = "touch " + ran;
@@ -302,6 +307,8 @@ TEST_F(ExecSessionTest, RequestOptionsEnvCwdAndTimeout) {
   const std::string badName =
       " is not a variable name: it must be non-empty and hold no \"=\" or NUL";
   const std::string badTimeout = R"(exec "timeout" must be a positive number of seconds)";
+  const std::string badRows = R"(exec "tty" "rows" must be an integer from 1 to 10000)";
+  const std::string badCols = R"(exec "tty" "cols" must be an integer from 1 to 10000)";
   const struct {
     Json options;
     std::string command;  // touchRan when refused
@@ -337,6 +344,25 @@ TEST_F(ExecSessionTest, RequestOptionsEnvCwdAndTimeout) {
       {{{"timeout", 0}}, touchRan, "", nullptr, badTimeout},
       {{{"timeout", -1}}, touchRan, "", nullptr, badTimeout},
       {{{"timeout", "5"}}, touchRan, "", nullptr, badTimeout},
+      // On a terminal of its own (its controlling one) of the size asked for, error merged
+      // into output, every line ended the terminal's way.
+      {{{"tty", terminalSize(33, 101)}},
+       "stty size; tty | sed 's/[0-9]*$//'; echo $TERM >&2; : </dev/tty && echo ctty",
+       "33 101\r\n/dev/pts/\r\nxterm-256color\r\nctty\r\n", exit0},
+      {{{"tty", {{"rows", 5}, {"cols", 6}, {"term", "vt100"}}}, {"env", {{"TERM", "dumb"}}}},
+       "echo $TERM", "vt100\r\n", exit0},
+      {{{"tty", terminalSize(5, 6)}, {"env", {{"TERM", "dumb"}}}}, "echo $TERM", "dumb\r\n",
+       exit0},
+      {{{"tty", terminalSize(24, 80)}, {"timeout", 1}}, "echo $$; sleep 100", "",
+       timedOut(143)},
+      {{{"tty", 5}}, touchRan, "", nullptr,
+       R"(exec "tty" must be an object with "rows" and "cols")"},
+      {{{"tty", terminalSize(0, 80)}}, touchRan, "", nullptr, badRows},
+      {{{"tty", {{"rows", "24"}, {"cols", 80}}}}, touchRan, "", nullptr, badRows},
+      {{{"tty", {{"rows", 24}}}}, touchRan, "", nullptr, badCols},
+      {{{"tty", terminalSize(24, 10001)}}, touchRan, "", nullptr, badCols},
+      {{{"tty", {{"rows", 24}, {"cols", 80}, {"term", std::string("a\0b", 3)}}}}, touchRan, "",
+       nullptr, R"(exec "tty" "term" must be a non-empty string without NUL)"},
   };
   for (const auto& c : cases) {
     Json request = c.options;
@@ -364,6 +390,23 @@ TEST_F(ExecSessionTest, RequestOptionsEnvCwdAndTimeout) {
     }
   }
   EXPECT_FALSE(std::filesystem::exists(ran)) << "a refused request ran its command";
+}
+
+// On a terminal, "i" bytes are typed, a "resize" reaches a later `stty size`, and "eof" ends the
+// input of a reader in the middle of a line as ^D does: one hands the line over, one ends it.
+TEST_F(ExecSessionTest, ATerminalTakesTypedInputResizesAndEndOfInput) {
+  startCommand("stty -echo; echo ready; read a; stty size; read b; stty size; cat; echo done", {},
+               300, {{"tty", terminalSize(24, 80)}});
+  ExecTranscript t;
+  readExecFramesInto(*host, t, 10s, "ready\r\n");
+  ASSERT_TRUE(host->send(stdinFrame("\n")));
+  readExecFramesInto(*host, t, 10s, "24 80\r\n");
+  ASSERT_TRUE(host->send(testing::resizeFrame(50, 132) + stdinFrame("\n")));
+  readExecFramesInto(*host, t, 10s, "50 132\r\n");
+  ASSERT_TRUE(host->send(stdinFrame("partial") + "{\"t\":\"eof\"}\n"));
+  readExecFramesInto(*host, t, 10s);
+  EXPECT_EQ(t.out, "ready\r\n24 80\r\n50 132\r\npartialdone\r\n");
+  EXPECT_EQ(t.code, 0);
 }
 
 TEST_F(ExecSessionTest, ADescendantHoldingThePipesRunsOutTheGraceOnTheSessionsClock) {

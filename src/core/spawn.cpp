@@ -1,5 +1,6 @@
 #include "core/spawn.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 
@@ -62,7 +63,15 @@ int prepare(SpawnSetup& setup, const SpawnOptions& options) {
   if (options.group == SpawnOptions::Group::newSession) {
     flags = static_cast<short>(flags | POSIX_SPAWN_SETSID);
   }
-  for (int target = 0; target < 3 && rc == 0; ++target) {
+  if (options.terminal) {
+    // The session leader opens it without O_NOCTTY after setsid(), which makes it the
+    // controlling terminal, so the terminal's signals (^C, SIGWINCH, hang-up) reach the command.
+    const char* path = options.terminal->c_str();
+    if (rc == 0) rc = ::posix_spawn_file_actions_addopen(actions, 0, path, O_RDWR, 0);
+    if (rc == 0) rc = ::posix_spawn_file_actions_adddup2(actions, 0, 1);
+    if (rc == 0) rc = ::posix_spawn_file_actions_adddup2(actions, 0, 2);
+  }
+  for (int target = 0; target < 3 && rc == 0 && !options.terminal; ++target) {
     const int source = options.standardStreams[static_cast<std::size_t>(target)];
     rc = source >= 0 ? ::posix_spawn_file_actions_adddup2(actions, source, target)
                      : posix::inheritInChild(actions, target);

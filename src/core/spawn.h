@@ -31,6 +31,10 @@ struct SpawnOptions {
     newSession,  // leader of a new session (and so of a group), without a controlling terminal
   };
   Group group = Group::inherit;
+  // A terminal device (a pseudo-terminal's terminal side) that the child, a new session's
+  // leader, opens as its 0, 1 and 2 instead of standardStreams; it becomes the child's
+  // controlling terminal. Needs Group::newSession.
+  std::optional<std::string> terminal;
 };
 
 // Starts the program. The child has descriptors 0 to 2 and nothing else, whatever the agent

@@ -12,18 +12,29 @@
 // --env, --cwd and --timeout become members of the request. An agent that predates one would
 // run the command without it, so with any of them the agent's ping is asked first, on the
 // connection the command then runs on.
+//
+// -t (and shell, which is exec -t of the guest user's login shell) asks for a terminal on the
+// guest of the local one's size (80x24 when neither standard input nor output is a terminal, as
+// ssh -tt) and with the local TERM. A local terminal on standard input goes into raw mode for the
+// session, so every key reaches the guest as typed (^C included, as a byte the guest's terminal
+// turns into its SIGINT); it is restored on every way out: return, exception, and the signals
+// that would end tervainctl. SIGWINCH comes through the same self-pipe and becomes a resize.
 #include <pthread.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -32,7 +43,10 @@
 namespace tervain::ctl {
 namespace {
 
-constexpr std::array kForwardedSignals = {SIGINT, SIGTERM, SIGHUP};
+// SIGWINCH is not forwarded as such: a terminal session turns it into a resize, others ignore it.
+constexpr std::array kForwardedSignals = {SIGINT, SIGTERM, SIGHUP, SIGWINCH};
+// Signals that end tervainctl by default and that a local terminal in raw mode must survive.
+constexpr std::array kFatalSignals = {SIGQUIT, SIGALRM, SIGUSR1, SIGUSR2, SIGPIPE};
 // Interrupts beyond this many give up on the command: its process group is killed when the
 // connection drops.
 constexpr int kInterruptsBeforeGivingUp = 3;
@@ -45,6 +59,66 @@ extern "C" void queueSignal(int signal) {
   [[maybe_unused]] const ssize_t ignored = ::write(gSignalWrite, &byte, 1);
   errno = saved;
 }
+
+// The local terminal's modes before raw mode, for the handler of a fatal signal.
+termios gSavedModes{};
+std::atomic<bool> gRawMode{false};
+
+extern "C" void restoreTerminalAndDie(int signal) {
+  if (gRawMode.exchange(false)) ::tcsetattr(STDIN_FILENO, TCSANOW, &gSavedModes);
+  ::signal(signal, SIG_DFL);
+  ::raise(signal);
+}
+
+// Standard input, when it is a terminal, in raw mode for this object's lifetime (or until
+// restore()); the signals of kFatalSignals restore it before they end the process.
+class RawTerminal {
+ public:
+  RawTerminal() {
+    if (::isatty(STDIN_FILENO) == 0 || ::tcgetattr(STDIN_FILENO, &gSavedModes) != 0) return;
+    struct sigaction action {};
+    action.sa_handler = restoreTerminalAndDie;
+    sigemptyset(&action.sa_mask);
+    for (std::size_t i = 0; i < kFatalSignals.size(); ++i) {
+      ::sigaction(kFatalSignals[i], &action, &previous[i]);
+    }
+    termios raw = gSavedModes;
+    ::cfmakeraw(&raw);
+    gRawMode.store(true);
+    if (::tcsetattr(STDIN_FILENO, TCSADRAIN, &raw) != 0) restore();
+  }
+  ~RawTerminal() { restore(); }
+  RawTerminal(const RawTerminal&) = delete;
+  RawTerminal& operator=(const RawTerminal&) = delete;
+
+  // Back to the saved modes (once), and the fatal signals back to their previous handling.
+  void restore() {
+    if (!gRawMode.exchange(false)) return;
+    ::tcsetattr(STDIN_FILENO, TCSADRAIN, &gSavedModes);
+    for (std::size_t i = 0; i < kFatalSignals.size(); ++i) {
+      ::sigaction(kFatalSignals[i], &previous[i], nullptr);
+    }
+  }
+
+ private:
+  std::array<struct sigaction, kFatalSignals.size()> previous{};
+};
+
+// The local window size: from standard input or output, whichever is a terminal; nothing when
+// neither is.
+std::optional<client::TerminalSize> localTerminalSize() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) {
+    winsize size{};
+    if (::ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0) {
+      return client::TerminalSize{.rows = size.ws_row, .cols = size.ws_col};
+    }
+  }
+  return std::nullopt;
+}
+
+// What shell runs: the guest user's login shell, as a login shell, in place of the one exec
+// starts it under.
+constexpr const char* kLoginShell = "exec \"${SHELL:-/bin/sh}\" -l";
 
 struct LocalWriteError : std::runtime_error {
   using std::runtime_error::runtime_error;
@@ -101,7 +175,8 @@ class ForwardedSignalsBlocked {
 };
 
 // The input thread's loop: returns when the stop pipe becomes readable or the user gave up.
-void pumpInput(client::ExecStream& stream, int signalFd, int stopFd) {
+// terminal: the command runs on a guest terminal, which SIGWINCH resizes.
+void pumpInput(client::ExecStream& stream, int signalFd, int stopFd, bool terminal) {
   std::string buffer(64 * 1024, '\0');
   bool stdinOpen = true;
   int interrupts = 0;
@@ -119,6 +194,11 @@ void pumpInput(client::ExecStream& stream, int signalFd, int stopFd) {
       unsigned char signals[16];
       const ssize_t n = ::read(signalFd, signals, sizeof signals);
       for (ssize_t i = 0; i < n; ++i) {
+        if (signals[i] == SIGWINCH) {
+          const auto size = terminal ? localTerminalSize() : std::nullopt;
+          if (size) stream.resize(size->rows, size->cols);
+          continue;
+        }
         if (signals[i] == SIGINT && ++interrupts >= kInterruptsBeforeGivingUp) {
           complain("interrupted " + std::to_string(interrupts) + " times: giving up on the command");
           stream.abort();
@@ -146,6 +226,12 @@ void pumpInput(client::ExecStream& stream, int signalFd, int stopFd) {
 // The request the flags ask for. Throws UsageError.
 client::ExecRequest execRequest(std::string command, const ExecFlags& flags) {
   client::ExecRequest request{.command = std::move(command), .cwd = flags.cwd};
+  if (flags.tty) {
+    request.tty = localTerminalSize().value_or(client::TerminalSize{});
+    if (const char* term = std::getenv("TERM"); term != nullptr && term[0] != '\0') {
+      request.tty->term = term;
+    }
+  }
   for (const std::string& pair : flags.env) {
     const std::size_t eq = pair.find('=');
     if (eq == std::string::npos) {
@@ -170,13 +256,14 @@ client::ExecRequest execRequest(std::string command, const ExecFlags& flags) {
 // flags it lacks, or nothing.
 std::string optionsTheAgentLacks(client::Connection& agent, const client::ExecRequest& request) {
   const bool asked[] = {!request.env.empty(), request.cwd.has_value(),
-                        request.timeoutSeconds.has_value()};
+                        request.timeoutSeconds.has_value(), request.tty.has_value()};
   if (std::find(std::begin(asked), std::end(asked), true) == std::end(asked)) return {};
   const auto ping = agent.ping();
   const auto& features = ping.value.features;
   std::string missing;
   const std::pair<const char*, const char*> options[] = {
-      {"exec.env", "--env"}, {"exec.cwd", "--cwd"}, {"exec.timeout", "--timeout"}};
+      {"exec.env", "--env"}, {"exec.cwd", "--cwd"}, {"exec.timeout", "--timeout"},
+      {"exec.tty", "-t"}};
   for (std::size_t i = 0; i < std::size(options); ++i) {
     const bool known =
         ping.ok && std::find(features.begin(), features.end(), options[i].first) != features.end();
@@ -220,10 +307,12 @@ int runExecCommand(const client::Address& address, const std::vector<std::string
 
   SignalForwarding forwarding(signalPipe->write.get());
   ForwardedSignalsBlocked blocked;
+  std::optional<RawTerminal> raw;
+  if (request.tty) raw.emplace();
   std::thread input([&] {
     const sigset_t set = forwardedSet();
     ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-    pumpInput(stream, signalPipe->read.get(), stopPipe->read.get());
+    pumpInput(stream, signalPipe->read.get(), stopPipe->read.get(), request.tty.has_value());
   });
 
   client::ExecOutcome outcome;
@@ -238,6 +327,7 @@ int runExecCommand(const client::Address& address, const std::vector<std::string
   [[maybe_unused]] const ssize_t ignored = ::write(stopPipe->write.get(), &stop, 1);
   stream.abort();
   input.join();
+  raw.reset();  // messages below appear on a terminal as ever
 
   if (!failure.empty()) {
     complain(failure);
@@ -277,9 +367,25 @@ void addExecCommand(CommandSet& set) {
   exec->add_option("--timeout", flags.timeout,
                    "Seconds after which the command's process group gets SIGTERM, and SIGKILL "
                    "2 s later; tervainctl then exits 124");
+  exec->add_flag("-t,--tty", flags.tty,
+                 "Run it on a guest terminal of the local one's size (80x24 without one), with "
+                 "the local terminal in raw mode and window-size changes passed on");
   exec->footer(
-      "Usage: tervainctl exec [--env NAME=VALUE]... [--cwd DIR] [--timeout S] [--] COMMAND...\n"
+      "Usage: tervainctl exec [-t] [--env NAME=VALUE]... [--cwd DIR] [--timeout S] [--] "
+      "COMMAND...\n"
       "  e.g. tervainctl exec --cwd /tmp --timeout 60 -- make test");
+
+  ExecFlags& shellFlags = set.state<ExecFlags>();
+  shellFlags.tty = true;
+  CLI::App* shell = set.add(
+      "shell",
+      "An interactive login shell on a guest terminal, like ssh host: the guest user's $SHELL "
+      "(/bin/sh without one), exiting with its status",
+      [&set, &shellFlags] { return runExecCommand(set.address(), {kLoginShell}, shellFlags); });
+  shell->add_option("--env", shellFlags.env, "NAME=VALUE added to the shell's environment")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  shell->add_option("--cwd", shellFlags.cwd, "Working directory in the guest (it must exist)");
 }
 
 }  // namespace tervain::ctl

@@ -128,7 +128,7 @@ std::vector<std::string> splitExecWords(int argc, char** argv, std::vector<std::
     if (takesValue(args[i]) || execTakesValue(args[i])) {
       i += 2;
     } else if (args[i].starts_with("--connect=") || isExecOptionWithValue(args[i]) ||
-               args[i] == "-h" || args[i] == "--help") {
+               args[i] == "-t" || args[i] == "--tty" || args[i] == "-h" || args[i] == "--help") {
       ++i;
     } else {
       break;

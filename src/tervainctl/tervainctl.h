@@ -101,6 +101,7 @@ struct ExecFlags {
   std::vector<std::string> env;  // --env NAME=VALUE, each
   std::optional<std::string> cwd;
   std::optional<std::string> timeout;  // seconds, as written (the message repeats it)
+  bool tty = false;                    // -t: on a guest terminal
 };
 
 // exec: runs words joined by spaces (as ssh does) with the local standard streams attached,
