@@ -3,11 +3,13 @@
 #include "agent/operations.h"
 
 #include "agent/ops_ax.h"
+#include "agent/ops_clipboard.h"
 #include "agent/ops_exec.h"
 #include "agent/ops_input.h"
 #include "agent/ops_misc.h"
 #include "agent/ops_screenshot.h"
 #include "agent/ops_shell_drain.h"
+#include "agent/ops_windows.h"
 
 namespace tervain {
 namespace {
@@ -34,6 +36,10 @@ constexpr Operation kOperations[] = {
     {"key_up", opKeyUp},
     {"cursor_position", opCursorPosition},
     {"launch_app", opLaunchApp},
+    {"windows", opWindows},
+    {"window_action", opWindowAction},
+    {"clipboard_get", opClipboardGet},
+    {"clipboard_set", opClipboardSet},
 };
 
 }  // namespace
