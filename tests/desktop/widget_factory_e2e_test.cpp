@@ -543,9 +543,69 @@ TEST_F(WidgetFactory, TypedUnicodeTextComesBackThroughTheClipboard) {
                             "desktop has no fn key"}}));
 }
 
+// xclip is another X client: what it sets, the agent reads, and what the agent sets, it reads,
+// small and large (INCR both ways).
+TEST_F(WidgetFactory, ClipboardTextGoesBothWaysWithAnotherClient) {
+  TempDir files;
+  std::string large;
+  for (int i = 0; large.size() < 2 * 1024 * 1024; ++i) large += "line " + std::to_string(i) + " \u00e9\n";
+  for (const std::string& text : {std::string("h\u00e9llo \u65e5\u672c"), large}) {
+    const std::string in = files.file("in");
+    std::ofstream(in) << text;
+    const int input = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
+    const pid_t setter = spawnProgram({"/usr/bin/xclip", "-quiet", "-selection", "clipboard", "-i"},
+                                      {.stdinFd = input, .stdoutFd = -1});
+    ::close(input);
+    ASSERT_GT(setter, 0);
+    Json got = Json::object();
+    for (int i = 0; i < 50 && got.value("text", "") != text; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      got = op("clipboard_get");
+    }
+    EXPECT_EQ(got.value("text", "") == text, true) << text.size() << " bytes: " << got.dump().substr(0, 200);
+
+    // The agent takes the selection over (xclip then ends) and serves it to a new xclip.
+    ASSERT_EQ(op("clipboard_set", {{"text", text + "!"}}), Json({{"ok", true}}));
+    // Each xclip is stopped if it outlives its part: a test leaves none of its processes behind.
+    const auto ended = [](pid_t child, std::chrono::seconds limit) {
+      if (waitForChild(child, limit)) return true;
+      ::kill(child, SIGKILL);
+      waitForChild(child, std::chrono::seconds(5));
+      return false;
+    };
+    EXPECT_TRUE(ended(setter, std::chrono::seconds(5)));
+    const std::string out = files.file("out");
+    const int output = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const pid_t getter =
+        spawnProgram({"/usr/bin/xclip", "-o", "-selection", "clipboard"}, {.stdoutFd = output});
+    ::close(output);
+    ASSERT_GT(getter, 0);
+    ASSERT_TRUE(ended(getter, std::chrono::seconds(10)));
+    std::ifstream read(out);
+    const std::string back((std::istreambuf_iterator<char>(read)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(back == text + "!", true) << back.size() << " bytes back of " << text.size() + 1;
+    EXPECT_EQ(op("clipboard_get"), Json({{"ok", true}, {"text", text + "!"}}));
+  }
+}
+
 // ---- Windows and the clipboard ---------------------------------------------------------------
 
-TEST_F(WidgetFactory, ItsWindowIsListedMovedResizedAndMinimized) {
+// A factory of its own, launched afresh: once the factory has read remapped keys, openbox has
+// been seen to leave later move requests undone (not understood yet), and a window minimised and
+// back has been seen to upset the selection by dragging of a later test.
+class FactoryWindow : public WidgetFactory {
+ protected:
+  static void SetUpTestSuite() {
+    // The last suite's factory must be gone first, or its window would be found again.
+    for (int i = 0; window && window->pid > 0 && i < 100 && ::kill(window->pid, 0) == 0; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    window.reset();
+    WidgetFactory::SetUpTestSuite();
+  }
+};
+
+TEST_F(FactoryWindow, IsListedMovedResizedAndMinimized) {
   // Refs live as long as their connection: every request here goes over one.
   LineClient host = agent->connect();
   const auto op = [&host](const std::string& name, Json members = Json::object()) {
@@ -581,7 +641,8 @@ TEST_F(WidgetFactory, ItsWindowIsListedMovedResizedAndMinimized) {
 
   ASSERT_EQ(act(listed, {{"action", "move"}, {"x", 37}, {"y", 51}}), Json({{"ok", true}}));
   Json moved = factoryWindow([](const Json& w) { return w["frame"]["x"] == 37; });
-  EXPECT_EQ(moved["frame"], Json({{"x", 37}, {"y", 51}, {"w", frame["w"]}, {"h", frame["h"]}}));
+  EXPECT_EQ(moved["frame"], Json({{"x", 37}, {"y", 51}, {"w", frame["w"]}, {"h", frame["h"]}}))
+      << op("windows", {}).dump();
   const int wider = frame["w"].get<int>() + 40;
   ASSERT_EQ(act(moved, {{"action", "resize"}, {"w", wider}, {"h", frame["h"]}}),
             Json({{"ok", true}}));
@@ -601,44 +662,6 @@ TEST_F(WidgetFactory, ItsWindowIsListedMovedResizedAndMinimized) {
             Json({{"ok", true}}));
   EXPECT_EQ(factoryWindow([&](const Json& w) { return w["frame"] == frame; })["frame"], frame);
   EXPECT_EQ(act(moved, {{"action", "raise"}}), Json({{"ok", true}}));
-}
-
-// xclip is another X client: what it sets, the agent reads, and what the agent sets, it reads,
-// small and large (INCR both ways).
-TEST_F(WidgetFactory, ClipboardTextGoesBothWaysWithAnotherClient) {
-  TempDir files;
-  std::string large;
-  for (int i = 0; large.size() < 2 * 1024 * 1024; ++i) large += "line " + std::to_string(i) + " \u00e9\n";
-  for (const std::string& text : {std::string("h\u00e9llo \u65e5\u672c"), large}) {
-    const std::string in = files.file("in");
-    std::ofstream(in) << text;
-    const int input = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
-    const pid_t setter = spawnProgram({"/usr/bin/xclip", "-quiet", "-selection", "clipboard", "-i"},
-                                      {.stdinFd = input, .stdoutFd = -1});
-    ::close(input);
-    ASSERT_GT(setter, 0);
-    Json got = Json::object();
-    for (int i = 0; i < 50 && got.value("text", "") != text; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-      got = op("clipboard_get");
-    }
-    EXPECT_EQ(got.value("text", "") == text, true) << text.size() << " bytes: " << got.dump().substr(0, 200);
-
-    // The agent takes the selection over (xclip then ends) and serves it to a new xclip.
-    ASSERT_EQ(op("clipboard_set", {{"text", text + "!"}}), Json({{"ok", true}}));
-    EXPECT_TRUE(waitForChild(setter, std::chrono::seconds(5)));
-    const std::string out = files.file("out");
-    const int output = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    const pid_t getter =
-        spawnProgram({"/usr/bin/xclip", "-o", "-selection", "clipboard"}, {.stdoutFd = output});
-    ::close(output);
-    ASSERT_GT(getter, 0);
-    ASSERT_TRUE(waitForChild(getter, std::chrono::seconds(10)));
-    std::ifstream read(out);
-    const std::string back((std::istreambuf_iterator<char>(read)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(back == text + "!", true) << back.size() << " bytes back of " << text.size() + 1;
-    EXPECT_EQ(op("clipboard_get"), Json({{"ok", true}, {"text", text + "!"}}));
-  }
 }
 
 }  // namespace
