@@ -1,9 +1,10 @@
 // Clipboard operations: "clipboard_get", "clipboard_set". Text only, UTF-8 on the wire; the
 // clipboard needs no grant.
+#include "agent/ops_clipboard.h"
+
 #include <string>
 #include <utility>
 
-#include "agent/ops_clipboard.h"
 #include "core/agent_wire.h"
 #include "core/ax_text.h"
 #include "core/request_members.h"

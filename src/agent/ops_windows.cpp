@@ -4,6 +4,8 @@
 // registered under a ref in the connection's registry beside the refs of the last dump, so
 // ax_action and the others take it too. What a window reports and every rule of an action live
 // here; the desktop only lists applications and carries out an action on a window element.
+#include "agent/ops_windows.h"
+
 #include <cmath>
 #include <optional>
 #include <string>
@@ -12,7 +14,6 @@
 #include <vector>
 
 #include "agent/ops_ax.h"
-#include "agent/ops_windows.h"
 #include "core/ax_text.h"
 #include "core/request_members.h"
 #include "core/vocabulary.h"
@@ -106,9 +107,12 @@ struct ActionName {
   WindowAction action;
 };
 constexpr ActionName kActions[] = {
-    {"raise", WindowAction::raise},   {"minimize", WindowAction::minimize},
-    {"unminimize", WindowAction::unminimize}, {"close", WindowAction::close},
-    {"move", WindowAction::move},     {"resize", WindowAction::resize},
+    {"raise", WindowAction::raise},
+    {"minimize", WindowAction::minimize},
+    {"unminimize", WindowAction::unminimize},
+    {"close", WindowAction::close},
+    {"move", WindowAction::move},
+    {"resize", WindowAction::resize},
 };
 
 }  // namespace
@@ -188,8 +192,7 @@ Reply opWindowAction(OperationContext& context, const Json& request) {
     case AXError::invalidUIElement:
       return staleRefReply(request);
     default:
-      return Reply::failure(std::string(chosen->name) + " failed (" + describeAXResult(code) +
-                            ")");
+      return Reply::failure(std::string(chosen->name) + " failed (" + describeAXResult(code) + ")");
   }
 }
 

@@ -76,22 +76,24 @@ int actOnWindow(client::Connection& agent, const WindowOptions& o) {
 void addWindowCommands(CommandSet& set) {
   WindowOptions& o = set.state<WindowOptions>();
 
-  CLI::App* windows = set.add("windows", "List the windows of the regular applications", [&set, &o] {
-    client::Connection agent = set.connect();
-    return finish<std::vector<client::WindowInfo>>(agent.windows(o.pid), o.json,
-                                                   [](const auto& list) {
-                                                     for (const auto& w : list) print(renderWindow(w));
-                                                   });
-  });
+  CLI::App* windows =
+      set.add("windows", "List the windows of the regular applications", [&set, &o] {
+        client::Connection agent = set.connect();
+        return finish<std::vector<client::WindowInfo>>(agent.windows(o.pid), o.json,
+                                                       [](const auto& list) {
+                                                         for (const auto& w : list)
+                                                           print(renderWindow(w));
+                                                       });
+      });
   windows->add_option("--pid", o.pid, "Only this application's windows");
   windows->add_flag("--json", o.json, "Print the reply as JSON");
 
-  CLI::App* window = set.add("window", "Raise, minimize, unminimize, close, move or resize a window",
-                             [&set, &o] {
-                               if (!o.pid && !o.title) throw UsageError{"give --pid or --title"};
-                               client::Connection agent = set.connect();
-                               return actOnWindow(agent, o);
-                             });
+  CLI::App* window =
+      set.add("window", "Raise, minimize, unminimize, close, move or resize a window", [&set, &o] {
+        if (!o.pid && !o.title) throw UsageError{"give --pid or --title"};
+        client::Connection agent = set.connect();
+        return actOnWindow(agent, o);
+      });
   window->add_option("ACTION", o.action, "raise, minimize, unminimize, close, move or resize")
       ->required()
       ->check(CLI::IsMember({"raise", "minimize", "unminimize", "close", "move", "resize"}));

@@ -35,7 +35,10 @@ std::string latin1FromUtf8(const std::string& text) {
   for (std::size_t i = 0; i < text.size();) {
     const auto c = static_cast<unsigned char>(text[i]);
     const std::size_t length = c < 0x80 ? 1 : c >= 0xf0 ? 4 : c >= 0xe0 ? 3 : 2;
-    unsigned code = length == 1 ? c : length == 2 ? (c & 0x1fu) : length == 3 ? (c & 0x0fu) : (c & 0x07u);
+    unsigned code = length == 1   ? c
+                    : length == 2 ? (c & 0x1fu)
+                    : length == 3 ? (c & 0x0fu)
+                                  : (c & 0x07u);
     for (std::size_t k = 1; k < length && i + k < text.size(); ++k) {
       code = (code << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3fu);
     }
@@ -208,9 +211,8 @@ struct Clipboard::Owner {
     unsigned long count = 0, after = 0;
     unsigned char* data = nullptr;
     type = None;
-    if (XGetWindowProperty(display, window, property, 0, static_cast<long>(kMaxReadBytes / 4),
-                           True, AnyPropertyType, &type, &format, &count, &after,
-                           &data) != Success) {
+    if (XGetWindowProperty(display, window, property, 0, static_cast<long>(kMaxReadBytes / 4), True,
+                           AnyPropertyType, &type, &format, &count, &after, &data) != Success) {
       return false;
     }
     bytes.clear();
@@ -222,7 +224,8 @@ struct Clipboard::Owner {
           bytes.append(reinterpret_cast<const char*>(&item), sizeof item);
         }
       } else {
-        bytes.assign(reinterpret_cast<const char*>(data), count * static_cast<unsigned long>(format / 8));
+        bytes.assign(reinterpret_cast<const char*>(data),
+                     count * static_cast<unsigned long>(format / 8));
       }
       XFree(data);
     }
@@ -276,7 +279,8 @@ struct Clipboard::Owner {
     const auto deadline = Clock::now() + kReadLimit;
     const auto fail = [](Got got) -> ClipboardText {
       if (got == Got::tooLarge) {
-        return {S::failed, {}, "its text is larger than " + std::to_string(kMaxReadBytes) + " bytes"};
+        return {
+            S::failed, {}, "its text is larger than " + std::to_string(kMaxReadBytes) + " bytes"};
       }
       return {S::failed, {}, "its owner did not answer within 2 s"};
     };
@@ -415,7 +419,8 @@ ClipboardText Clipboard::read() {
         if (owner.display != nullptr) *shared = owner.read();
       },
       kCallLimit);
-  if (!ran) return {ClipboardText::Status::failed, {}, "the clipboard thread did not answer in time"};
+  if (!ran)
+    return {ClipboardText::Status::failed, {}, "the clipboard thread did not answer in time"};
   std::lock_guard lock(mutex);
   return *shared;
 }

@@ -17,9 +17,9 @@
 #include <string>
 #include <thread>
 
+#include "core/unique_fd.h"
 #include "platform/desktop.h"
 #include "platform/x11/x11_connection.h"
-#include "core/unique_fd.h"
 
 namespace tervain::x11 {
 

@@ -53,9 +53,8 @@ std::string titleOf(Display* display, Window window) {
 
 std::vector<Window> clientList(Display* display) {
   std::vector<Window> out;
-  for (const unsigned long w :
-       longsProperty(display, DefaultRootWindow(display), "_NET_CLIENT_LIST", XA_WINDOW,
-                     kMaxWindows)) {
+  for (const unsigned long w : longsProperty(display, DefaultRootWindow(display),
+                                             "_NET_CLIENT_LIST", XA_WINDOW, kMaxWindows)) {
     out.push_back(static_cast<Window>(w));
   }
   return out;
@@ -154,10 +153,9 @@ bool minimizeWindow(Connection& connection, Window window) {
 bool unminimizeWindow(Connection& connection, Window window) {
   // Mapping takes an iconic window back to the normal state (ICCCM); activating raises it.
   return connection.run([window](Display* display) {
-           XMapWindow(display, window);
-           return true;
-         }) &&
-         activateWindow(connection, window);
+    XMapWindow(display, window);
+    return true;
+  }) && activateWindow(connection, window);
 }
 
 bool closeWindow(Connection& connection, Window window) {
@@ -169,9 +167,9 @@ bool moveWindow(Connection& connection, const ClientWindow& window, int x, int y
   // turn the outer frame's position into the client's.
   constexpr long kStaticGravity = 10;
   constexpr long kFlags = kStaticGravity | (1L << 8) | (1L << 9) | (kPagerSource << 12);
-  return sendToRoot(connection, window.id, "_NET_MOVERESIZE_WINDOW",
-                    {kFlags, static_cast<long>(x) + window.left,
-                     static_cast<long>(y) + window.top, 0, 0});
+  return sendToRoot(
+      connection, window.id, "_NET_MOVERESIZE_WINDOW",
+      {kFlags, static_cast<long>(x) + window.left, static_cast<long>(y) + window.top, 0, 0});
 }
 
 bool resizeWindow(Connection& connection, const ClientWindow& window, int width, int height) {
