@@ -548,7 +548,9 @@ TEST_F(WidgetFactory, TypedUnicodeTextComesBackThroughTheClipboard) {
 TEST_F(WidgetFactory, ClipboardTextGoesBothWaysWithAnotherClient) {
   TempDir files;
   std::string large;
-  for (int i = 0; large.size() < 2 * 1024 * 1024; ++i) large += "line " + std::to_string(i) + " \u00e9\n";
+  for (int i = 0; large.size() < 2 * 1024 * 1024; ++i) {
+    large += "line " + std::to_string(i) + " \u00e9\n";
+  }
   for (const std::string& text : {std::string("h\u00e9llo \u65e5\u672c"), large}) {
     const std::string in = files.file("in");
     std::ofstream(in) << text;
@@ -562,7 +564,8 @@ TEST_F(WidgetFactory, ClipboardTextGoesBothWaysWithAnotherClient) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
       got = op("clipboard_get");
     }
-    EXPECT_EQ(got.value("text", "") == text, true) << text.size() << " bytes: " << got.dump().substr(0, 200);
+    EXPECT_EQ(got.value("text", "") == text, true)
+        << text.size() << " bytes: " << got.dump().substr(0, 200);
 
     // The agent takes the selection over (xclip then ends) and serves it to a new xclip.
     ASSERT_EQ(op("clipboard_set", {{"text", text + "!"}}), Json({{"ok", true}}));
@@ -582,10 +585,35 @@ TEST_F(WidgetFactory, ClipboardTextGoesBothWaysWithAnotherClient) {
     ASSERT_GT(getter, 0);
     ASSERT_TRUE(ended(getter, std::chrono::seconds(10)));
     std::ifstream read(out);
-    const std::string back((std::istreambuf_iterator<char>(read)), std::istreambuf_iterator<char>());
+    const std::string back((std::istreambuf_iterator<char>(read)),
+                           std::istreambuf_iterator<char>());
     EXPECT_EQ(back == text + "!", true) << back.size() << " bytes back of " << text.size() + 1;
     EXPECT_EQ(op("clipboard_get"), Json({{"ok", true}, {"text", text + "!"}}));
   }
+
+  // An image is not text, and the refusal names what the clipboard holds.
+  const std::string in = files.file("in");
+  std::ofstream(in) << "\x89PNG\r\n";
+  const int input = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
+  const pid_t image = spawnProgram(
+      {"/usr/bin/xclip", "-quiet", "-selection", "clipboard", "-t", "image/png", "-i"},
+      {.stdinFd = input});
+  ::close(input);
+  ASSERT_GT(image, 0);
+  Json got = Json::object();
+  for (int i = 0; i < 50 && got.value("ok", true); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    got = op("clipboard_get");
+  }
+  EXPECT_EQ(got,
+            Json({{"ok", false}, {"error", "the clipboard holds no text (it holds image/png)"}}));
+  EXPECT_EQ(op("clipboard_set", {{"text", ""}}), Json({{"ok", true}}));
+  if (!waitForChild(image, std::chrono::seconds(5))) {
+    ::kill(image, SIGKILL);
+    waitForChild(image, std::chrono::seconds(5));
+    ADD_FAILURE() << "xclip kept the selection";
+  }
+  EXPECT_EQ(op("clipboard_get"), Json({{"ok", true}, {"text", ""}}));
 }
 
 // ---- Windows and the clipboard ---------------------------------------------------------------
@@ -596,12 +624,19 @@ TEST_F(WidgetFactory, ClipboardTextGoesBothWaysWithAnotherClient) {
 class FactoryWindow : public WidgetFactory {
  protected:
   static void SetUpTestSuite() {
-    // The last suite's factory must be gone first, or its window would be found again.
-    for (int i = 0; window && window->pid > 0 && i < 100 && ::kill(window->pid, 0) == 0; ++i) {
+    // The last suite's factory must be gone first, window and all, or it would be found again;
+    // meanwhile a window that goes away under a query is no reason to end the test process.
+    const auto previous = XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });
+    Display* probe = window ? XOpenDisplay(nullptr) : nullptr;
+    for (int i = 0; probe != nullptr && i < 100; ++i) {
+      XWindowAttributes attributes;
+      if (XGetWindowAttributes(probe, window->id, &attributes) == 0) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+    if (probe != nullptr) XCloseDisplay(probe);
     window.reset();
     WidgetFactory::SetUpTestSuite();
+    XSetErrorHandler(previous);
   }
 };
 
