@@ -240,6 +240,24 @@ AXResult FakeDesktop::elementAtPoint(float x, float y, float timeoutSeconds, Ele
   return elementAtResult;
 }
 
+AXResult FakeDesktop::windowAction(const Element& window, WindowAction action, Point to) {
+  std::lock_guard lock(mutex);
+  windowCalls.push_back({idOf(window), action, to});
+  return windowActionResult;
+}
+
+ClipboardText FakeDesktop::readClipboard() {
+  std::lock_guard lock(mutex);
+  return clipboard;
+}
+
+std::optional<std::string> FakeDesktop::writeClipboard(const std::string& text) {
+  std::lock_guard lock(mutex);
+  if (clipboardWriteError) return clipboardWriteError;
+  clipboard = {text.empty() ? ClipboardText::Status::empty : ClipboardText::Status::text, text, {}};
+  return std::nullopt;
+}
+
 std::optional<std::int32_t> FakeDesktop::frontmostApplicationPid() { return frontmost; }
 
 std::optional<std::string> FakeDesktop::runningApplicationName(std::int32_t pid) {

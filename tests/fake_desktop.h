@@ -108,8 +108,23 @@ class FakeDesktop final : public Desktop {
   std::vector<std::int32_t> applicationElementsCreated;
   int liveElements() const { return *live; }
 
+  // Windows: what windowAction answers, and each call (element id, action, point).
+  AXResult windowActionResult = AXError::success;
+  struct WindowCall {
+    int id;
+    WindowAction action;
+    Point to;
+  };
+  std::vector<WindowCall> windowCalls;
+
+  // Clipboard: read answers `clipboard`; a write stores its text there as text, or fails with
+  // clipboardWriteError.
+  ClipboardText clipboard;
+  std::optional<std::string> clipboardWriteError;
+
   // Workspace.
   std::optional<std::int32_t> frontmost;
+  std::vector<std::int32_t> regularApplications;
   std::map<std::int32_t, std::string> applicationNames;
   // Decides what a launch does; by default the completion runs at once: launched.
   std::function<void(const std::string& name, std::function<void(LaunchResult)> completion)>
@@ -165,7 +180,11 @@ class FakeDesktop final : public Desktop {
   AXResult setAttributeValue(const Element& element, const std::string& attribute,
                              const AXWritableValue& value) override;
   AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) override;
+  AXResult windowAction(const Element& window, WindowAction action, Point to) override;
+  ClipboardText readClipboard() override;
+  std::optional<std::string> writeClipboard(const std::string& text) override;
   std::optional<std::int32_t> frontmostApplicationPid() override;
+  std::vector<std::int32_t> regularApplicationPids() override { return regularApplications; }
   std::optional<std::string> runningApplicationName(std::int32_t pid) override;
   void launchApplication(const std::string& name,
                          std::function<void(LaunchResult)> completion) override;

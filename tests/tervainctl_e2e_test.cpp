@@ -180,7 +180,8 @@ TEST_F(TervainctlTest, PingPrintsASummary) {
             "grants: accessibility no, screen recording no, input synthesis no\n"
             "features: exec shell-events ping screenshot ax_dump ax_element_at ax_action "
             "ax_set_value ax_focus click move drag type key scroll mouse_down mouse_up key_down "
-            "key_up cursor_position launch_app find wait_for screenshot.region screenshot.maxSize "
+            "key_up cursor_position launch_app find wait_for windows window_action clipboard_get "
+            "clipboard_set screenshot.region screenshot.maxSize "
             "screenshot.png screenshot.quality click.modifiers scroll.modifiers "
             "drag.modifiers exec.env exec.cwd exec.timeout exec.tty\n");
 }
@@ -494,7 +495,8 @@ TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
   }
 }
 
-// The request each input subcommand sends, read by a socket that answers it with ok.
+// The request each input (and window and clipboard) subcommand sends, read by a socket that
+// answers it with ok.
 TEST_F(TervainctlTest, InputSubcommandsSendTheirRequests) {
   const std::string path = local.file("recording.sock");
   const int server = tervain_unix_listen(path.c_str(), 1);
@@ -502,7 +504,13 @@ TEST_F(TervainctlTest, InputSubcommandsSendTheirRequests) {
   const struct {
     std::vector<std::string> args;
     const char* request;
+    std::string input = "";  // standard input
   } cases[] = {
+      {{"clipboard", "set"}, R"({"op":"clipboard_set","text":"two\nlines \u00e9\n"})",
+       "two\nlines \u00e9\n"},
+      {{"clipboard", "set", ""}, R"({"op":"clipboard_set","text":""})", "not read"},
+      {{"clipboard", "get"}, R"({"op":"clipboard_get"})"},
+      {{"windows", "--pid", "42"}, R"({"op":"windows","pid":42})"},
       {{"key", "down", "shift+a"}, R"({"key":"shift+a","op":"key_down"})"},
       {{"key", "up", "shift+a"}, R"({"key":"shift+a","op":"key_up"})"},
       {{"key", "down"}, R"({"chord":"down","op":"key"})"},  // the down arrow, as before
@@ -531,7 +539,8 @@ TEST_F(TervainctlTest, InputSubcommandsSendTheirRequests) {
     });
     std::vector<std::string> args = {"--connect", "unix:" + path};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    const CtlResult r = run(args);
+    std::ofstream(local.file("stdin")) << c.input;
+    const CtlResult r = run(args, {.stdinPath = local.file("stdin")});
     answer.join();
     EXPECT_EQ(r.status, 0) << c.args[0] << ": " << r.err;
     EXPECT_EQ(request.empty() ? Json() : Json::parse(request), Json::parse(c.request))

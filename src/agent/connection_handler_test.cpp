@@ -60,7 +60,7 @@ TEST_F(DispatchTest, PingReportsDisplaysAndReadinessReadPerRequest) {
   // Every operation the agent answers, streaming ones included, in table order, then options.
   Json features = Json::array();
   for (const Operation& operation : operationTable()) features.push_back(operation.name);
-  ASSERT_EQ(features.size(), 23u);
+  ASSERT_EQ(features.size(), 27u);
   for (const char* option :
        {"screenshot.region", "screenshot.maxSize", "screenshot.png", "screenshot.quality",
         "click.modifiers", "scroll.modifiers", "drag.modifiers", "exec.env", "exec.cwd",

@@ -3,11 +3,13 @@
 #include "agent/operations.h"
 
 #include "agent/ops_ax.h"
+#include "agent/ops_clipboard.h"
 #include "agent/ops_exec.h"
 #include "agent/ops_input.h"
 #include "agent/ops_misc.h"
 #include "agent/ops_screenshot.h"
 #include "agent/ops_shell_drain.h"
+#include "agent/ops_windows.h"
 
 namespace tervain {
 namespace {
@@ -36,6 +38,10 @@ constexpr Operation kOperations[] = {
     {"launch_app", opLaunchApp},
     {"find", opFind},
     {"wait_for", opWaitFor},
+    {"windows", opWindows},
+    {"window_action", opWindowAction},
+    {"clipboard_get", opClipboardGet},
+    {"clipboard_set", opClipboardSet},
 };
 
 }  // namespace

@@ -204,23 +204,6 @@ std::vector<ElementRef>* elementList(AXValue& value) {
   return list;
 }
 
-// ---- Refs ------------------------------------------------------------------------------------
-
-// The element that the request's "ref" names on this connection, or null.
-ElementRef resolveRef(const OperationContext& context, const Json& request) {
-  const std::string* ref = stringMember(request, "ref");
-  if (ref == nullptr) return nullptr;
-  return context.refs[*ref];
-}
-
-// The failure reply for a ref that names nothing (or an element that has gone away).
-Reply staleRefReply(const Json& request) {
-  const std::string* ref = stringMember(request, "ref");
-  return Reply::failure("element ref \"" + (ref != nullptr ? *ref : std::string("?")) +
-                        "\" is unknown or stale \u2014 refs are only valid until the next "
-                        "ax_dump; re-dump and retry");
-}
-
 // ---- Attribute readers -----------------------------------------------------------------------
 
 // Attribute readers; nothing when the read fails or the value is of another type.
@@ -549,6 +532,21 @@ std::string describeQuery(const Query& query) {
 enum class WaitState { exists, gone, enabled, focused, value };
 
 }  // namespace
+
+Reply accessibilityNotGranted() { return Reply::failure(kNotTrusted); }
+
+ElementRef resolveRef(const OperationContext& context, const Json& request) {
+  const std::string* ref = stringMember(request, "ref");
+  if (ref == nullptr) return nullptr;
+  return context.refs[*ref];
+}
+
+Reply staleRefReply(const Json& request) {
+  const std::string* ref = stringMember(request, "ref");
+  return Reply::failure("element ref \"" + (ref != nullptr ? *ref : std::string("?")) +
+                        "\" is unknown or stale \u2014 refs are only valid until the next "
+                        "ax_dump; re-dump and retry");
+}
 
 std::string describeAXResult(AXResult code) {
   switch (code) {

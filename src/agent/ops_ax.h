@@ -19,4 +19,12 @@ Reply opWaitFor(OperationContext& context, const Json& request);
 // Operator-facing text for an accessibility result code.
 std::string describeAXResult(AXResult code);
 
+// Shared by the operations that take refs or need the accessibility grant.
+// The refusal when the agent lacks the accessibility grant.
+Reply accessibilityNotGranted();
+// The element that the request's "ref" names on this connection, or null.
+ElementRef resolveRef(const OperationContext& context, const Json& request);
+// The failure reply for a ref that names nothing (or an element that has gone away).
+Reply staleRefReply(const Json& request);
+
 }  // namespace tervain

@@ -621,7 +621,7 @@ TEST_F(AXActionTest, GrantIsCheckedBeforeAnythingElse) {
   desktop.accessibility = false;
   desktop.applicationElementsCreated.clear();
   for (const char* op : {"ax_dump", "ax_element_at", "ax_action", "ax_set_value", "ax_focus",
-                         "find", "wait_for"}) {
+                         "find", "wait_for", "windows", "window_action"}) {
     EXPECT_EQ(send({{"op", op}}), Json({{"ok", false}, {"error", kNotTrusted}})) << op;
     EXPECT_EQ(error({{"op", op}, {"ref", "e2"}, {"value", "x"}, {"pid", 1e300}, {"x", 1}, {"y", 2}}),
               kNotTrusted)
@@ -631,6 +631,7 @@ TEST_F(AXActionTest, GrantIsCheckedBeforeAnythingElse) {
   EXPECT_TRUE(desktop.hitTests.empty());
   EXPECT_TRUE(desktop.performed.empty());
   EXPECT_TRUE(desktop.written.empty());
+  EXPECT_TRUE(desktop.windowCalls.empty());
 }
 
 TEST_F(AXActionTest, PressIsTheDefaultActionAndATimeoutAProbableSuccess) {
@@ -706,6 +707,139 @@ TEST_F(AXActionTest, SetValueChecksTheRefThenTheValueThenWhetherSettable) {
   EXPECT_EQ(desktop.written,
             (std::vector<std::pair<int, AXWritableValue>>{
                 {desktop.idOf(*target), std::string("h\u00e9llo")}, {desktop.idOf(*target), true}}));
+}
+
+// ---- windows, window_action -----------------------------------------------------------------
+
+// Every regular application's windows, or one pid's; each window with a ref the other
+// operations take, its title ("" when unreadable) and frame (left out when unreadable), and
+// three flags that are false unless the window says true.
+TEST_F(AXTest, WindowsListsTheWindowsOfRegularApplicationsOrOnePid) {
+  FakeNode main;
+  main.attributes = {{"AXTitle", std::string("Doc")},  {"AXPosition", Point{10.4, -20.5}},
+                     {"AXSize", Size{640, 480}},       {"AXMain", true},
+                     {"AXFocused", std::int64_t{1}},   {"AXMinimized", false}};
+  FakeNode other;
+  other.attributes = {{"AXMinimized", true}, {"AXPosition", Point{0, 0}}};
+  const ElementRef window = element(main);
+  FakeNode app;
+  app.attributes["AXWindows"] = std::vector<ElementRef>{window, element(other)};
+  desktop.applications[kPid] = element(app);
+  desktop.applicationNames[kPid] = "Notes";
+  FakeNode silent;
+  silent.attributeErrors["AXWindows"] = AXError::cannotComplete;
+  desktop.applications[7] = element(silent);
+  desktop.regularApplications = {7, kPid};
+
+  const Json all = send({{"op", "windows"}});
+  const Json expected = Json::parse(R"([
+    {"ref":"e1","title":"Doc","frame":{"x":10,"y":-21,"w":640,"h":480},"pid":321,"app":"Notes",
+     "main":true,"focused":true,"minimized":false},
+    {"ref":"e2","title":"","pid":321,"app":"Notes","main":false,"focused":false,"minimized":true}
+  ])");
+  EXPECT_EQ(all, Json({{"ok", true}, {"windows", expected}}));
+  EXPECT_EQ(send({{"op", "ax_action"}, {"ref", "e1"}, {"action", "AXRaise"}}), Json({{"ok", true}}));
+  EXPECT_EQ(desktop.performed.back(), std::make_pair(desktop.idOf(*window), std::string("AXRaise")));
+
+  EXPECT_EQ(send({{"op", "windows"}, {"pid", kPid}})["windows"][0]["ref"], "e3");
+  EXPECT_EQ(send({{"op", "windows"}, {"pid", 7}}),
+            Json({{"ok", false},
+                  {"error",
+                   "could not list the windows of pid 7 (kAXErrorCannotComplete \u2014 the app "
+                   "did not respond in time)"}}));
+  EXPECT_EQ(error({{"op", "windows"}, {"pid", 1LL << 31}}), "windows \"pid\" is out of range");
+  desktop.regularApplications.clear();
+  EXPECT_EQ(send({{"op", "windows"}}), Json({{"ok", true}, {"windows", Json::array()}}));
+}
+
+// The ref, then the action, then its operands; the desktop's answer as for ax_action.
+TEST_F(AXActionTest, WindowActionChecksRefActionAndOperandsInOrder) {
+  const std::string badAction =
+      "window_action \"action\" must be one of raise, minimize, unminimize, close, move, resize";
+  const std::string noPoint = "window_action move requires numbers x and y";
+  const std::string noSize = "window_action resize requires numbers w and h of at least 1";
+  const std::pair<Json, std::string> refused[] = {
+      {{{"action", "raise"}}, staleText("?")},
+      {{{"ref", "e9"}, {"action", "raise"}}, staleText("e9")},
+      {{{"ref", "e2"}}, badAction},
+      {{{"ref", "e2"}, {"action", "Raise"}}, badAction},
+      {{{"ref", "e2"}, {"action", "move"}, {"x", 1}}, noPoint},
+      {{{"ref", "e2"}, {"action", "move"}, {"x", 1}, {"y", "2"}}, noPoint},
+      {{{"ref", "e2"}, {"action", "move"}, {"w", 1}, {"h", 2}}, noPoint},
+      {{{"ref", "e2"}, {"action", "resize"}, {"x", 1}, {"y", 2}}, noSize},
+      {{{"ref", "e2"}, {"action", "resize"}, {"w", 100}, {"h", 0}}, noSize},
+      {{{"ref", "e2"}, {"action", "resize"}, {"w", 100}}, noSize}};
+  for (auto [request, message] : refused) {
+    request["op"] = "window_action";
+    EXPECT_EQ(error(request), message) << request;
+  }
+  EXPECT_TRUE(desktop.windowCalls.empty());
+
+  const std::tuple<Json, WindowAction, double, double> accepted[] = {
+      {{{"action", "raise"}, {"x", 5}}, WindowAction::raise, 0, 0},
+      {{{"action", "minimize"}}, WindowAction::minimize, 0, 0},
+      {{{"action", "unminimize"}}, WindowAction::unminimize, 0, 0},
+      {{{"action", "close"}}, WindowAction::close, 0, 0},
+      {{{"action", "move"}, {"x", -10.5}, {"y", 20}}, WindowAction::move, -10.5, 20},
+      {{{"action", "resize"}, {"w", 300}, {"h", 200.5}, {"x", 1}}, WindowAction::resize, 300,
+       200.5}};
+  for (auto [request, action, a, b] : accepted) {
+    request["op"] = "window_action";
+    request["ref"] = "e2";
+    EXPECT_EQ(send(request), Json({{"ok", true}})) << request;
+    ASSERT_FALSE(desktop.windowCalls.empty());
+    const auto& call = desktop.windowCalls.back();
+    EXPECT_EQ(call.id, desktop.idOf(*target));
+    EXPECT_EQ(call.action, action) << request;
+    EXPECT_EQ(call.to.x, a) << request;
+    EXPECT_EQ(call.to.y, b) << request;
+  }
+
+  const std::tuple<AXResult, Json> answers[] = {
+      {AXError::invalidUIElement, {{"ok", false}, {"error", staleText("e2")}}},
+      {AXError::actionUnsupported, {{"ok", false}, {"error", "close failed (action unsupported)"}}},
+      {AXError::cannotComplete,
+       {{"ok", true},
+        {"note",
+         "the app did not confirm within the AX timeout \u2014 the action possibly succeeded; "
+         "list the windows to verify"}}}};
+  for (const auto& [code, reply] : answers) {
+    desktop.windowActionResult = code;
+    EXPECT_EQ(send({{"op", "window_action"}, {"ref", "e2"}, {"action", "close"}}), reply);
+  }
+}
+
+// ---- clipboard_get, clipboard_set --------------------------------------------------------------
+
+// Text goes through as it is; what is not text, or cannot be read, is an error that says so. No
+// grant is needed.
+TEST_F(AXTest, ClipboardCarriesTextAndSaysWhyNot) {
+  desktop.accessibility = false;
+  using S = ClipboardText::Status;
+  const std::pair<ClipboardText, Json> reads[] = {
+      {{S::empty, "stale", {}}, {{"ok", true}, {"text", ""}}},
+      {{S::text, "h\u00e9\nllo", {}}, {{"ok", true}, {"text", "h\u00e9\nllo"}}},
+      {{S::notText, {}, "image/png"},
+       {{"ok", false}, {"error", "the clipboard holds no text (it holds image/png)"}}},
+      {{S::failed, {}, "no owner answered"},
+       {{"ok", false}, {"error", "could not read the clipboard (no owner answered)"}}},
+      {{S::text, "\xff", {}},
+       {{"ok", false}, {"error", "the clipboard's text is not valid UTF-8"}}},
+      {{S::text, std::string(4 * 1024 * 1024 + 1, 'a'), {}},
+       {{"ok", false},
+        {"error", "the clipboard's text is 4194305 bytes, more than the 4194304 a reply carries"}}}};
+  for (const auto& [content, reply] : reads) {
+    desktop.clipboard = content;
+    EXPECT_EQ(send({{"op", "clipboard_get"}}), reply) << reply;
+  }
+
+  EXPECT_EQ(error({{"op", "clipboard_set"}}), "clipboard_set requires a string \"text\"");
+  EXPECT_EQ(error({{"op", "clipboard_set"}, {"text", 5}}), "clipboard_set requires a string \"text\"");
+  EXPECT_EQ(send({{"op", "clipboard_set"}, {"text", "\u65e5\u672c"}}), Json({{"ok", true}}));
+  EXPECT_EQ(desktop.clipboard.text, "\u65e5\u672c");
+  desktop.clipboardWriteError = "the X display does not answer";
+  EXPECT_EQ(error({{"op", "clipboard_set"}, {"text", "x"}}),
+            "could not set the clipboard (the X display does not answer)");
 }
 
 }  // namespace

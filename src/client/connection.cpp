@@ -196,6 +196,30 @@ Result<AXNode> parseAXElementAt(const Json& reply) {
   return result;
 }
 
+Result<std::vector<WindowInfo>> parseWindows(const Json& reply) {
+  auto result = carry<std::vector<WindowInfo>>(parseReply(reply));
+  if (!result.ok) return result;
+  const auto list = reply.find("windows");
+  if (list == reply.end() || !list->is_array()) return result;
+  for (const Json& w : *list) {
+    if (!w.is_object()) continue;
+    WindowInfo info;
+    info.ref = stringOf(w, "ref").value_or("");
+    info.title = stringOf(w, "title").value_or("");
+    if (const auto f = w.find("frame"); f != w.end() && f->is_object()) {
+      info.frame = Rect{integerOr(*f, "x", 0), integerOr(*f, "y", 0), integerOr(*f, "w", 0),
+                        integerOr(*f, "h", 0)};
+    }
+    info.pid = integerOr(w, "pid", 0);
+    info.app = stringOf(w, "app").value_or("");
+    info.main = boolOr(w, "main", false);
+    info.focused = boolOr(w, "focused", false);
+    info.minimized = boolOr(w, "minimized", false);
+    result.value.push_back(std::move(info));
+  }
+  return result;
+}
+
 Result<Screenshot> parseScreenshot(const Json& reply) {
   auto result = carry<Screenshot>(parseReply(reply));
   if (!result.ok) return result;
@@ -441,6 +465,47 @@ Result<ActionOutcome> Connection::axAction(const std::string& ref, const std::st
   auto result = carry<ActionOutcome>(parseReply(reply));
   if (result.ok) result.value.note = stringOf(reply, "note");
   return result;
+}
+
+Result<std::vector<WindowInfo>> Connection::windows(std::optional<std::int64_t> pid) {
+  Json request = {{"op", "windows"}};
+  if (pid) request["pid"] = *pid;
+  return parseWindows(call(request));
+}
+
+namespace {
+
+Result<ActionOutcome> parseOutcome(const Json& reply) {
+  auto result = carry<ActionOutcome>(parseReply(reply));
+  if (result.ok) result.value.note = stringOf(reply, "note");
+  return result;
+}
+
+}  // namespace
+
+Result<ActionOutcome> Connection::windowAction(const std::string& ref, const std::string& action) {
+  return parseOutcome(call({{"op", "window_action"}, {"ref", ref}, {"action", action}}));
+}
+
+Result<ActionOutcome> Connection::moveWindow(const std::string& ref, double x, double y) {
+  return parseOutcome(
+      call({{"op", "window_action"}, {"ref", ref}, {"action", "move"}, {"x", x}, {"y", y}}));
+}
+
+Result<ActionOutcome> Connection::resizeWindow(const std::string& ref, double w, double h) {
+  return parseOutcome(
+      call({{"op", "window_action"}, {"ref", ref}, {"action", "resize"}, {"w", w}, {"h", h}}));
+}
+
+Result<std::string> Connection::clipboardGet() {
+  const Json reply = call({{"op", "clipboard_get"}});
+  auto result = carry<std::string>(parseReply(reply));
+  if (result.ok) result.value = stringOf(reply, "text").value_or("");
+  return result;
+}
+
+Result<Done> Connection::clipboardSet(const std::string& text) {
+  return simple({{"op", "clipboard_set"}, {"text", text}});
 }
 
 Result<Done> Connection::axSetValue(const std::string& ref, const std::string& value) {

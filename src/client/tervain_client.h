@@ -192,6 +192,18 @@ struct ActionOutcome {
   std::optional<std::string> note;
 };
 
+// One window as "windows" lists it.
+struct WindowInfo {
+  std::string ref;            // takes window actions, and ax_action and the like
+  std::string title;          // "" when the window has none or it cannot be read
+  std::optional<Rect> frame;  // left out when unreadable (on X11, while minimised)
+  std::int64_t pid = 0;
+  std::string app;  // the application's name, "pid N" when it has none
+  bool main = false;
+  bool focused = false;
+  bool minimized = false;
+};
+
 // A rectangle in points, which need not be whole.
 struct PointRect {
   double x = 0;
@@ -267,6 +279,7 @@ Result<AXMatches> parseFind(const Json& reply);
 Result<AXWaited> parseWaitFor(const Json& reply);
 Result<Screenshot> parseScreenshot(const Json& reply);
 Result<ShellEvents> parseShellEvents(const Json& reply);
+Result<std::vector<WindowInfo>> parseWindows(const Json& reply);
 // Also throws ClientError for an ok reply without "deleted": an agent too old to delete exactly
 // drained instead, and deleted nothing.
 Result<ShellEventsDeletion> parseShellEventsDeletion(const Json& reply);
@@ -321,6 +334,17 @@ class Connection {
   Result<ActionOutcome> axAction(const std::string& ref, const std::string& action = "");
   Result<Done> axSetValue(const std::string& ref, const std::string& value);
   Result<Done> axFocus(const std::string& ref);
+  // The windows of the application with that pid, or of every regular application.
+  Result<std::vector<WindowInfo>> windows(std::optional<std::int64_t> pid = {});
+  // "raise", "minimize", "unminimize" or "close" on a window ref from windows().
+  Result<ActionOutcome> windowAction(const std::string& ref, const std::string& action);
+  // Moves the window's frame to a new top-left, or gives it a new size (both in points).
+  Result<ActionOutcome> moveWindow(const std::string& ref, double x, double y);
+  Result<ActionOutcome> resizeWindow(const std::string& ref, double w, double h);
+  // The clipboard's text ("" when empty); a clipboard holding something else is a refusal
+  // that names what it holds.
+  Result<std::string> clipboardGet();
+  Result<Done> clipboardSet(const std::string& text);
   // Pointer operations hold `modifiers` ("cmd", "shift", ...) down for their duration; an
   // agent without the "click.modifiers" feature ignores them.
   Result<Done> click(std::int64_t x, std::int64_t y, MouseButton button = MouseButton::left,

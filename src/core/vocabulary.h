@@ -25,6 +25,9 @@ inline const std::string position = "AXPosition";
 inline const std::string size = "AXSize";
 inline const std::string children = "AXChildren";
 inline const std::string identifier = "AXIdentifier";
+inline const std::string windows = "AXWindows";
+inline const std::string main = "AXMain";
+inline const std::string minimized = "AXMinimized";
 // Actions.
 inline const std::string press = "AXPress";
 }  // namespace AX

@@ -87,6 +87,19 @@ using AXValue = std::variant<std::monostate, std::string, std::int64_t, double, 
 // (AXFocused).
 using AXWritableValue = std::variant<std::string, bool>;
 
+// ---- Windows and the clipboard ---------------------------------------------------------------
+
+// What can be done to a window element.
+enum class WindowAction { raise, minimize, unminimize, close, move, resize };
+
+// The clipboard's content as text.
+struct ClipboardText {
+  enum class Status { text, empty, notText, failed };
+  Status status = Status::empty;
+  std::string text;    // text: the content, UTF-8
+  std::string detail;  // notText: what it holds instead (a type name); failed: why
+};
+
 // ---- Screen capture --------------------------------------------------------------------------
 
 // One display as the capture service lists it.
@@ -205,8 +218,23 @@ class Desktop {
   // The deepest element at a global point, asking applications with this messaging timeout.
   virtual AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) = 0;
 
+  // ---- Windows. A window element is one that the application element's AXWindows lists; it
+  // reads AXTitle, AXPosition, AXSize, AXMain, AXFocused and AXMinimized like any element.
+  // Acts on a window: `to` is the new top-left for move and the new size for resize (both in
+  // global points, the window's whole frame), ignored otherwise. success means the request was
+  // made; the window manager or the application may still refuse it.
+  virtual AXResult windowAction(const Element& window, WindowAction action, Point to) = 0;
+
+  // ---- Clipboard (the general pasteboard, the X CLIPBOARD selection). Needs no grant.
+  virtual ClipboardText readClipboard() = 0;
+  // Replaces the clipboard's content with the text; nothing on success, else why not.
+  virtual std::optional<std::string> writeClipboard(const std::string& text) = 0;
+
   // ---- Workspace.
   virtual std::optional<std::int32_t> frontmostApplicationPid() = 0;
+  // The pids of the regular applications (those with windows of their own, not agents or
+  // background services), in the platform's order.
+  virtual std::vector<std::int32_t> regularApplicationPids() = 0;
   // The localised name of the running application with that pid; nothing when there is no such
   // application or it has no name.
   virtual std::optional<std::string> runningApplicationName(std::int32_t pid) = 0;

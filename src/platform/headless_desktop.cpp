@@ -23,6 +23,14 @@ void HeadlessDesktop::launchApplication(const std::string&,
   completion({LaunchResult::Status::failed, "this machine has no desktop workspace"});
 }
 
+ClipboardText HeadlessDesktop::readClipboard() {
+  return {ClipboardText::Status::failed, {}, "this machine has no clipboard"};
+}
+
+std::optional<std::string> HeadlessDesktop::writeClipboard(const std::string&) {
+  return "this machine has no clipboard";
+}
+
 CapturedImage HeadlessDesktop::captureImage(const ShareableDisplay&, const CaptureRequest&) {
   CapturedImage image;
   image.status = CapturedImage::Status::captureFailed;

@@ -6,7 +6,7 @@
 namespace tervain {
 
 // No grants, no displays, no pointer, no frontmost application; no input can be posted and
-// capture lists no displays. Accessibility calls answer AXError::apiDisabled. Sleeping is real.
+// capture lists no displays; there is no clipboard. Accessibility calls answer AXError::apiDisabled. Sleeping is real.
 class HeadlessDesktop : public Desktop {
  public:
   std::string_view kind() const override { return "headless"; }
@@ -45,7 +45,14 @@ class HeadlessDesktop : public Desktop {
     return AXError::apiDisabled;
   }
 
+  AXResult windowAction(const Element&, WindowAction, Point) override {
+    return AXError::apiDisabled;
+  }
+  ClipboardText readClipboard() override;
+  std::optional<std::string> writeClipboard(const std::string&) override;
+
   std::optional<std::int32_t> frontmostApplicationPid() override { return std::nullopt; }
+  std::vector<std::int32_t> regularApplicationPids() override { return {}; }
   std::optional<std::string> runningApplicationName(std::int32_t) override {
     return std::nullopt;
   }

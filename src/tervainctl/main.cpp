@@ -246,6 +246,7 @@ int run(int argc, char** argv) {
   addCopyCommand(set);
   addScreenshotCommand(set);
   addAccessibilityCommands(set);
+  addWindowCommands(set);
   addInputCommands(set);
   addLaunchCommand(set);
   addEventsCommand(set);

@@ -88,6 +88,7 @@ int finish(const client::Result<T>& result, bool json = false,
 void addStatusCommands(CommandSet& set);         // ping, call
 void addInputCommands(CommandSet& set);          // click, move, drag, scroll, type, key, cursor
 void addAccessibilityCommands(CommandSet& set);  // tree, at, press, set, focus
+void addWindowCommands(CommandSet& set);         // windows, window, clipboard
 void addScreenshotCommand(CommandSet& set);      // screenshot
 void addLaunchCommand(CommandSet& set);          // launch
 void addEventsCommand(CommandSet& set);          // events

@@ -14,13 +14,18 @@
 #include <unistd.h>
 // clang-format on
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <thread>
 
 #include "agent_process.h"
+#include "child_process.h"
 #include "core/base64.h"
 #include "core/json.h"
 #include "desktop_session.h"
@@ -613,6 +618,7 @@ TEST_F(WidgetFactory, TypedUnicodeTextComesBackThroughTheClipboard) {
   EXPECT_EQ(op("key", {{"chord", "ctrl+c"}}), Json({{"ok", true}}));
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   EXPECT_EQ(clipboardText(display), text);
+  EXPECT_EQ(op("clipboard_get"), Json({{"ok", true}, {"text", text}}));  // the factory's own
   // Emptied again for the next run of the suite.
   EXPECT_EQ(op("key", {{"chord", "delete"}}), Json({{"ok", true}}));
   // X has no fn key, and the refusal says so rather than leaving the host to guess.
@@ -620,6 +626,162 @@ TEST_F(WidgetFactory, TypedUnicodeTextComesBackThroughTheClipboard) {
             Json({{"ok", false},
                   {"error", "this desktop cannot hold every modifier of chord \"fn+a\": the x11 "
                             "desktop has no fn key"}}));
+}
+
+// xclip is another X client: what it sets, the agent reads, and what the agent sets, it reads,
+// small and large (INCR both ways).
+TEST_F(WidgetFactory, ClipboardTextGoesBothWaysWithAnotherClient) {
+  TempDir files;
+  std::string large;
+  for (int i = 0; large.size() < 2 * 1024 * 1024; ++i) {
+    large += "line " + std::to_string(i) + " \u00e9\n";
+  }
+  for (const std::string& text : {std::string("h\u00e9llo \u65e5\u672c"), large}) {
+    const std::string in = files.file("in");
+    std::ofstream(in) << text;
+    const int input = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
+    const pid_t setter = spawnProgram({"/usr/bin/xclip", "-quiet", "-selection", "clipboard", "-i"},
+                                      {.stdinFd = input, .stdoutFd = -1});
+    ::close(input);
+    ASSERT_GT(setter, 0);
+    Json got = Json::object();
+    for (int i = 0; i < 50 && got.value("text", "") != text; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      got = op("clipboard_get");
+    }
+    EXPECT_EQ(got.value("text", "") == text, true)
+        << text.size() << " bytes: " << got.dump().substr(0, 200);
+
+    // The agent takes the selection over (xclip then ends) and serves it to a new xclip.
+    ASSERT_EQ(op("clipboard_set", {{"text", text + "!"}}), Json({{"ok", true}}));
+    // Each xclip is stopped if it outlives its part: a test leaves none of its processes behind.
+    const auto ended = [](pid_t child, std::chrono::seconds limit) {
+      if (waitForChild(child, limit)) return true;
+      ::kill(child, SIGKILL);
+      waitForChild(child, std::chrono::seconds(5));
+      return false;
+    };
+    EXPECT_TRUE(ended(setter, std::chrono::seconds(5)));
+    const std::string out = files.file("out");
+    const int output = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const pid_t getter =
+        spawnProgram({"/usr/bin/xclip", "-o", "-selection", "clipboard"}, {.stdoutFd = output});
+    ::close(output);
+    ASSERT_GT(getter, 0);
+    ASSERT_TRUE(ended(getter, std::chrono::seconds(10)));
+    std::ifstream read(out);
+    const std::string back((std::istreambuf_iterator<char>(read)),
+                           std::istreambuf_iterator<char>());
+    EXPECT_EQ(back == text + "!", true) << back.size() << " bytes back of " << text.size() + 1;
+    EXPECT_EQ(op("clipboard_get"), Json({{"ok", true}, {"text", text + "!"}}));
+  }
+
+  // An image is not text, and the refusal names what the clipboard holds.
+  const std::string in = files.file("in");
+  std::ofstream(in) << "\x89PNG\r\n";
+  const int input = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
+  const pid_t image = spawnProgram(
+      {"/usr/bin/xclip", "-quiet", "-selection", "clipboard", "-t", "image/png", "-i"},
+      {.stdinFd = input});
+  ::close(input);
+  ASSERT_GT(image, 0);
+  Json got = Json::object();
+  for (int i = 0; i < 50 && got.value("ok", true); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    got = op("clipboard_get");
+  }
+  EXPECT_EQ(got,
+            Json({{"ok", false}, {"error", "the clipboard holds no text (it holds image/png)"}}));
+  EXPECT_EQ(op("clipboard_set", {{"text", ""}}), Json({{"ok", true}}));
+  if (!waitForChild(image, std::chrono::seconds(5))) {
+    ::kill(image, SIGKILL);
+    waitForChild(image, std::chrono::seconds(5));
+    ADD_FAILURE() << "xclip kept the selection";
+  }
+  EXPECT_EQ(op("clipboard_get"), Json({{"ok", true}, {"text", ""}}));
+}
+
+// ---- Windows and the clipboard ---------------------------------------------------------------
+
+// A factory of its own, launched afresh: once the factory has read remapped keys, openbox has
+// been seen to leave later move requests undone (not understood yet), and a window minimised and
+// back has been seen to upset the selection by dragging of a later test.
+class FactoryWindow : public WidgetFactory {
+ protected:
+  static void SetUpTestSuite() {
+    // The last suite's factory must be gone first, window and all, or it would be found again;
+    // meanwhile a window that goes away under a query is no reason to end the test process.
+    const auto previous = XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });
+    Display* probe = window ? XOpenDisplay(nullptr) : nullptr;
+    for (int i = 0; probe != nullptr && i < 100; ++i) {
+      XWindowAttributes attributes;
+      if (XGetWindowAttributes(probe, window->id, &attributes) == 0) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    if (probe != nullptr) XCloseDisplay(probe);
+    window.reset();
+    WidgetFactory::SetUpTestSuite();
+    XSetErrorHandler(previous);
+  }
+};
+
+TEST_F(FactoryWindow, IsListedMovedResizedAndMinimized) {
+  // Refs live as long as their connection: every request here goes over one.
+  LineClient host = agent->connect();
+  const auto op = [&host](const std::string& name, Json members = Json::object()) {
+    members["op"] = name;
+    if (!host.send(members.dump() + "\n")) return Json::object();
+    const std::optional<std::string> reply = host.readLine();
+    return reply ? Json::parse(*reply) : Json::object();
+  };
+  // The factory's window as "windows" lists it, once a condition holds (at most 5 s).
+  const auto factoryWindow = [&op](const std::function<bool(const Json&)>& until) {
+    Json last;
+    for (int i = 0; i < 50; ++i) {
+      for (const Json& w : op("windows", {}).value("windows", Json::array())) {
+        if (w.value("pid", 0) == window->pid) last = w;
+      }
+      if (!last.is_null() && until(last)) return last;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return last;
+  };
+  const Json listed = factoryWindow([](const Json& w) { return w.contains("frame"); });
+  ASSERT_TRUE(listed.contains("frame")) << listed.dump();
+  EXPECT_EQ(listed["app"], "gtk3-widget-factory");
+  EXPECT_EQ(listed["pid"], window->pid);
+  EXPECT_EQ(listed["minimized"], false);
+  EXPECT_EQ(listed["frame"]["x"], window->x) << listed.dump();
+  EXPECT_EQ(listed["frame"]["y"], window->y) << listed.dump();
+  const Json frame = listed["frame"];
+  const auto act = [&op](const Json& w, Json members) {
+    members["ref"] = w["ref"];
+    return op("window_action", std::move(members));
+  };
+
+  ASSERT_EQ(act(listed, {{"action", "move"}, {"x", 37}, {"y", 51}}), Json({{"ok", true}}));
+  Json moved = factoryWindow([](const Json& w) { return w["frame"]["x"] == 37; });
+  EXPECT_EQ(moved["frame"], Json({{"x", 37}, {"y", 51}, {"w", frame["w"]}, {"h", frame["h"]}}))
+      << op("windows", {}).dump();
+  const int wider = frame["w"].get<int>() + 40;
+  ASSERT_EQ(act(moved, {{"action", "resize"}, {"w", wider}, {"h", frame["h"]}}),
+            Json({{"ok", true}}));
+  moved = factoryWindow([&](const Json& w) { return w["frame"]["w"] == wider; });
+  EXPECT_EQ(moved["frame"], Json({{"x", 37}, {"y", 51}, {"w", wider}, {"h", frame["h"]}}));
+
+  ASSERT_EQ(act(moved, {{"action", "minimize"}}), Json({{"ok", true}}));
+  EXPECT_EQ(factoryWindow([](const Json& w) { return w["minimized"] == true; })["minimized"], true);
+  ASSERT_EQ(act(moved, {{"action", "unminimize"}}), Json({{"ok", true}}));
+  EXPECT_EQ(factoryWindow([](const Json& w) { return w["minimized"] == false; })["minimized"],
+            false);
+
+  // Back where the other tests expect it.
+  ASSERT_EQ(act(moved, {{"action", "resize"}, {"w", frame["w"]}, {"h", frame["h"]}}),
+            Json({{"ok", true}}));
+  ASSERT_EQ(act(moved, {{"action", "move"}, {"x", frame["x"]}, {"y", frame["y"]}}),
+            Json({{"ok", true}}));
+  EXPECT_EQ(factoryWindow([&](const Json& w) { return w["frame"] == frame; })["frame"], frame);
+  EXPECT_EQ(act(moved, {{"action", "raise"}}), Json({{"ok", true}}));
 }
 
 }  // namespace

@@ -18,11 +18,13 @@ const ctlPath = process.env.TERVAIN_CTL;
 const kScreenGrant =
   'Screen Recording (kTCCServiceScreenCapture) is not granted to the agent \u2014 re-run provisioning';
 const kTodaysTools = [
-  'click', 'cursor_position', 'double_click', 'drag', 'element_action', 'element_at', 'find', 'focus',
-  'key_down', 'key_up', 'launch_app', 'mouse_down', 'mouse_up', 'move', 'press_key', 'read_file',
-  'run_command', 'screenshot', 'scroll', 'set_value', 'tree', 'type_text', 'wait_for', 'write_file',
+  'click', 'clipboard_get', 'clipboard_set', 'cursor_position', 'double_click', 'drag',
+  'element_action', 'element_at', 'find', 'focus', 'key_down', 'key_up', 'launch_app', 'mouse_down',
+  'mouse_up', 'move', 'press_key', 'read_file', 'run_command', 'screenshot', 'scroll', 'set_value',
+  'tree', 'type_text', 'wait_for', 'window_action', 'windows', 'write_file',
 ];
-const kReadOnly = new Set(['screenshot', 'cursor_position', 'tree', 'element_at', 'read_file', 'find', 'wait_for']);
+const kReadOnly = new Set(['screenshot', 'cursor_position', 'tree', 'element_at', 'read_file', 'find',
+  'wait_for', 'windows', 'clipboard_get']);
 
 let dir;
 const agents = [];

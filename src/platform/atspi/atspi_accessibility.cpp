@@ -425,11 +425,12 @@ std::uint32_t needsOf(const std::string& attribute) {
   if (attribute == "AXDescription") return bit(kDescription);
   if (attribute == "AXValue") return bit(kRole) | bit(kStates) | bit(kInterfaces);
   if (attribute == "AXEnabled" || attribute == "AXFocused" || attribute == "AXSelected" ||
-      attribute == "AXExpanded") {
+      attribute == "AXExpanded" || attribute == "AXMain" || attribute == "AXMinimized") {
     return bit(kRole) | bit(kStates);
   }
   if (attribute == "AXPosition" || attribute == "AXSize") return bit(kStates) | bit(kInterfaces);
   if (attribute == "AXChildren") return bit(kChildren);
+  if (attribute == "AXWindows") return bit(kRole) | bit(kChildren);
   if (attribute == "AXParent") return bit(kParent);
   return 0;
 }
@@ -482,6 +483,11 @@ struct Facts {
     return slots[f] < 0 ? nullptr : of(f)->reply(static_cast<std::size_t>(slots[f]));
   }
 };
+
+bool isWindow(std::uint32_t role) {
+  return role == ATSPI_ROLE_FRAME || role == ATSPI_ROLE_WINDOW || role == ATSPI_ROLE_DIALOG ||
+         role == ATSPI_ROLE_FILE_CHOOSER || role == ATSPI_ROLE_ALERT;
+}
 
 bool isCheckable(std::uint32_t role) {
   return role == ATSPI_ROLE_CHECK_BOX || role == ATSPI_ROLE_TOGGLE_BUTTON ||
@@ -580,7 +586,18 @@ AXRead attributeOf(const Facts& facts, const std::string& attribute) {
     return {AXError::success, hasState(*states, ATSPI_STATE_ENABLED) ||
                                   hasState(*states, ATSPI_STATE_SENSITIVE)};
   }
-  if (attribute == "AXFocused") return stateAttribute(facts, ATSPI_STATE_FOCUSED);
+  if (attribute == "AXFocused" || attribute == "AXMain" || attribute == "AXMinimized") {
+    // A window is focused (and main: X has one active window) while it is the active one, and
+    // minimised while iconified; other elements have only the focus.
+    const auto role = asUint(facts.reply(kRole));
+    if (!role) return failed(facts.code(kRole));
+    if (isWindow(*role)) {
+      return stateAttribute(facts, attribute == "AXMinimized" ? ATSPI_STATE_ICONIFIED
+                                                              : ATSPI_STATE_ACTIVE);
+    }
+    if (attribute != "AXFocused") return {AXError::attributeUnsupported, std::monostate{}};
+    return stateAttribute(facts, ATSPI_STATE_FOCUSED);
+  }
   if (attribute == "AXSelected") return stateAttribute(facts, ATSPI_STATE_SELECTED);
   if (attribute == "AXExpanded") {
     const auto states = asStates(facts.reply(kStates));
@@ -606,6 +623,16 @@ AXRead attributeOf(const Facts& facts, const std::string& attribute) {
     return {AXError::success, Size{double(extents->width), double(extents->height)}};
   }
   if (attribute == "AXChildren") {
+    auto children = asElements(facts.reply(kChildren), bus);
+    if (!children) return failed(facts.code(kChildren));
+    return {AXError::success, std::move(*children)};
+  }
+  if (attribute == "AXWindows") {
+    // An application's children are its top-level windows; copyAttributeValues() keeps only
+    // those shown or minimised.
+    const auto role = asUint(facts.reply(kRole));
+    if (!role) return failed(facts.code(kRole));
+    if (*role != ATSPI_ROLE_APPLICATION) return {AXError::attributeUnsupported, std::monostate{}};
     auto children = asElements(facts.reply(kChildren), bus);
     if (!children) return failed(facts.code(kChildren));
     return {AXError::success, std::move(*children)};
@@ -860,6 +887,59 @@ void AtspiAccessibility::copyAttributeValues(const std::vector<ElementRef>& elem
     }
     if (actionNames) (*actionNames)[i] = missing ? gone : actionNamesOf(f);
   }
+  keepShownWindows(c.get(), attributes, out);
+}
+
+// An application lists every top-level window it made, hidden ones too: AXWindows keeps those
+// visible or iconified, as a macOS application lists its windows on screen and minimised.
+void AtspiAccessibility::keepShownWindows(BusConnection* c,
+                                          const std::vector<std::string>& attributes,
+                                          std::vector<std::vector<AXRead>>& out) {
+  const auto column = std::find(attributes.begin(), attributes.end(), "AXWindows");
+  if (column == attributes.end()) return;
+  const auto j = static_cast<std::size_t>(column - attributes.begin());
+  Batch states;
+  for (auto& row : out) {
+    auto* windows = std::get_if<std::vector<ElementRef>>(&row[j].second);
+    if (row[j].first != AXError::success || windows == nullptr) continue;
+    for (const ElementRef& window : *windows) {
+      const auto& w = static_cast<const AtspiElement&>(*window);
+      states.add(w.bus, w.path, kAccessible, "GetState", nullptr, timeoutMillis(w.bus));
+    }
+  }
+  states.run(c);
+  std::size_t k = 0;
+  for (auto& row : out) {
+    auto* windows = std::get_if<std::vector<ElementRef>>(&row[j].second);
+    if (row[j].first != AXError::success || windows == nullptr) continue;
+    std::vector<ElementRef> kept;
+    for (ElementRef& window : *windows) {
+      const auto bits = asStates(states.reply(k++));
+      if (bits && (hasState(*bits, ATSPI_STATE_VISIBLE) || hasState(*bits, ATSPI_STATE_ICONIFIED))) {
+        kept.push_back(std::move(window));
+      }
+    }
+    *windows = std::move(kept);
+  }
+}
+
+std::vector<std::int32_t> AtspiAccessibility::applicationPids() {
+  std::vector<std::int32_t> pids;
+  for (const App& app : applications(kDefaultTimeoutMs)) pids.push_back(app.pid);
+  return pids;
+}
+
+std::optional<std::int32_t> AtspiAccessibility::pidOfElement(const Element& element) {
+  const AtspiElement* e = mine(element);
+  if (e == nullptr || e->bus.empty()) return std::nullopt;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    {
+      std::lock_guard lock(mutex);
+      if (const auto known = pidOfBus.find(e->bus); known != pidOfBus.end()) return known->second;
+    }
+    applications(kDefaultTimeoutMs);  // learns the pids of every application on the bus
+  }
+  return std::nullopt;
 }
 
 AXResult AtspiAccessibility::copyAttributeValue(const Element& element,

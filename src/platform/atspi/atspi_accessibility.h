@@ -70,6 +70,8 @@ class AtspiAccessibility {
   // The action names; the application's default action ("click", "press", "activate",
   // "toggle") reads as AXPress, others pass through unchanged.
   AXResult copyActionNames(const Element& element, AXValue& out);
+  // AXWindows of an application: its top-level windows that are visible or iconified. A
+  // window's AXMain and AXFocused say it is the active window, AXMinimized that it is iconified.
   // AXPress performs the default action; any other name the action of that name.
   AXResult performAction(const Element& element, const std::string& action);
   AXResult isAttributeSettable(const Element& element, const std::string& attribute,
@@ -81,6 +83,11 @@ class AtspiAccessibility {
   // The deepest element at a global point: the top-level window under the point, then down
   // through the applications' own hit tests. Every call bounded by timeoutSeconds.
   AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out);
+
+  // The pids of the applications on the bus.
+  std::vector<std::int32_t> applicationPids();
+  // The pid of the element's application; nothing when it is not on the bus.
+  std::optional<std::int32_t> pidOfElement(const Element& element);
 
   // The application of the active frame.
   std::optional<std::int32_t> frontmostApplicationPid();
@@ -103,6 +110,8 @@ class AtspiAccessibility {
   int timeoutMillis(const std::string& bus);
   std::vector<App> applications(int timeoutMs);
   std::optional<std::string> busOfPid(std::int32_t pid, int timeoutMs);
+  void keepShownWindows(BusConnection* c, const std::vector<std::string>& attributes,
+                        std::vector<std::vector<AXRead>>& out);
   AXResult actionIndex(const AtspiElement& element, const std::string& action, int& index);
 
   const std::string configuredAddress;

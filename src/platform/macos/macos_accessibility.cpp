@@ -198,6 +198,43 @@ AXResult MacDesktop::setAttributeValue(const Element& element, const std::string
   return AXUIElementSetAttributeValue(ref, name.get(), text.get());
 }
 
+AXResult MacDesktop::windowAction(const Element& window, WindowAction action, Point to) {
+  const AXUIElementRef ref = refOf(window);
+  if (!ref) return AXError::illegalArgument;
+  switch (action) {
+    case WindowAction::raise:
+      return AXUIElementPerformAction(ref, kAXRaiseAction);
+    case WindowAction::minimize:
+      return AXUIElementSetAttributeValue(ref, kAXMinimizedAttribute, kCFBooleanTrue);
+    case WindowAction::unminimize:
+      return AXUIElementSetAttributeValue(ref, kAXMinimizedAttribute, kCFBooleanFalse);
+    case WindowAction::close: {
+      // The window's close button, pressed as a person would.
+      CFTypeRef raw = nullptr;
+      const ::AXError result = AXUIElementCopyAttributeValue(ref, kAXCloseButtonAttribute, &raw);
+      const CFRef<CFTypeRef> button(raw);
+      if (result != kAXErrorSuccess) return result;
+      if (!button || CFGetTypeID(button.get()) != AXUIElementGetTypeID()) {
+        return AXError::actionUnsupported;
+      }
+      return AXUIElementPerformAction(static_cast<AXUIElementRef>(button.get()), kAXPressAction);
+    }
+    case WindowAction::move: {
+      const CGPoint point = CGPointMake(to.x, to.y);
+      const CFRef<AXValueRef> value(AXValueCreate(kAXValueTypeCGPoint, &point));
+      if (!value) return AXError::illegalArgument;
+      return AXUIElementSetAttributeValue(ref, kAXPositionAttribute, value.get());
+    }
+    case WindowAction::resize: {
+      const CGSize size = CGSizeMake(to.x, to.y);
+      const CFRef<AXValueRef> value(AXValueCreate(kAXValueTypeCGSize, &size));
+      if (!value) return AXError::illegalArgument;
+      return AXUIElementSetAttributeValue(ref, kAXSizeAttribute, value.get());
+    }
+  }
+  return AXError::illegalArgument;
+}
+
 AXResult MacDesktop::elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) {
   out = nullptr;
   const CFRef<AXUIElementRef> systemWide(AXUIElementCreateSystemWide());

@@ -52,6 +52,13 @@ class MacDesktop final : public Desktop {
   AXResult setAttributeValue(const Element& element, const std::string& attribute,
                              const AXWritableValue& value) override;
   AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) override;
+  // Raise is AXRaise, minimise and unminimise set AXMinimized, close presses the window's
+  // AXCloseButton, move and resize set AXPosition and AXSize.
+  AXResult windowAction(const Element& window, WindowAction action, Point to) override;
+
+  // In macos_pasteboard.mm: the general pasteboard's plain text.
+  ClipboardText readClipboard() override;
+  std::optional<std::string> writeClipboard(const std::string& text) override;
 
   // In macos_workspace.mm. A launch looks for NAME.app in /Applications,
   // /System/Applications and /System/Applications/Utilities, in that order, and opens the first
@@ -59,6 +66,8 @@ class MacDesktop final : public Desktop {
   // name, on the calling thread.
   std::optional<std::int32_t> frontmostApplicationPid() override;
   std::optional<std::string> runningApplicationName(std::int32_t pid) override;
+  // The running applications whose activation policy is regular (those in the Dock).
+  std::vector<std::int32_t> regularApplicationPids() override;
   void launchApplication(const std::string& name,
                          std::function<void(LaunchResult)> completion) override;
 

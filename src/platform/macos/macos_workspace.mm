@@ -61,6 +61,18 @@ std::optional<std::string> MacDesktop::runningApplicationName(std::int32_t pid) 
   }
 }
 
+std::vector<std::int32_t> MacDesktop::regularApplicationPids() {
+  @autoreleasepool {
+    std::vector<std::int32_t> pids;
+    for (NSRunningApplication* app in NSWorkspace.sharedWorkspace.runningApplications) {
+      if (app.activationPolicy == NSApplicationActivationPolicyRegular) {
+        pids.push_back(static_cast<std::int32_t>(app.processIdentifier));
+      }
+    }
+    return pids;
+  }
+}
+
 namespace {
 
 // Opens the bundle at path with a default configuration; the completion runs once, on a queue

@@ -12,6 +12,7 @@
 
 #include "platform/x11/x11_keys.h"
 #include "platform/x11/x11_screen.h"
+#include "platform/x11/x11_windows.h"
 
 // Xlib defines Status as a macro; the seam's LaunchResult::Status and CapturedImage::Status
 // are what this file means.
@@ -81,7 +82,7 @@ std::u32string codePoints(const std::u16string& chunk) {
 }  // namespace
 
 X11Desktop::X11Desktop(std::string displayName)
-    : inputConnection(displayName), captureConnection(displayName) {
+    : inputConnection(displayName), captureConnection(displayName), clipboard(displayName) {
   // AT-SPI knows every application's windows but not which lies on top at a point; the window
   // manager's stacking list does.
   accessibility.setWindowStack([this](double x, double y) {
@@ -186,6 +187,55 @@ AXResult X11Desktop::setAttributeValue(const Element& element, const std::string
 
 AXResult X11Desktop::elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) {
   return accessibility.elementAtPoint(x, y, timeoutSeconds, out);
+}
+
+AXResult X11Desktop::windowAction(const Element& window, WindowAction action, Point to) {
+  const auto pid = accessibility.pidOfElement(window);
+  if (!pid) return AXError::invalidUIElement;
+  std::vector<std::vector<std::pair<AXResult, AXValue>>> reads;
+  const ElementRef handle(std::shared_ptr<const Element>(), &window);  // not owned
+  accessibility.copyAttributeValues({handle}, {"AXTitle", "AXPosition"}, reads);
+  if (reads[0][0].first == AXError::invalidUIElement) return AXError::invalidUIElement;
+  const auto* title = std::get_if<std::string>(&reads[0][0].second);
+  const auto* at = std::get_if<Point>(&reads[0][1].second);
+  const auto target =
+      x11::matchWindow(x11::clientWindowsOf(inputConnection, *pid), title ? *title : "",
+                       at ? std::optional<int>(pixel(at->x)) : std::nullopt,
+                       at ? std::optional<int>(pixel(at->y)) : std::nullopt);
+  if (!target) return AXError::failure;  // no client window of that application
+  bool sent = false;
+  switch (action) {
+    case WindowAction::raise: sent = x11::activateWindow(inputConnection, target->id); break;
+    case WindowAction::minimize: sent = x11::minimizeWindow(inputConnection, target->id); break;
+    case WindowAction::unminimize:
+      sent = x11::unminimizeWindow(inputConnection, target->id);
+      break;
+    case WindowAction::close: sent = x11::closeWindow(inputConnection, target->id); break;
+    case WindowAction::move:
+      sent = x11::moveWindow(inputConnection, *target, pixel(to.x), pixel(to.y));
+      break;
+    case WindowAction::resize:
+      sent = x11::resizeWindow(inputConnection, *target, pixel(to.x), pixel(to.y));
+      break;
+  }
+  return sent ? AXError::success : AXError::cannotComplete;
+}
+
+ClipboardText X11Desktop::readClipboard() { return clipboard.read(); }
+
+std::optional<std::string> X11Desktop::writeClipboard(const std::string& text) {
+  return clipboard.write(text);
+}
+
+std::vector<std::int32_t> X11Desktop::regularApplicationPids() {
+  std::vector<std::int32_t> pids = accessibility.applicationPids();
+  // Without the window manager's list, every application on the bus counts.
+  if (const auto withWindows = x11::clientPids(inputConnection)) {
+    std::erase_if(pids, [&](std::int32_t pid) {
+      return std::find(withWindows->begin(), withWindows->end(), pid) == withWindows->end();
+    });
+  }
+  return pids;
 }
 
 // The window manager's active window, else the application of AT-SPI's active frame.

@@ -15,6 +15,7 @@
 #include "platform/desktop.h"
 #include "platform/x11/app_launch.h"
 #include "platform/x11/x11_capture.h"
+#include "platform/x11/x11_clipboard.h"
 #include "platform/x11/x11_connection.h"
 #include "platform/x11/x11_input.h"
 #include "platform/x11/x11_screen.h"
@@ -63,7 +64,15 @@ class X11Desktop : public Desktop {
                              const AXWritableValue& value) override;
   AXResult elementAtPoint(float x, float y, float timeoutSeconds, ElementRef& out) override;
 
+  // Windows are AT-SPI frames; actions go to the window manager for the X window matched to
+  // the frame (x11_windows.h says how).
+  AXResult windowAction(const Element& window, WindowAction action, Point to) override;
+  ClipboardText readClipboard() override;
+  std::optional<std::string> writeClipboard(const std::string& text) override;
+
   std::optional<std::int32_t> frontmostApplicationPid() override;
+  // The applications on the accessibility bus that own a window manager client window.
+  std::vector<std::int32_t> regularApplicationPids() override;
   std::optional<std::string> runningApplicationName(std::int32_t pid) override;
   void launchApplication(const std::string& name,
                          std::function<void(LaunchResult)> completion) override;
@@ -84,6 +93,7 @@ class X11Desktop : public Desktop {
   x11::MonitorList captureMonitors{captureConnection};
   x11::LaunchEnvironment launchEnvironment = x11::LaunchEnvironment::current();
   atspi::AtspiAccessibility accessibility;
+  x11::Clipboard clipboard;  // its thread and connection start on first use
 };
 
 }  // namespace tervain
