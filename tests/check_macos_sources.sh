@@ -43,7 +43,7 @@ sdk="${sdks[0]}"
 # into a folder of its own so that the host's libc headers never shadow the SDK's.
 third="$work/third_party_include"
 mkdir -p "$third"
-for header in nlohmann CLI utf8proc.h turbojpeg.h png.h pngconf.h pnglibconf.h; do
+for header in nlohmann CLI utf8proc.h turbojpeg.h png.h pngconf.h pnglibconf.h httplib.h; do
   for dir in /usr/include /usr/local/include /opt/homebrew/include; do
     if [[ -e "$dir/$header" ]]; then
       ln -sfn "$dir/$header" "$third/$header"

@@ -77,12 +77,16 @@ test('the view page shows and drives gtk3-widget-factory', { timeout: 180_000 },
     const text = await treeText();
     for (const title of ['Page 1', 'Page 2', 'Page 3']) assert.match(text, new RegExp(`AXRadioButton "${title}"`));
 
-    // Hovering a tree row outlines its element over the screen.
-    const row = await page.evaluateHandle(() =>
-      [...document.querySelectorAll('#tree [data-ref]')].find((r) => /AXRadioButton "Page 2"/.test(r.textContent)));
-    await row.hover();
-    const outline = await page.$eval('#outline', (o) => ({ hidden: o.hidden, w: o.offsetWidth, h: o.offsetHeight }));
-    assert.equal(outline.hidden, false);
+    // Hovering a tree row outlines its element over the screen (the row is looked up afresh
+    // each time: a tree read meanwhile replaces the rows).
+    const outline = await waitFor('an outline while a row is hovered', async () => {
+      const row = await page.evaluateHandle(() =>
+        [...document.querySelectorAll('#tree [data-ref]')].find((r) => /AXRadioButton "Page 2"/.test(r.textContent)));
+      if (!(await row.evaluate((r) => r && r.isConnected))) return null;
+      await row.hover();
+      const seen = await page.$eval('#outline', (o) => ({ hidden: o.hidden, w: o.offsetWidth, h: o.offsetHeight }));
+      return seen.hidden ? null : seen;
+    }, 10);
     assert.ok(outline.w > 10 && outline.h > 5, JSON.stringify(outline));
 
     // Interactive on: a click on the image over an unchecked check box toggles it in the factory.
