@@ -163,6 +163,37 @@ class TervainctlTest : public ::testing::Test {
   CtlResult run(std::vector<std::string> args, const CtlRun::Options& options = {}) {
     return start(std::move(args), options).finish();
   }
+  // Runs tervainctl against a socket that plays the agent from a script, for what the headless
+  // agent cannot answer: it reads a line and answers the next reply, in turn, and records the
+  // lines it read.
+  std::pair<CtlResult, std::vector<std::string>> scripted(std::vector<std::string> args,
+                                                          const std::vector<std::string>& replies,
+                                                          const std::string& input = "") {
+    const std::string path = local.file("scripted.sock");
+    ::unlink(path.c_str());
+    const int server = tervain_unix_listen(path.c_str(), 1);
+    std::vector<std::string> requests;
+    std::thread answer([server, &replies, &requests] {
+      pollfd ready{server, POLLIN, 0};
+      if (server < 0 || ::poll(&ready, 1, 10'000) != 1) return;  // a run that never connects
+      const int connection = ::accept(server, nullptr, nullptr);
+      for (std::size_t i = 0; connection >= 0 && i < replies.size(); ++i) {
+        std::string request;
+        char byte = 0;
+        while (::read(connection, &byte, 1) == 1 && byte != '\n') request.push_back(byte);
+        requests.push_back(request);
+        const std::string line = replies[i] + "\n";
+        EXPECT_EQ(::write(connection, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+      }
+      if (connection >= 0) ::close(connection);
+    });
+    args.insert(args.begin(), {"--connect", "unix:" + path});
+    std::ofstream(local.file("stdin")) << input;
+    CtlResult r = run(args, {.stdinPath = local.file("stdin")});
+    answer.join();
+    if (server >= 0) ::close(server);
+    return {std::move(r), std::move(requests)};
+  }
 
   AgentProcess agent;
   TempDir local;
@@ -471,25 +502,7 @@ TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
        "tervainctl: the agent does not know exec -t (it is too old); nothing was run\n"},
   };
   for (const auto& c : cases) {
-    const std::string path = local.file("refusing.sock");
-    ::unlink(path.c_str());
-    const int server = tervain_unix_listen(path.c_str(), 1);
-    ASSERT_GE(server, 0);
-    std::thread refuse([server, answer = c.answer + "\n"] {
-      const int connection = ::accept(server, nullptr, nullptr);
-      if (connection < 0) return;
-      char byte = 0;
-      while (::read(connection, &byte, 1) == 1 && byte != '\n') {
-      }
-      EXPECT_EQ(::write(connection, answer.data(), answer.size()),
-                static_cast<ssize_t>(answer.size()));
-      ::close(connection);
-    });
-    std::vector<std::string> args = {"--connect", "unix:" + path};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    const CtlResult r = run(args);
-    refuse.join();
-    ::close(server);
+    const CtlResult r = scripted(c.args, {c.answer}).first;
     EXPECT_EQ(r.status, 255);
     EXPECT_EQ(r.err, c.err);
   }
@@ -498,9 +511,6 @@ TEST_F(TervainctlTest, ExecPrintsTheAgentsErrAndExits255) {
 // The request each input (and window and clipboard) subcommand sends, read by a socket that
 // answers it with ok.
 TEST_F(TervainctlTest, InputSubcommandsSendTheirRequests) {
-  const std::string path = local.file("recording.sock");
-  const int server = tervain_unix_listen(path.c_str(), 1);
-  ASSERT_GE(server, 0);
   const struct {
     std::vector<std::string> args;
     const char* request;
@@ -525,36 +535,16 @@ TEST_F(TervainctlTest, InputSubcommandsSendTheirRequests) {
        R"({"dy":-2,"modifiers":["ctrl"],"op":"scroll"})"},
   };
   for (const auto& c : cases) {
-    std::string request;
-    std::thread answer([server, &request] {
-      pollfd ready{server, POLLIN, 0};
-      if (::poll(&ready, 1, 10'000) != 1) return;  // a run that never connects
-      const int connection = ::accept(server, nullptr, nullptr);
-      if (connection < 0) return;
-      char byte = 0;
-      while (::read(connection, &byte, 1) == 1 && byte != '\n') request.push_back(byte);
-      const std::string ok = "{\"ok\":true}\n";
-      EXPECT_EQ(::write(connection, ok.data(), ok.size()), static_cast<ssize_t>(ok.size()));
-      ::close(connection);
-    });
-    std::vector<std::string> args = {"--connect", "unix:" + path};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    std::ofstream(local.file("stdin")) << c.input;
-    const CtlResult r = run(args, {.stdinPath = local.file("stdin")});
-    answer.join();
+    const auto [r, requests] = scripted(c.args, {R"({"ok":true})"}, c.input);
     EXPECT_EQ(r.status, 0) << c.args[0] << ": " << r.err;
-    EXPECT_EQ(request.empty() ? Json() : Json::parse(request), Json::parse(c.request))
+    EXPECT_EQ(requests.empty() ? Json() : Json::parse(requests[0]), Json::parse(c.request))
         << c.args[0] << " " << c.args[1];
   }
-  ::close(server);
 }
 
 // find, wait and --find against a socket that answers each request in turn from a script and
 // records them: --find acts on the ref its search returned, in the same connection.
 TEST_F(TervainctlTest, FindWaitAndActingOnWhatASearchFinds) {
-  const std::string path = local.file("searching.sock");
-  const int server = tervain_unix_listen(path.c_str(), 1);
-  ASSERT_GE(server, 0);
   const std::string button = R"({"ref":"e3","role":"AXButton","title":"Page 2","frame":{"x":1,"y":2,"w":3,"h":4}})";
   const std::string two = R"({"ok":true,"visited":40,"matches":[)" + button + "," + button + "]}";
   const struct {
@@ -583,26 +573,7 @@ TEST_F(TervainctlTest, FindWaitAndActingOnWhatASearchFinds) {
        "tervainctl: wait_for gave up after 0.5 s: no element\n"},
   };
   for (const auto& c : cases) {
-    std::vector<std::string> requests;
-    std::thread answer([server, &c, &requests] {
-      pollfd ready{server, POLLIN, 0};
-      if (::poll(&ready, 1, 10'000) != 1) return;  // a run that never connects
-      const int connection = ::accept(server, nullptr, nullptr);
-      if (connection < 0) return;
-      for (const std::string& reply : c.replies) {
-        std::string request;
-        char byte = 0;
-        while (::read(connection, &byte, 1) == 1 && byte != '\n') request.push_back(byte);
-        requests.push_back(request);
-        const std::string line = reply + "\n";
-        EXPECT_EQ(::write(connection, line.data(), line.size()), static_cast<ssize_t>(line.size()));
-      }
-      ::close(connection);
-    });
-    std::vector<std::string> args = {"--connect", "unix:" + path};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    const CtlResult r = run(args);
-    answer.join();
+    const auto [r, requests] = scripted(c.args, c.replies);
     EXPECT_EQ(r.status, c.status) << c.args[0] << ": " << r.err;
     EXPECT_EQ(r.out, c.out) << c.args[0];
     EXPECT_EQ(r.err, c.err) << c.args[0];
@@ -611,7 +582,6 @@ TEST_F(TervainctlTest, FindWaitAndActingOnWhatASearchFinds) {
       EXPECT_EQ(Json::parse(requests[i], nullptr, false), Json::parse(c.requests[i])) << c.args[0];
     }
   }
-  ::close(server);
 }
 
 // ---- cp ------------------------------------------------------------------------------------
