@@ -139,33 +139,4 @@ std::optional<TopLevel> findTopLevel(Display* display, const std::string& resNam
   return std::nullopt;
 }
 
-std::optional<std::string> clipboardText(Display* display) {
-  const ::Window window = XCreateSimpleWindow(display, DefaultRootWindow(display), 0, 0, 1, 1,
-                                              0, 0, 0);
-  const Atom clipboard = XInternAtom(display, "CLIPBOARD", False);
-  const Atom utf8 = XInternAtom(display, "UTF8_STRING", False);
-  const Atom property = XInternAtom(display, "TERVAIN_CLIPBOARD", False);
-  XConvertSelection(display, clipboard, utf8, property, window, CurrentTime);
-  XFlush(display);
-  std::optional<std::string> text;
-  for (int i = 0; i < 100 && !text; ++i) {
-    XEvent event;
-    if (XCheckTypedWindowEvent(display, window, SelectionNotify, &event)) {
-      if (event.xselection.property == None) break;
-      Atom type = 0;
-      int format = 0;
-      unsigned long count = 0, after = 0;
-      unsigned char* data = nullptr;
-      XGetWindowProperty(display, window, property, 0, 1 << 20, True, AnyPropertyType, &type,
-                         &format, &count, &after, &data);
-      text = std::string(reinterpret_cast<const char*>(data), count);
-      XFree(data);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  XDestroyWindow(display, window);
-  return text;
-}
-
 }  // namespace tervain::testing

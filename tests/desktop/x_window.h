@@ -48,8 +48,4 @@ struct TopLevel {
 std::optional<TopLevel> findTopLevel(Display* display, const std::string& resName,
                                      std::chrono::milliseconds within);
 
-// The CLIPBOARD selection's text, asked for as UTF8_STRING as a client would; nothing when no
-// one owns it or the owner does not answer within 2 s.
-std::optional<std::string> clipboardText(Display* display);
-
 }  // namespace tervain::testing
