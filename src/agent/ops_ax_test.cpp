@@ -557,7 +557,6 @@ TEST_F(AXFindTest, WaitForAnswersOnThePollWhereItsStateHolds) {
        [this](Scene& s) { desktop.node(s.root).attributeErrors["AXRole"] = AXError::cannotComplete; }, {},
        gone(R"(an element with title containing "absent" was still there)")},
       // Refused before anything is read.
-      {{{"title", "x"}}, {}, {}, R"(wait_for "state" must be "exists", "gone", "enabled", "focused" or "value")"},
       {{{"title", "x"}, {"state", "there"}}, {}, {}, R"(wait_for "state" must be "exists", "gone", "enabled", "focused" or "value")"},
       {{{"title", "x"}, {"state", "value"}, {"equals", 1}}, {}, {}, R"(wait_for "state": "value" requires a string "equals")"},
       {{{"title", "x"}, {"state", "exists"}, {"timeout", "5"}}, {}, {}, R"(wait_for "timeout" must be a number of seconds)"},
