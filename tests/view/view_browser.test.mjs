@@ -106,11 +106,28 @@ test('the view page shows and drives gtk3-widget-factory', { timeout: 180_000 },
     });
     const scale = await page.evaluate(() => imageScale);
     const k = box.k * scale;
-    await page.mouse.click(box.left + (before.frame.x + 10) * k, box.top + (before.frame.y + before.frame.h / 2) * k);
-    await waitFor('the check box to be checked', async () => {
-      const now = (await checkBox()).find((n) => n.frame.x === before.frame.x && n.frame.y === before.frame.y);
-      return now && now.value === '1';
-    });
+    // A loaded machine can take the first click before the application is ready for it: the
+    // page says what it sent, and the click is made again (at most three, 5 s apart) until the
+    // box reads checked.
+    const at = { x: box.left + (before.frame.x + 10) * k, y: box.top + (before.frame.y + before.frame.h / 2) * k };
+    const said = [];
+    let clicks = 0, nextClick = 0;
+    try {
+      await waitFor('the check box to be checked', async () => {
+        const now = (await checkBox()).find((n) => n.frame.x === before.frame.x && n.frame.y === before.frame.y);
+        if (now && now.value === '1') return true;
+        if (clicks < 3 && Date.now() >= nextClick) {
+          await page.mouse.click(at.x, at.y);
+          ++clicks;
+          nextClick = Date.now() + 5000;
+          await new Promise((r) => setTimeout(r, 500));
+          said.push(await page.$eval('#hover', (h) => h.textContent));
+        }
+        return false;
+      }, 40);
+    } catch (error) {
+      throw new Error(`${error.message}; clicked at ${JSON.stringify(at)} for ${JSON.stringify(before)}; the page said ${JSON.stringify(said)}`);
+    }
 
     await page.screenshot({ path: 'view-page.png' });
     assert.deepEqual(problems, [], 'the page logged errors');
