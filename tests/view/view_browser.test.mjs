@@ -77,16 +77,23 @@ test('the view page shows and drives gtk3-widget-factory', { timeout: 180_000 },
     const text = await treeText();
     for (const title of ['Page 1', 'Page 2', 'Page 3']) assert.match(text, new RegExp(`AXRadioButton "${title}"`));
 
-    // Hovering a tree row outlines its element over the screen (the row is looked up afresh
-    // each time: a tree read meanwhile replaces the rows).
+    // Hovering a tree row outlines its element over the screen. The row is looked up afresh
+    // each time (a tree read replaces the rows), the mouse leaves it in between so that it
+    // enters again, and the tree is read again: an application just started may not have laid
+    // out its elements, which then have no frame yet.
     const outline = await waitFor('an outline while a row is hovered', async () => {
+      await page.mouse.move(0, 0);
       const row = await page.evaluateHandle(() =>
         [...document.querySelectorAll('#tree [data-ref]')].find((r) => /AXRadioButton "Page 2"/.test(r.textContent)));
       if (!(await row.evaluate((r) => r && r.isConnected))) return null;
       await row.hover();
       const seen = await page.$eval('#outline', (o) => ({ hidden: o.hidden, w: o.offsetWidth, h: o.offsetHeight }));
-      return seen.hidden ? null : seen;
-    }, 10);
+      if (!seen.hidden) return seen;
+      await page.mouse.move(0, 0);
+      await page.click('#refresh');
+      await new Promise((r) => setTimeout(r, 500));
+      return null;
+    }, 30);
     assert.ok(outline.w > 10 && outline.h > 5, JSON.stringify(outline));
 
     // Interactive on: a click on the image over an unchecked check box toggles it in the factory.
