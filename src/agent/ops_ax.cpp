@@ -644,7 +644,11 @@ Reply opAXAction(OperationContext& context, const Json& request) {
 
   const std::string* asked = stringMember(request, "action");
   const std::string& action = asked != nullptr && !asked->empty() ? *asked : kPress;
-  const AXResult code = desktop.performAction(*element, action);
+  return actionOutcome(desktop.performAction(*element, action), request, action, "re-dump");
+}
+
+Reply actionOutcome(AXResult code, const Json& request, const std::string& what,
+                    const char* verify) {
   switch (code) {
     case AXError::success:
       return Reply::success();
@@ -652,14 +656,14 @@ Reply opAXAction(OperationContext& context, const Json& request) {
       // The action may well have happened: the host should look, not press again.
       Reply reply = Reply::success();
       reply.body["note"] =
-          "the app did not confirm within the AX timeout \u2014 the action possibly succeeded; "
-          "re-dump to verify";
+          "the app did not confirm within the AX timeout \u2014 the action possibly succeeded; " +
+          std::string(verify) + " to verify";
       return reply;
     }
     case AXError::invalidUIElement:
       return staleRefReply(request);
     default:
-      return Reply::failure(action + " failed (" + describeAXResult(code) + ")");
+      return Reply::failure(what + " failed (" + describeAXResult(code) + ")");
   }
 }
 

@@ -26,5 +26,10 @@ Reply accessibilityNotGranted();
 ElementRef resolveRef(const OperationContext& context, const Json& request);
 // The failure reply for a ref that names nothing (or an element that has gone away).
 Reply staleRefReply(const Json& request);
+// The reply to an action on an element (what names it in a failure): success; success with a
+// note that says how to check (verify) when the application did not confirm in time; the
+// stale-ref failure; or "<what> failed (<result>)".
+Reply actionOutcome(AXResult code, const Json& request, const std::string& what,
+                    const char* verify);
 
 }  // namespace tervain

@@ -178,22 +178,8 @@ Reply opWindowAction(OperationContext& context, const Json& request) {
     to = {*w, *h};
   }
 
-  const AXResult code = desktop.windowAction(*window, chosen->action, to);
-  switch (code) {
-    case AXError::success:
-      return Reply::success();
-    case AXError::cannotComplete: {
-      Reply reply = Reply::success();
-      reply.body["note"] =
-          "the app did not confirm within the AX timeout \u2014 the action possibly succeeded; "
-          "list the windows to verify";
-      return reply;
-    }
-    case AXError::invalidUIElement:
-      return staleRefReply(request);
-    default:
-      return Reply::failure(std::string(chosen->name) + " failed (" + describeAXResult(code) + ")");
-  }
+  return actionOutcome(desktop.windowAction(*window, chosen->action, to), request, chosen->name,
+                       "list the windows");
 }
 
 }  // namespace tervain
