@@ -21,6 +21,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <set>
+#include <thread>
 #include <unordered_map>
 
 #include "platform/atspi/atspi_roles.h"
@@ -31,6 +32,8 @@ namespace {
 constexpr int kDefaultTimeoutMs = 1500;
 // Calls in flight at once: the bus allows far more, this only bounds the memory of one batch.
 constexpr std::size_t kWindow = 1024;
+// What finding and opening an application's own socket may cost at most.
+constexpr int kPeerSetupMs = 250;
 // Steps down through nested hit tests; real trees are 3 to 10 deep.
 constexpr int kMaxHitDepth = 32;
 
@@ -85,6 +88,9 @@ struct Router;
 struct BusConnection;
 namespace {
 
+// The connection that carries the calls to one application (its unique name on the bus).
+using Route = std::function<std::shared_ptr<BusConnection>(const std::string& busName)>;
+
 // Many calls, all in flight together; run() returns when every call has answered or timed out.
 //
 // The calls are sent as plain messages and their replies caught by a filter on the connection's
@@ -92,7 +98,12 @@ namespace {
 // dispatch per reply, several times what the message itself costs, and that overhead showed as
 // the largest share of a walk. Calls not yet sent when the batch's deadline (its longest
 // timeout) has passed are not sent and read as timed out, so a batch never lasts much longer
-// than one timeout, however many calls it holds.
+// than one timeout, however many calls it holds. Each call goes on its application's own
+// connection (see linkFor), so one batch may wait on several connections at once.
+//
+// Locks: a router's mutex guards its table of waiting calls, the batch's mutex the batch's
+// count and answers; the filter takes the router's and then the batch's, nothing takes them the
+// other way round.
 class Batch {
  public:
   Batch() = default;
@@ -112,7 +123,7 @@ class Batch {
     return calls.size() - 1;
   }
 
-  void run(const BusConnection* bus);
+  void run(const Route& route);
 
   AXResult code(std::size_t i) const { return calls[i].code; }
   // The reply's body, owned by the batch; null unless the call succeeded.
@@ -136,8 +147,13 @@ class Batch {
     guint32 serial = 0;  // while in flight
   };
 
+  bool send(const BusConnection& link, std::size_t index);
+  // Gives up on the calls still waiting on link, with the code given.
+  void abandon(const BusConnection& link, AXResult code);
+
   std::vector<Call> calls;
-  std::size_t inFlight = 0;      // guarded by the router's mutex
+  std::mutex mutex;
+  std::size_t inFlight = 0;  // guarded by mutex
   std::condition_variable answered;
 };
 
@@ -160,17 +176,19 @@ struct Router {
     if (found == router->waiting.end()) return message;  // someone else's call
     auto [batch, index] = found->second;
     router->waiting.erase(found);
-    Batch::Call& call = batch->calls[index];
+    AXResult code = AXError::success;
     if (type == G_DBUS_MESSAGE_TYPE_ERROR) {
       GError* error = nullptr;
       g_dbus_message_to_gerror(message, &error);
-      call.code = codeOf(error);
+      code = codeOf(error);
       if (error) g_error_free(error);
       g_object_unref(message);
-    } else {
-      call.code = AXError::success;
-      call.replyMessage = message;
+      message = nullptr;
     }
+    std::lock_guard answer(batch->mutex);
+    Batch::Call& call = batch->calls[index];
+    call.code = code;
+    call.replyMessage = message;
     if (--batch->inFlight == 0 || batch->inFlight + 1 == kWindow) batch->answered.notify_one();
     return nullptr;  // ours: GDBus never sees it
   }
@@ -181,62 +199,151 @@ struct Router {
 struct BusConnection {
   GDBusConnection* gdbus;
   Router* router;  // freed by the connection with its filter
+  bool peer;       // a private connection to one application: its messages name no destination
   ~BusConnection() { g_object_unref(gdbus); }
 };
 
 namespace {
 
-void Batch::run(const BusConnection* bus) {
-  if (calls.empty() || bus == nullptr) return;  // every call reads as timed out
-  GDBusConnection* connection = bus->gdbus;
-  Router* router = bus->router;
+// Made with the filter that routes the replies of batches.
+std::shared_ptr<BusConnection> linkOf(GDBusConnection* made, bool peer) {
+  g_dbus_connection_set_exit_on_close(made, FALSE);
+  auto router = new Router;
+  g_dbus_connection_add_filter(made, &Router::filter, router,
+                               [](gpointer data) { delete static_cast<Router*>(data); });
+  return std::shared_ptr<BusConnection>(new BusConnection{made, router, peer});
+}
+
+// A private connection to the socket an application listens on; none when it cannot be made
+// within boundMs. Only local sockets: the address comes from the application.
+std::shared_ptr<BusConnection> connectPeer(const std::string& address, int boundMs) {
+  if (!address.starts_with("unix:")) return nullptr;
+  GCancellable* cancel = g_cancellable_new();
+  std::mutex mutex;
+  std::condition_variable finished;
+  bool done = false;
+  // The handshake needs the application's main loop; a hung application must not hold it.
+  std::thread timer([&] {
+    std::unique_lock lock(mutex);
+    if (!finished.wait_for(lock, std::chrono::milliseconds(boundMs), [&] { return done; })) {
+      g_cancellable_cancel(cancel);
+    }
+  });
+  GError* error = nullptr;
+  GDBusConnection* made = g_dbus_connection_new_for_address_sync(
+      address.c_str(), G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT, nullptr, cancel, &error);
+  {
+    std::lock_guard lock(mutex);
+    done = true;
+  }
+  finished.notify_one();
+  timer.join();
+  g_object_unref(cancel);
+  if (made == nullptr) {
+    g_error_free(error);
+    return nullptr;
+  }
+  return linkOf(made, true);
+}
+
+bool Batch::send(const BusConnection& link, std::size_t index) {
+  Call& call = calls[index];
+  GDBusMessage* message = g_dbus_message_new_method_call(
+      link.peer ? nullptr : call.bus.c_str(), call.path.c_str(), call.interface, call.method);
+  if (call.parameters) {
+    g_dbus_message_set_body(message, call.parameters);
+    g_variant_unref(call.parameters);
+    call.parameters = nullptr;
+  }
+  g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+  // Sent under the router's lock, so the reply cannot be routed before its serial is known.
+  GError* error = nullptr;
+  bool sent = false;
+  {
+    std::lock_guard lock(link.router->mutex);
+    sent = g_dbus_connection_send_message(link.gdbus, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                          &call.serial, &error);
+    if (sent) link.router->waiting.emplace(call.serial, std::make_pair(this, index));
+  }
+  if (!sent) {
+    call.code = codeOf(error);
+    g_error_free(error);
+  }
+  g_object_unref(message);
+  return sent;
+}
+
+void Batch::abandon(const BusConnection& link, AXResult code) {
+  std::lock_guard lock(link.router->mutex);
+  std::lock_guard answer(mutex);
+  for (auto it = link.router->waiting.begin(); it != link.router->waiting.end();) {
+    if (it->second.first != this) {
+      ++it;
+      continue;
+    }
+    calls[it->second.second].code = code;
+    --inFlight;
+    it = link.router->waiting.erase(it);
+  }
+}
+
+void Batch::run(const Route& route) {
+  if (calls.empty()) return;
+  using Clock = std::chrono::steady_clock;
   int longest = 0;
   for (const Call& call : calls) longest = std::max(longest, call.timeoutMs);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(longest);
-  std::unique_lock lock(router->mutex);
+  const auto deadline = Clock::now() + std::chrono::milliseconds(longest);
+
+  // One link per application, asked once; a call without one reads as timed out.
+  std::vector<std::shared_ptr<BusConnection>> links;
+  std::vector<const BusConnection*> linkOfCall(calls.size(), nullptr);
+  std::unordered_map<std::string, const BusConnection*> linkOfBus;
+  bool anyPeer = false;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    auto known = linkOfBus.find(calls[i].bus);
+    if (known == linkOfBus.end()) {
+      std::shared_ptr<BusConnection> link = route(calls[i].bus);
+      if (link && std::find(links.begin(), links.end(), link) == links.end()) {
+        anyPeer = anyPeer || link->peer;
+        links.push_back(link);
+      }
+      known = linkOfBus.emplace(calls[i].bus, link.get()).first;
+    }
+    linkOfCall[i] = known->second;
+  }
+
   std::size_t next = 0;
+  std::unique_lock lock(mutex);
   while (true) {
-    while (inFlight < kWindow && next < calls.size() &&
-           std::chrono::steady_clock::now() < deadline) {
-      Call& call = calls[next];
-      GDBusMessage* message = g_dbus_message_new_method_call(call.bus.c_str(), call.path.c_str(),
-                                                             call.interface, call.method);
-      if (call.parameters) {
-        g_dbus_message_set_body(message, call.parameters);
-        g_variant_unref(call.parameters);
-        call.parameters = nullptr;
-      }
-      g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-      // Sent under the router's lock, so the reply cannot be routed before its serial is known.
-      GError* error = nullptr;
-      if (g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                         &call.serial, &error)) {
-        router->waiting.emplace(call.serial, std::make_pair(this, next));
-        ++inFlight;
-      } else {
-        call.code = codeOf(error);
-        g_error_free(error);
-      }
-      g_object_unref(message);
-      ++next;
+    while (inFlight < kWindow && next < calls.size() && Clock::now() < deadline) {
+      const std::size_t index = next++;
+      if (linkOfCall[index] == nullptr) continue;
+      ++inFlight;  // before the send: the reply may be routed before send() returns
+      lock.unlock();
+      const bool sent = send(*linkOfCall[index], index);
+      lock.lock();
+      if (!sent) --inFlight;
     }
-    if (inFlight == 0) break;
-    if (answered.wait_until(lock, deadline) == std::cv_status::timeout &&
-        std::chrono::steady_clock::now() >= deadline) {
-      break;
+    if (inFlight == 0 && (next == calls.size() || Clock::now() >= deadline)) break;
+    // A private connection that closes (its application ended) answers nothing more: a look at
+    // it every 50 ms ends the wait as the bus would, with the application gone.
+    const auto wake = anyPeer ? std::min(deadline, Clock::now() + std::chrono::milliseconds(50))
+                              : deadline;
+    if (inFlight > 0) answered.wait_until(lock, wake);
+    if (anyPeer && inFlight > 0) {
+      lock.unlock();
+      for (const auto& link : links) {
+        if (link->peer && g_dbus_connection_is_closed(link->gdbus)) {
+          abandon(*link, AXError::invalidUIElement);
+        }
+      }
+      lock.lock();
     }
+    if (inFlight > 0 && Clock::now() >= deadline) break;
   }
-  // Whatever has not answered by now has timed out; its late reply goes to GDBus, which drops it.
-  if (inFlight > 0) {
-    for (std::size_t i = 0; i < next; ++i) {
-      const auto found = router->waiting.find(calls[i].serial);
-      if (found != router->waiting.end() && found->second.first == this) {
-        router->waiting.erase(found);
-        calls[i].code = AXError::cannotComplete;
-      }
-    }
-    inFlight = 0;
-  }
+  lock.unlock();
+  // Whatever has not answered by now has timed out; a late reply goes to GDBus, which drops it.
+  for (const auto& link : links) abandon(*link, AXError::cannotComplete);
 }
 
 // One synchronous call; the reply body or the result code.
@@ -248,7 +355,8 @@ AXResult callSync(const BusConnection* link, const std::string& bus, const std::
     return AXError::cannotComplete;
   }
   GError* error = nullptr;
-  GVariant* body = g_dbus_connection_call_sync(link->gdbus, bus.c_str(), path.c_str(), interface,
+  GVariant* body = g_dbus_connection_call_sync(link->gdbus, link->peer ? nullptr : bus.c_str(),
+                                               path.c_str(), interface,
                                                method, parameters, nullptr,
                                                G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs,
                                                nullptr, &error);
@@ -671,7 +779,8 @@ const AtspiElement* mine(const Element& element) {
 // ---- Connection ------------------------------------------------------------------------------
 
 AtspiAccessibility::AtspiAccessibility(std::string address)
-    : configuredAddress(std::move(address)) {}
+    : configuredAddress(std::move(address)),
+      routes([this](const std::string& busName) { return linkFor(busName); }) {}
 
 AtspiAccessibility::~AtspiAccessibility() = default;
 
@@ -713,17 +822,53 @@ std::shared_ptr<BusConnection> AtspiAccessibility::connection() {
     g_error_free(error);
     return nullptr;
   }
-  g_dbus_connection_set_exit_on_close(made, FALSE);
-  auto router = new Router;
-  g_dbus_connection_add_filter(made, &Router::filter, router,
-                               [](gpointer data) { delete static_cast<Router*>(data); });
-  std::shared_ptr<BusConnection> fresh(new BusConnection{made, router});
+  std::shared_ptr<BusConnection> fresh = linkOf(made, false);
   std::lock_guard lock(mutex);
   if (bus && !g_dbus_connection_is_closed(bus->gdbus)) return bus;  // another thread won
   bus = std::move(fresh);
   pidOfBus.clear();  // unique names belong to one bus
   nameOfBus.clear();
+  peers.clear();
   return bus;
+}
+
+// Most toolkits (GTK's bridge among them) also listen on a socket of their own, whose address
+// the application gives on request. Calls there skip the bus daemon, which otherwise handles
+// every call and every reply a second time; on a small machine that halves what a walk costs.
+// The address is asked once per application, with a short bound so that a hung application
+// costs the first call little more than its own timeout; an application without one (Qt says
+// "") or that cannot be reached stays on the bus. A unique name is never reused, so what is
+// learnt holds as long as the bus connection does.
+std::shared_ptr<BusConnection> AtspiAccessibility::linkFor(const std::string& busName) {
+  std::shared_ptr<BusConnection> shared = connection();
+  if (!shared || busName.size() < 2 || busName[0] != ':') return shared;
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard lock(mutex);
+    if (bus != shared) return shared;
+    const auto known = peers.find(busName);
+    if (known != peers.end()) {
+      const Peer& peer = known->second;
+      if (peer.link && !g_dbus_connection_is_closed(peer.link->gdbus)) return peer.link;
+      if (peer.link || now < peer.retryAt) return shared;  // ended, or none to be had for now
+    }
+  }
+  const int boundMs = std::min(timeoutMillis(busName), kPeerSetupMs);
+  Variant reply(nullptr, g_variant_unref);
+  const AXResult code = callSync(shared.get(), busName, kRootPath, "org.a11y.atspi.Application",
+                                 "GetApplicationBusAddress", nullptr, boundMs, reply);
+  const std::string address = asString(reply.get()).value_or("");
+  std::shared_ptr<BusConnection> link;
+  if (!address.empty()) link = connectPeer(address, boundMs);
+  std::lock_guard lock(mutex);
+  if (bus != shared) return shared;
+  Peer& peer = peers[busName];
+  if (peer.link && !g_dbus_connection_is_closed(peer.link->gdbus)) return peer.link;  // a race
+  peer.link = link;
+  // Asked again later only when the answer may change: the application was busy.
+  const bool busy = code == AXError::cannotComplete || (!address.empty() && !link);
+  peer.retryAt = busy ? now + std::chrono::seconds(10) : std::chrono::steady_clock::time_point::max();
+  return link ? link : shared;
 }
 
 bool AtspiAccessibility::busReachable() {
@@ -786,7 +931,7 @@ std::vector<AtspiAccessibility::App> AtspiAccessibility::applications(int timeou
                 "GetConnectionUnixProcessID", g_variant_new("(s)", apps[i].bus.c_str()),
                 timeoutMs);
   }
-  lookups.run(c.get());
+  lookups.run(routes);
   std::lock_guard lock(mutex);
   for (std::size_t k = 0; k < unknown.size(); ++k) {
     if (const auto pid = asUint(lookups.reply(k))) {
@@ -848,7 +993,6 @@ void AtspiAccessibility::copyAttributeValues(const std::vector<ElementRef>& elem
   }
 
   // Round one: everything that does not depend on another answer.
-  const auto c = connection();
   Batch first;
   std::vector<Facts> facts(elements.size());
   if (actionNames) needs |= 1u << kInterfaces;
@@ -862,7 +1006,7 @@ void AtspiAccessibility::copyAttributeValues(const std::vector<ElementRef>& elem
       if (needs & (1u << f)) addFetch(first, *e, static_cast<Fetch>(f), timeoutMs, facts[i].slots);
     }
   }
-  first.run(c.get());
+  first.run(routes);
 
   // Round two: what round one showed each element to have.
   Batch second;
@@ -875,7 +1019,7 @@ void AtspiAccessibility::copyAttributeValues(const std::vector<ElementRef>& elem
       addFetch(second, *f.element, fetch, timeoutMs, f.slots);
     }
   }
-  second.run(c.get());
+  second.run(routes);
 
   const AXRead gone{AXError::invalidUIElement, {}};
   for (std::size_t i = 0; i < elements.size(); ++i) {
@@ -887,13 +1031,12 @@ void AtspiAccessibility::copyAttributeValues(const std::vector<ElementRef>& elem
     }
     if (actionNames) (*actionNames)[i] = missing ? gone : actionNamesOf(f);
   }
-  keepShownWindows(c.get(), attributes, out);
+  keepShownWindows(attributes, out);
 }
 
 // An application lists every top-level window it made, hidden ones too: AXWindows keeps those
 // visible or iconified, as a macOS application lists its windows on screen and minimised.
-void AtspiAccessibility::keepShownWindows(BusConnection* c,
-                                          const std::vector<std::string>& attributes,
+void AtspiAccessibility::keepShownWindows(const std::vector<std::string>& attributes,
                                           std::vector<std::vector<AXRead>>& out) {
   const auto column = std::find(attributes.begin(), attributes.end(), "AXWindows");
   if (column == attributes.end()) return;
@@ -907,7 +1050,7 @@ void AtspiAccessibility::keepShownWindows(BusConnection* c,
       states.add(w.bus, w.path, kAccessible, "GetState", nullptr, timeoutMillis(w.bus));
     }
   }
-  states.run(c);
+  states.run(routes);
   std::size_t k = 0;
   for (auto& row : out) {
     auto* windows = std::get_if<std::vector<ElementRef>>(&row[j].second);
@@ -972,7 +1115,7 @@ AXResult AtspiAccessibility::actionIndex(const AtspiElement& e, const std::strin
                                          int& index) {
   if (e.bus.empty()) return AXError::invalidUIElement;
   Variant reply(nullptr, g_variant_unref);
-  const AXResult code = callSync(connection().get(), e.bus, e.path, kAction, "GetActions",
+  const AXResult code = callSync(linkFor(e.bus).get(), e.bus, e.path, kAction, "GetActions",
                                  nullptr, timeoutMillis(e.bus), reply);
   if (code == AXError::attributeUnsupported) return AXError::actionUnsupported;
   if (code != AXError::success) return code;
@@ -990,7 +1133,7 @@ AXResult AtspiAccessibility::performAction(const Element& element, const std::st
   int index = -1;
   if (const AXResult code = actionIndex(*e, action, index); code != AXError::success) return code;
   Variant reply(nullptr, g_variant_unref);
-  const AXResult code = callSync(connection().get(), e->bus, e->path, kAction, "DoAction",
+  const AXResult code = callSync(linkFor(e->bus).get(), e->bus, e->path, kAction, "DoAction",
                                  g_variant_new("(i)", index), timeoutMillis(e->bus), reply);
   if (code == AXError::attributeUnsupported) return AXError::actionUnsupported;
   if (code != AXError::success) return code;
@@ -1019,7 +1162,7 @@ AXResult AtspiAccessibility::isAttributeSettable(const Element& element,
   facts.element = e;
   const int timeoutMs = timeoutMillis(e->bus);
   for (Fetch f : {kRole, kStates, kInterfaces}) addFetch(batch, *e, f, timeoutMs, facts.slots);
-  batch.run(connection().get());
+  batch.run(routes);
   facts.batch = &batch;
   const auto role = asUint(facts.reply(kRole));
   const auto states = asStates(facts.reply(kStates));
@@ -1045,7 +1188,7 @@ AXResult AtspiAccessibility::setAttributeValue(const Element& element,
   const AtspiElement* e = mine(element);
   if (e == nullptr) return AXError::illegalArgument;
   if (e->bus.empty()) return AXError::invalidUIElement;
-  const auto c = connection();
+  const auto c = linkFor(e->bus);
   const int timeoutMs = timeoutMillis(e->bus);
   Variant reply(nullptr, g_variant_unref);
 
@@ -1103,13 +1246,12 @@ struct Frame {
 }  // namespace
 
 std::optional<std::int32_t> AtspiAccessibility::frontmostApplicationPid() {
-  const auto c = connection();
   const auto apps = applications(kDefaultTimeoutMs);
   Batch listing;
   for (const App& app : apps) {
     listing.add(app.bus, kRootPath, kAccessible, "GetChildren", nullptr, timeoutMillis(app.bus));
   }
-  listing.run(c.get());
+  listing.run(routes);
   Batch states;
   std::vector<std::int32_t> pidOfCall;
   for (std::size_t i = 0; i < apps.size(); ++i) {
@@ -1120,7 +1262,7 @@ std::optional<std::int32_t> AtspiAccessibility::frontmostApplicationPid() {
       pidOfCall.push_back(apps[i].pid);
     }
   }
-  states.run(c.get());
+  states.run(routes);
   for (std::size_t i = 0; i < pidOfCall.size(); ++i) {
     const auto bits = asStates(states.reply(i));
     if (bits && hasState(*bits, ATSPI_STATE_ACTIVE)) return pidOfCall[i];
@@ -1139,7 +1281,7 @@ AXResult AtspiAccessibility::elementAtPoint(float x, float y, float timeoutSecon
   const auto apps = applications(timeoutMs);
   Batch listing;
   for (const App& app : apps) listing.add(app.bus, kRootPath, kAccessible, "GetChildren", nullptr, timeoutMs);
-  listing.run(c.get());
+  listing.run(routes);
 
   // Every top-level frame: its states and extents, all asked at once.
   std::vector<Frame> frames;
@@ -1154,7 +1296,7 @@ AXResult AtspiAccessibility::elementAtPoint(float x, float y, float timeoutSecon
       frames.push_back(Frame{std::move(frame), apps[i].pid, frames.size(), 0, {}});
     }
   }
-  facts.run(c.get());
+  facts.run(routes);
   std::vector<Frame> under;
   for (std::size_t i = 0; i < frames.size(); ++i) {
     const auto bits = asStates(facts.reply(2 * i));
@@ -1190,7 +1332,7 @@ AXResult AtspiAccessibility::elementAtPoint(float x, float y, float timeoutSecon
     const auto& e = static_cast<const AtspiElement&>(*current);
     Variant reply(nullptr, g_variant_unref);
     const AXResult code = callSync(
-        c.get(), e.bus, e.path, kComponent, "GetAccessibleAtPoint",
+        linkFor(e.bus).get(), e.bus, e.path, kComponent, "GetAccessibleAtPoint",
         g_variant_new("(iiu)", static_cast<gint32>(std::floor(x)), static_cast<gint32>(std::floor(y)),
                       static_cast<guint32>(ATSPI_COORD_TYPE_SCREEN)),
         timeoutMs, reply);

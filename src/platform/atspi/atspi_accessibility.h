@@ -13,6 +13,7 @@
 // application name behind each unique bus name, and the per-application timeouts.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -107,16 +108,25 @@ class AtspiAccessibility {
   };
 
   std::shared_ptr<BusConnection> connection();
+  // The connection for calls to one application: its own socket where it has one, else the bus.
+  std::shared_ptr<BusConnection> linkFor(const std::string& busName);
   int timeoutMillis(const std::string& bus);
   std::vector<App> applications(int timeoutMs);
   std::optional<std::string> busOfPid(std::int32_t pid, int timeoutMs);
-  void keepShownWindows(BusConnection* c, const std::vector<std::string>& attributes,
+  void keepShownWindows(const std::vector<std::string>& attributes,
                         std::vector<std::vector<AXRead>>& out);
   AXResult actionIndex(const AtspiElement& element, const std::string& action, int& index);
 
+  struct Peer {
+    std::shared_ptr<BusConnection> link;               // none: the application stays on the bus
+    std::chrono::steady_clock::time_point retryAt{};  // when to ask again for a missing link
+  };
+
   const std::string configuredAddress;
+  const std::function<std::shared_ptr<BusConnection>(const std::string&)> routes;
   std::mutex mutex;  // guards the members below, never held across a call
   std::shared_ptr<BusConnection> bus;
+  std::map<std::string, Peer> peers;  // by unique name
   std::map<std::string, std::int32_t> pidOfBus;
   std::map<std::string, std::string> nameOfBus;
   std::map<std::string, int> timeoutOfBus;

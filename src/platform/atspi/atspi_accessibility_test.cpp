@@ -264,29 +264,35 @@ TEST_F(AtspiDesktopTest, WritesTextAndTakesFocusInGtkAndQt) {
   }
 }
 
+// The Qt editor is read over the bus, the GTK factory over its own socket: each is stopped in
+// turn while the other is read.
 TEST_F(AtspiDesktopTest, AStoppedApplicationCostsItsTimeoutAndHoldsUpNoOtherCaller) {
-  const ElementRef editor = accessibility->applicationElement(editorPid());
-  const ElementRef factory = accessibility->applicationElement(factoryPid());
-  ASSERT_EQ(accessibility->setMessagingTimeout(*editor, 1.0f), AXError::success);
-  ASSERT_EQ(kill(editorPid(), SIGSTOP), 0);
-  std::atomic<bool> stalledDone{false};
-  AXResult stalledCode = AXError::success;
-  std::thread stalled([&] {
-    AXValue value;
-    stalledCode = accessibility->copyAttributeValue(*editor, "AXTitle", value);
-    stalledDone = true;
-  });
-  // Meanwhile another caller reads another application, and gets its answer first.
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  AXValue title;
-  const AXResult code = accessibility->copyAttributeValue(*factory, "AXTitle", title);
-  const bool overtaken = !stalledDone;
-  stalled.join();
-  kill(editorPid(), SIGCONT);
-  accessibility->setMessagingTimeout(*editor, 0);
-  EXPECT_EQ(code, AXError::success);
-  EXPECT_TRUE(overtaken);
-  EXPECT_EQ(stalledCode, AXError::cannotComplete);
+  for (const bool stopFactory : {false, true}) {
+    SCOPED_TRACE(stopFactory ? "factory stopped" : "editor stopped");
+    const pid_t stoppedPid = stopFactory ? factoryPid() : editorPid();
+    const ElementRef stopped = accessibility->applicationElement(stoppedPid);
+    const ElementRef other = accessibility->applicationElement(stopFactory ? editorPid() : factoryPid());
+    ASSERT_EQ(accessibility->setMessagingTimeout(*stopped, 1.0f), AXError::success);
+    ASSERT_EQ(kill(stoppedPid, SIGSTOP), 0);
+    std::atomic<bool> stalledDone{false};
+    AXResult stalledCode = AXError::success;
+    std::thread stalled([&] {
+      AXValue value;
+      stalledCode = accessibility->copyAttributeValue(*stopped, "AXTitle", value);
+      stalledDone = true;
+    });
+    // Meanwhile another caller reads another application, and gets its answer first.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    AXValue title;
+    const AXResult code = accessibility->copyAttributeValue(*other, "AXTitle", title);
+    const bool overtaken = !stalledDone;
+    stalled.join();
+    kill(stoppedPid, SIGCONT);
+    accessibility->setMessagingTimeout(*stopped, 0);
+    EXPECT_EQ(code, AXError::success);
+    EXPECT_TRUE(overtaken);
+    EXPECT_EQ(stalledCode, AXError::cannotComplete);
+  }
 }
 
 TEST_F(AtspiDesktopTest, APidWithoutAnApplicationReadsAsStale) {
