@@ -5,7 +5,9 @@
 // cuts a tool call and another thread is idle, it hands the reading to that thread and runs the
 // call itself, so a call's request and response pass no queue between threads on their way;
 // when every other thread is busy, the call waits in a queue and the reader reads on (a
-// cancellation must still get through). Responses are written whenever they are ready, so
+// cancellation must still get through). A short call (a click, the pointer's position) that
+// comes while nothing else is in flight the reader simply runs and then reads on: handing the
+// reading over would cost as much as the call. Responses are written whenever they are ready, so
 // answers come in any order and the client matches them by id. A batch is answered with one
 // array once all of its calls are done. Tools that use the agent's request connection share one
 // AgentSession (so refs survive between calls); the exec-based tools open a connection each.
@@ -13,6 +15,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -38,6 +41,14 @@ constexpr const char* kProtocolVersions[] = {"2025-06-18", "2025-03-26"};
 constexpr std::string_view kBatchVersion = "2025-03-26";
 
 constexpr std::size_t kMaxMessageBytes = 64u << 20;
+
+// Tools the reader runs itself, without handing the reading on, when no other call is in flight
+// and no other message waits: each is one short request to the agent (the pointer, a key), so a
+// message that comes meanwhile waits that long at most, while waking a thread to read on costs
+// about as much as the call.
+constexpr std::string_view kInlineTools[] = {"cursor_position", "click", "double_click", "move",
+                                             "scroll", "press_key", "mouse_down", "mouse_up",
+                                             "key_down", "key_up"};
 constexpr int kMaxNesting = 64;
 
 enum ErrorCode {
@@ -164,6 +175,10 @@ class Server {
 
  private:
   using Job = std::function<void()>;
+  struct Cut {
+    Job run;
+    bool inline_;  // the reader may run it without handing the reading on
+  };
 
   // One thread of the server: reads while nobody else does, runs the calls it cuts and the
   // calls that wait, and returns once the input has ended and no call waits.
@@ -185,7 +200,12 @@ class Server {
       }
       reading = true;
       lock.unlock();
-      std::optional<Job> job = read();
+      std::optional<Cut> job;
+      for (;;) {
+        job = read();
+        if (!job || !job->inline_) break;
+        job->run();  // and read on: the turn is still this thread's
+      }
       lock.lock();
       reading = false;
       if (!job) {
@@ -195,7 +215,7 @@ class Server {
       }
       turn.notify_one();  // somebody else reads on
       lock.unlock();
-      (*job)();
+      job->run();
       lock.lock();
     }
   }
@@ -203,7 +223,7 @@ class Server {
   // The reader's turn: handles messages until one yields a tool call this thread should run
   // itself, and returns it; returns nothing once the input has ended and every message in it
   // has been handled. Only the reading thread touches the buffer.
-  std::optional<Job> read() {
+  std::optional<Cut> read() {
     for (;;) {
       for (;;) {
         const std::size_t newline = buffer.find('\n', scanned);
@@ -215,7 +235,7 @@ class Server {
         }
         buffer.erase(0, newline + 1);
         scanned = 0;
-        if (std::optional<Job> job = takeCut()) return job;
+        if (std::optional<Cut> job = takeCut()) return job;
       }
       scanned = buffer.size();
       if (buffer.size() > kMaxMessageBytes) {
@@ -236,23 +256,28 @@ class Server {
     if (!discarding && !out.broken()) handleLine(buffer);
     buffer.clear();
     std::lock_guard lock(turns);
-    for (Job& job : cut) waiting.push_back(std::move(job));
+    for (Cut& job : cut) waiting.push_back(std::move(job.run));
     cut.clear();
     return std::nullopt;
   }
 
   // The tool calls the last line yielded: the first is the reader's to run when another thread
   // is idle to read on; the rest, and every one when nobody is idle, wait their turn.
-  std::optional<Job> takeCut() {
+  std::optional<Cut> takeCut() {
     if (cut.empty()) return std::nullopt;
-    std::optional<Job> mine;
+    if (cut.size() == 1 && cut.front().inline_ && buffer.find('\n') == std::string::npos) {
+      Cut mine = std::move(cut.front());
+      cut.clear();
+      return mine;
+    }
+    std::optional<Cut> mine;
     std::lock_guard lock(turns);
-    for (std::size_t i = 1; i < cut.size(); ++i) waiting.push_back(std::move(cut[i]));
+    for (std::size_t i = 1; i < cut.size(); ++i) waiting.push_back(std::move(cut[i].run));
     // Each waiting call takes an idle thread; one more must be left to read on.
     if (idle > waiting.size()) {
-      mine = std::move(cut.front());
+      mine = Cut{std::move(cut.front().run), false};
     } else {
-      waiting.push_back(std::move(cut.front()));
+      waiting.push_back(std::move(cut.front().run));
     }
     cut.clear();
     if (!waiting.empty()) turn.notify_all();
@@ -455,14 +480,18 @@ class Server {
     }
     auto control = std::make_shared<CallControl>();
     const std::string key = id.dump();
+    bool alone = false;
     {
       std::lock_guard lock(mutex);
       if (!inFlight.emplace(key, control).second) {
         responder->deliver(errorResponse(id, kInvalidRequest, "a request with this id is still in flight"));
         return;
       }
+      alone = inFlight.size() == 1;
     }
-    cut.push_back([this, id, definition, arguments = std::move(arguments), control, key, responder] {
+    const bool quick = alone && std::find(std::begin(kInlineTools), std::end(kInlineTools),
+                                          std::string_view(definition->name)) != std::end(kInlineTools);
+    cut.push_back({[this, id, definition, arguments = std::move(arguments), control, key, responder] {
       ToolContext context{agent, *control};
       ToolResult result;
       try {
@@ -481,7 +510,7 @@ class Server {
       }
       responder->deliver(resultResponse(
           id, {{"content", std::move(result.content)}, {"isError", result.isError}}));
-    });
+    }, quick});
   }
 
   const McpOptions options;
@@ -498,7 +527,7 @@ class Server {
   std::size_t scanned = 0;
   bool discarding = false;  // inside a message over the size limit
   std::string chunk = std::string(64 * 1024, '\0');
-  std::vector<Job> cut;  // tool calls cut from the line being handled
+  std::vector<Cut> cut;  // tool calls cut from the line being handled
 
   std::mutex turns;  // guards what follows
   std::condition_variable turn;
