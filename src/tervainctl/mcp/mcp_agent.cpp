@@ -2,6 +2,8 @@
 
 #include <poll.h>
 
+#include <algorithm>
+
 namespace tervain::mcp {
 namespace {
 
@@ -57,6 +59,17 @@ Json AgentSession::call(const Json& request, bool retryable, std::string& notice
 
 std::vector<std::string> AgentSession::features() {
   std::lock_guard lock(mutex);
+  return featuresLocked();
+}
+
+bool AgentSession::hasFeature(std::string_view name) {
+  std::lock_guard lock(mutex);
+  const std::vector<std::string>& names = featuresLocked();
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+const std::vector<std::string>& AgentSession::featuresLocked() {
+  static const std::vector<std::string> none;
   try {
     client::Connection& c = connection();
     if (!featureList) {
@@ -72,7 +85,7 @@ std::vector<std::string> AgentSession::features() {
     return *featureList;
   } catch (const client::ClientError&) {
     if (current) drop();
-    return {};
+    return none;
   }
 }
 

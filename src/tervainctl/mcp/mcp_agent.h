@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <mutex>
+#include <string_view>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,11 +32,14 @@ class AgentSession {
   // The "features" the agent's ping names (operation names and options); empty for an agent
   // that has none, or when no connection can be made. Asked once per connection.
   std::vector<std::string> features();
+  // Whether features() names this one, without copying the list.
+  bool hasFeature(std::string_view name);
 
  private:
   // Caller holds mutex.
   client::Connection& connection();
   void drop();
+  const std::vector<std::string>& featuresLocked();
 
   const client::Address where;
   const std::chrono::milliseconds replyTimeout;

@@ -464,8 +464,16 @@ class Server {
       return;
     }
     const ToolSpec* definition = nullptr;
-    for (const ToolSpec* candidate : availableTools()) {
-      if (*name == candidate->name) definition = candidate;
+    const std::string& wanted = name->get_ref<const std::string&>();
+    for (const ToolSpec& candidate : toolTable()) {
+      if (wanted == candidate.name) {
+        definition = &candidate;
+        break;
+      }
+    }
+    // A tool that this agent cannot serve is not listed, and as unknown as one that does not exist.
+    if (definition != nullptr && definition->feature != nullptr && !agent.hasFeature(definition->feature)) {
+      definition = nullptr;
     }
     if (definition == nullptr) {
       responder->deliver(errorResponse(id, kInvalidParams, "unknown tool '" + name->get<std::string>() + "'"));
