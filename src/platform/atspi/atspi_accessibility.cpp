@@ -848,9 +848,14 @@ std::shared_ptr<BusConnection> AtspiAccessibility::linkFor(const std::string& bu
     if (bus != shared) return shared;
     const auto known = peers.find(busName);
     if (known != peers.end()) {
-      const Peer& peer = known->second;
+      Peer& peer = known->second;
       if (peer.link && !g_dbus_connection_is_closed(peer.link->gdbus)) return peer.link;
-      if (peer.link || now < peer.retryAt) return shared;  // ended, or none to be had for now
+      if (peer.link) {
+        // The application closed it, which it does when it ends: the bus says so from now on.
+        peer.link.reset();
+        peer.retryAt = std::chrono::steady_clock::time_point::max();
+      }
+      if (now < peer.retryAt) return shared;  // none to be had, for now or for good
     }
   }
   const int boundMs = std::min(timeoutMillis(busName), kPeerSetupMs);

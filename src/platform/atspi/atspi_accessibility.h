@@ -4,13 +4,17 @@
 // Why D-Bus rather than libatspi's object model: libatspi keeps process-wide caches and is not
 // safe to call from several threads, while every connection of the agent runs its own thread.
 // GDBus calls are safe from any thread, each carries its own timeout, and a slow application
-// only ever holds up the thread that asked it. Batched reads put every call in flight at once on
-// a private main context of the calling thread and wait for the replies, which makes a walk cost
-// roughly the application's own time per call instead of a round trip per attribute.
+// only ever holds up the thread that asked it. Batched reads put every call in flight at once
+// and wait for the replies, which a filter on the connection hands back by serial; a walk then
+// costs roughly the application's own time per call instead of a round trip per attribute.
+//
+// Applications that listen on a socket of their own (GTK's bridge does) are called there
+// directly; the others over the bus.
 //
 // Elements are (bus name, object path) pairs. Nothing about an element is cached: every read is
 // a fresh call. What is cached is stable for the life of a bus connection: the pid and the
-// application name behind each unique bus name, and the per-application timeouts.
+// application name behind each unique bus name, the per-application timeouts, and each
+// application's own connection.
 #pragma once
 
 #include <chrono>
