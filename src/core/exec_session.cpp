@@ -643,6 +643,18 @@ void ExecSession::handleHostFrame(std::string_view line) {
     // A number outside the signed 32-bit range is ignored like a missing one.
     const std::optional<std::int32_t> sig = number ? narrowToInt32(*number) : std::nullopt;
     if (!sig || pid <= 0) return;
+    // On a terminal the keyboard's signals go where its keys would send them: to the foreground
+    // job, which under a shell with job control is a group of its own, not the shell's. Any
+    // other signal reaches that job and the command's group both.
+    if (terminal && stdoutFD && (*sig == SIGINT || *sig == SIGQUIT || *sig == SIGTSTP)) {
+      const pid_t foreground = ::tcgetpgrp(stdoutFD.get());
+      if (foreground > 0 && foreground != pid) {
+        ::kill(-foreground, *sig);
+        return;
+      }
+    } else {
+      signalTerminalJobs(*sig);
+    }
     // Once reaped, the pid alone is no longer ours to signal; the group may still hold
     // descendants, and its id cannot be reused while it does.
     if (::kill(-pid, *sig) != 0 && !reaped) ::kill(pid, *sig);

@@ -407,6 +407,25 @@ TEST_F(ExecSessionTest, ATerminalTakesTypedInputResizesAndEndOfInput) {
   EXPECT_EQ(t.code, 0);
 }
 
+// On a terminal a "sig" goes where the keyboard's would: to the foreground job, here a command
+// of an interactive shell, which then reads on (the shell's own group is left alone).
+TEST_F(ExecSessionTest, OnATerminalAnInterruptReachesTheForegroundJob) {
+  startCommand("PS1='$ ' exec bash --norc --noprofile -i", {}, 300,
+               {{"tty", terminalSize(24, 80)}});
+  ExecTranscript t;
+  readExecFramesInto(*host, t, 10s, "$ ");
+  // The job has the terminal before it runs, so "started" means it is the foreground.
+  ASSERT_TRUE(host->send(stdinFrame("stty -echo; sh -c 'echo started; exec sleep 30'\n")));
+  readExecFramesInto(*host, t, 10s, "started\r\n");
+  ASSERT_TRUE(host->send("{\"t\":\"sig\",\"n\":" + std::to_string(SIGINT) + "}\n" +
+                         stdinFrame("echo woke $?\n")));
+  readExecFramesInto(*host, t, 10s, "woke 130\r\n");
+  ASSERT_TRUE(host->send(stdinFrame("exit\n")));
+  readExecFramesInto(*host, t, 10s);
+  EXPECT_NE(t.out.find("woke 130\r\n"), std::string::npos) << t.out;
+  EXPECT_EQ(t.code, 0);
+}
+
 TEST_F(ExecSessionTest, ADescendantHoldingThePipesRunsOutTheGraceOnTheSessionsClock) {
   // Each reading of the clock is 400 ms later: the 2 s grace is over a handful of rounds after
   // the shell exits, however little real time passed.
