@@ -55,7 +55,8 @@ class AtspiAccessibility {
   AtspiAccessibility(const AtspiAccessibility&) = delete;
   AtspiAccessibility& operator=(const AtspiAccessibility&) = delete;
 
-  // True when the accessibility bus answers (there is no permission to hold on Linux).
+  // True when a connection to the accessibility bus is open or can be made (there is no
+  // permission to hold on Linux).
   bool busReachable();
 
   // The root of the application whose process is pid; an element every read of which fails as

@@ -42,7 +42,8 @@ class X11Blocks : public ::testing::Test {
 };
 
 TEST_F(X11Blocks, TheScreenIsOnePrimaryMonitorAndThePointerGoesWhereItIsSent) {
-  const std::vector<Monitor> found = monitors(connection);
+  MonitorList list(connection);
+  const std::vector<Monitor> found = list.current();
   ASSERT_EQ(found.size(), 1u);
   EXPECT_EQ(found[0].width, 1920);
   EXPECT_EQ(found[0].height, 1080);

@@ -79,10 +79,24 @@ bool Connection::answers() {
 }
 
 bool Connection::hasExtension(const char* extension) {
-  return run([extension](Display* d) {
-    int opcode = 0, event = 0, error = 0;
-    return XQueryExtension(d, extension, &opcode, &event, &error) == True;
-  });
+  std::lock_guard lock(mutex);
+  Display* d = openLocked();
+  if (d == nullptr) return false;
+  if (extensionsOf != opened) {
+    extensions.clear();
+    extensionsOf = opened;
+  }
+  if (const auto known = extensions.find(std::string_view(extension)); known != extensions.end()) {
+    return known->second;
+  }
+  beginRequestsLocked();
+  int opcode = 0, event = 0, error = 0;
+  const bool present = XQueryExtension(d, extension, &opcode, &event, &error) == True;
+  // The reply came, so the server has handled everything before it; a lost server is not asked
+  // again as if it had answered.
+  if (requestFailedLocked()) return false;
+  extensions.emplace(extension, present);
+  return present;
 }
 
 }  // namespace tervain::x11

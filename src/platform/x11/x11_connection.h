@@ -9,6 +9,7 @@
 #include <X11/Xlib.h>
 
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -56,7 +57,8 @@ class Connection {
   // socket holds nothing (no bytes, no hang-up) answers without one: the server is still there,
   // and the next request finds out if it hangs.
   bool answers();
-  // True when the server has the extension (for example "XTEST", "MIT-SHM").
+  // True when the server has the extension (for example "XTEST", "MIT-SHM"). Asked once per
+  // opening of the display: a server does not gain or lose extensions while it runs.
   bool hasExtension(const char* name);
 
   // Inside run(): which opening of the display this is (1 for the first). State kept about the
@@ -74,6 +76,8 @@ class Connection {
   Display* display = nullptr;
   bool lost = false;  // the server went away; the Display is unusable and reopened on next use
   std::uint64_t opened = 0;
+  std::map<std::string, bool, std::less<>> extensions;  // what this opening's server said
+  std::uint64_t extensionsOf = 0;                        // the opening they belong to
   friend void onLostConnectionExit(Display*, void*);
 };
 

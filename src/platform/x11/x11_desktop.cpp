@@ -98,7 +98,8 @@ bool X11Desktop::postEventAccess() { return input.available(); }
 
 std::vector<DisplayInfo> X11Desktop::displays(std::uint32_t maxDisplays) {
   std::vector<DisplayInfo> result;
-  for (const x11::Monitor& m : x11::monitors(inputConnection)) {
+  // The capture's list, kept up to date by RandR's notices: a ping asks the server nothing.
+  for (const x11::Monitor& m : captureMonitors.current()) {
     if (result.size() == maxDisplays) break;
     result.push_back({m.id, m.width, m.height, m.primary});
   }

@@ -34,17 +34,6 @@ void fetchMonitors(Display* display, std::vector<Monitor>& result) {
 
 }  // namespace
 
-std::vector<Monitor> monitors(Connection& connection) {
-  std::vector<Monitor> result;
-  if (!connection.runAwaited([&result](Display* display) {
-        fetchMonitors(display, result);
-        return true;
-      })) {
-    return {};
-  }
-  return result;
-}
-
 std::vector<Monitor> MonitorList::current() {
   std::lock_guard lock(mutex);
   const bool answered = connection.runAwaited([this](Display* display) {
@@ -77,7 +66,8 @@ std::vector<Monitor> MonitorList::current() {
 
 std::optional<PointerPosition> pointer(Connection& connection) {
   PointerPosition position;
-  const bool answered = connection.run([&position](Display* display) {
+  // One request, whose reply says the server has handled it: no further round trip.
+  const bool answered = connection.runAwaited([&position](Display* display) {
     Window rootReturn = 0, child = 0;
     int windowX = 0, windowY = 0;
     return XQueryPointer(display, DefaultRootWindow(display), &rootReturn, &child, &position.x,

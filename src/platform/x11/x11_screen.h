@@ -20,12 +20,10 @@ struct Monitor {
 };
 
 // The monitors RandR reports, the primary one flagged (the first when none is); the whole screen
-// as one monitor when RandR is missing or reports none. Empty when the display does not answer.
-std::vector<Monitor> monitors(Connection& connection);
-
-// The same list kept for a connection that nothing else reads events from (the capture's): it
-// is asked for again only when RandR has reported a change since, or the connection reopened,
-// so a screenshot costs no round trip for it.
+// as one monitor when RandR is missing or reports none; empty when the display does not answer.
+// Kept for a connection that nothing else reads events from (the capture's): the list is asked
+// for again only when RandR has reported a change since, or the connection reopened, so a
+// screenshot or a ping costs no round trip for it.
 class MonitorList {
  public:
   explicit MonitorList(Connection& connection) : connection(connection) {}
