@@ -23,9 +23,11 @@ namespace {
 
 constexpr float kMessagingTimeoutSeconds = 1.5f;
 
-// What a window reports, read in this order in one batch.
-const std::vector<std::string> kWindowAttributes = {AX::title, AX::position, AX::size,
-                                                    AX::main,  AX::focused,  AX::minimized};
+// What a window reports, read in this order in one batch. The role is not reported: read with
+// the title, it tells a desktop that can find a missing title elsewhere that these are windows.
+const std::vector<std::string> kWindowAttributes = {AX::title, AX::position,  AX::size,
+                                                    AX::main,  AX::focused,   AX::minimized,
+                                                    AX::role};
 
 using Read = std::pair<AXResult, AXValue>;
 

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <thread>
 #include <utility>
 
@@ -166,6 +167,50 @@ void X11Desktop::copyAttributeValues(const std::vector<ElementRef>& elements,
                                      std::vector<std::vector<std::pair<AXResult, AXValue>>>& out,
                                      std::vector<std::pair<AXResult, AXValue>>* actionNames) {
   accessibility.copyAttributeValues(elements, attributes, out, actionNames);
+  fillWindowTitles(elements, attributes, out);
+}
+
+// A GTK window with a header bar has no accessible name, while the window manager shows it a
+// title: a window (AXRole AXWindow, when the role is read with the title) whose AXTitle reads
+// empty gets its X window's, matched as window actions match it (its application's client
+// windows, the nearest to its frame when AXPosition is read too).
+void X11Desktop::fillWindowTitles(const std::vector<ElementRef>& elements,
+                                  const std::vector<std::string>& attributes,
+                                  std::vector<std::vector<std::pair<AXResult, AXValue>>>& out) {
+  const auto column = [&](const char* name) -> std::optional<std::size_t> {
+    const auto at = std::find(attributes.begin(), attributes.end(), name);
+    if (at == attributes.end()) return std::nullopt;
+    return static_cast<std::size_t>(at - attributes.begin());
+  };
+  const auto title = column("AXTitle");
+  const auto role = column("AXRole");
+  if (!title || !role) return;
+  const auto position = column("AXPosition");
+  std::map<std::int32_t, std::vector<x11::ClientWindow>> windowsOfPid;
+  for (std::size_t i = 0; i < elements.size() && i < out.size(); ++i) {
+    auto& row = out[i];
+    const auto* roleName = std::get_if<std::string>(&row[*role].second);
+    const auto* text = std::get_if<std::string>(&row[*title].second);
+    const bool untitled = (row[*title].first == AXError::success && text != nullptr &&
+                           text->empty()) ||
+                          row[*title].first == AXError::noValue;
+    if (!elements[i] || !untitled || row[*role].first != AXError::success ||
+        roleName == nullptr || *roleName != "AXWindow") {
+      continue;
+    }
+    const auto pid = accessibility.pidOfElement(*elements[i]);
+    if (!pid) continue;
+    auto [known, fresh] = windowsOfPid.try_emplace(*pid);
+    if (fresh) known->second = x11::clientWindowsOf(inputConnection, *pid);
+    const Point* at = nullptr;
+    if (position && row[*position].first == AXError::success) {
+      at = std::get_if<Point>(&row[*position].second);
+    }
+    const auto window = x11::matchWindow(known->second, "",
+                                         at ? std::optional<int>(pixel(at->x)) : std::nullopt,
+                                         at ? std::optional<int>(pixel(at->y)) : std::nullopt);
+    if (window && !window->title.empty()) row[*title] = {AXError::success, window->title};
+  }
 }
 
 AXResult X11Desktop::copyActionNames(const Element& element, AXValue& out) {

@@ -85,6 +85,11 @@ class X11Desktop : public Desktop {
   [[noreturn]] void runMainLoop() override;
 
  private:
+  // Gives windows read with an empty AXTitle their X window's title.
+  void fillWindowTitles(const std::vector<ElementRef>& elements,
+                        const std::vector<std::string>& attributes,
+                        std::vector<std::vector<std::pair<AXResult, AXValue>>>& out);
+
   x11::Connection inputConnection;
   x11::Connection captureConnection;  // captures never wait behind input
   x11::Input input{inputConnection};
