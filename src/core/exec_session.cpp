@@ -646,15 +646,8 @@ void ExecSession::handleHostFrame(std::string_view line) {
     // On a terminal the keyboard's signals go where its keys would send them: to the foreground
     // job, which under a shell with job control is a group of its own, not the shell's. Any
     // other signal reaches that job and the command's group both.
-    if (terminal && stdoutFD && (*sig == SIGINT || *sig == SIGQUIT || *sig == SIGTSTP)) {
-      const pid_t foreground = ::tcgetpgrp(stdoutFD.get());
-      if (foreground > 0 && foreground != pid) {
-        ::kill(-foreground, *sig);
-        return;
-      }
-    } else {
-      signalTerminalJobs(*sig);
-    }
+    const bool keyboard = *sig == SIGINT || *sig == SIGQUIT || *sig == SIGTSTP;
+    if (signalTerminalJobs(*sig) && keyboard) return;
     // Once reaped, the pid alone is no longer ours to signal; the group may still hold
     // descendants, and its id cannot be reused while it does.
     if (::kill(-pid, *sig) != 0 && !reaped) ::kill(pid, *sig);
@@ -667,12 +660,14 @@ void ExecSession::killGroup() {
   if (::kill(-pid, SIGKILL) != 0 && !reaped) ::kill(pid, SIGKILL);
 }
 
-void ExecSession::signalTerminalJobs(int sig) {
+bool ExecSession::signalTerminalJobs(int sig) {
   // A shell on the terminal runs its jobs in groups of their own; the one in the foreground is
   // the session's too, and goes down with the command's.
-  if (!terminal || !stdoutFD) return;
+  if (!terminal || !stdoutFD) return false;
   const pid_t foreground = ::tcgetpgrp(stdoutFD.get());
-  if (foreground > 0 && foreground != pid) ::kill(-foreground, sig);
+  if (foreground <= 0 || foreground == pid) return false;
+  ::kill(-foreground, sig);
+  return true;
 }
 
 void ExecSession::queueTerminalEOF() {

@@ -142,7 +142,8 @@ class ExecSession {
   void sendError(const std::string& message);
   void writeFrameBytes(const char* bytes, std::size_t size);
   void killGroup();
-  void signalTerminalJobs(int sig);
+  // Signals the terminal's foreground job when it is not the command's group; whether it did.
+  bool signalTerminalJobs(int sig);
   void queueTerminalEOF();
   void closeChildDescriptors();
   void restoreSocket();

@@ -832,9 +832,10 @@ std::shared_ptr<BusConnection> AtspiAccessibility::connection() {
   return bus;
 }
 
-// Most toolkits (GTK's bridge among them) also listen on a socket of their own, whose address
+// Some toolkits (GTK's bridge among them) also listen on a socket of their own, whose address
 // the application gives on request. Calls there skip the bus daemon, which otherwise handles
-// every call and every reply a second time; on a small machine that halves what a walk costs.
+// every call and every reply a second time; on a two-core machine a walk costs a third of what
+// it did.
 // The address is asked once per application, with a short bound so that a hung application
 // costs the first call little more than its own timeout; an application without one (Qt says
 // "") or that cannot be reached stays on the bus. A unique name is never reused, so what is

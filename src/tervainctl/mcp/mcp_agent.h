@@ -4,9 +4,9 @@
 
 #include <chrono>
 #include <mutex>
-#include <string_view>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/tervain_client.h"
