@@ -101,39 +101,46 @@ test('the view page shows and drives gtk3-widget-factory', { timeout: 180_000 },
       const reply = await (await fetch('/api/tree' + location.search)).json();
       const found = [];
       const walk = (n) => { if (n.role === 'AXCheckBox' && n.title === 'checkbutton' && n.enabled !== false) found.push(n); (n.children || []).forEach(walk); };
-      walk(reply.tree);
+      if (reply.tree) walk(reply.tree);
       return found;
     });
     const before = (await checkBox()).find((n) => n.value === '0');
     assert.ok(before, 'an unchecked, enabled "checkbutton"');
     await page.click('#interactive');
-    const box = await page.$eval('#shot', (img) => {
-      const r = img.getBoundingClientRect();
-      return { left: r.left, top: r.top, k: r.width / img.naturalWidth };
-    });
-    const scale = await page.evaluate(() => imageScale);
-    const k = box.k * scale;
-    // A loaded machine can take the first click before the application is ready for it: the
-    // page says what it sent, and the click is made again (at most three, 5 s apart) until the
-    // box reads checked.
-    const at = { x: box.left + (before.frame.x + 10) * k, y: box.top + (before.frame.y + before.frame.h / 2) * k };
+    // Where the box is on the page, by the page's own mapping at that moment (none while no
+    // frame is shown).
+    const spot = () => page.evaluate((f) => {
+      const k = pointsToDisplay();
+      if (!(k > 0)) return null;
+      const r = document.getElementById('shot').getBoundingClientRect();
+      return { x: r.left + (f.x + 10) * k, y: r.top + (f.y + f.h / 2) * k };
+    }, before.frame);
+    // A loaded machine can take the first click before the application is ready for it. The
+    // mouse first rests on the box until the page's hit test names it; the click is made again
+    // (at most three, 5 s apart) until the box reads checked.
     const said = [];
-    let clicks = 0, nextClick = 0;
+    let clicks = 0, nextClick = 0, at = null;
     try {
       await waitFor('the check box to be checked', async () => {
         const now = (await checkBox()).find((n) => n.frame.x === before.frame.x && n.frame.y === before.frame.y);
         if (now && now.value === '1') return true;
-        if (clicks < 3 && Date.now() >= nextClick) {
-          await page.mouse.click(at.x, at.y);
-          ++clicks;
-          nextClick = Date.now() + 5000;
-          await new Promise((r) => setTimeout(r, 500));
-          said.push(await page.$eval('#hover', (h) => h.textContent));
-        }
+        if (clicks >= 3 || Date.now() < nextClick) return false;
+        at = await spot();
+        if (!at) return false;
+        await page.mouse.move(at.x - 3, at.y);
+        await page.mouse.move(at.x, at.y);
+        await new Promise((r) => setTimeout(r, 300));
+        const hover = await page.$eval('#hover', (h) => h.textContent);
+        if (!/AXCheckBox/.test(hover)) { said.push(hover); return false; }
+        await page.mouse.click(at.x, at.y);
+        ++clicks;
+        nextClick = Date.now() + 5000;
+        await new Promise((r) => setTimeout(r, 500));
+        said.push(await page.$eval('#hover', (h) => h.textContent));
         return false;
       }, 40);
     } catch (error) {
-      throw new Error(`${error.message}; clicked at ${JSON.stringify(at)} for ${JSON.stringify(before)}; the page said ${JSON.stringify(said)}`);
+      throw new Error(`${error.message}; pointed at ${JSON.stringify(at)} for ${JSON.stringify(before)}; the page said ${JSON.stringify(said.slice(-6))}`);
     }
 
     await page.screenshot({ path: 'view-page.png' });

@@ -6,7 +6,8 @@
 const token = new URLSearchParams(location.search).get('token') || '';
 const $ = (id) => document.getElementById(id);
 const shot = $('shot');
-let imageScale = 1;   // image pixels per point
+let imageScale = 1;   // image pixels per point, of the frame shown
+let shownWidth = 0;   // pixel width of the frame shown (the element reads 0 while the next loads)
 let nodesByRef = new Map();
 let hotRow = null;
 
@@ -29,15 +30,20 @@ async function nextFrame() {
     const width = Math.max(320, Math.round(shot.parentElement.parentElement.clientWidth * devicePixelRatio));
     const response = await api('/api/screenshot?maxWidth=' + Math.min(width, 3840));
     if (response.ok && response.headers.get('Content-Type') === 'image/jpeg') {
-      imageScale = parseFloat(response.headers.get('X-Image-Scale')) || 1;
+      const scale = parseFloat(response.headers.get('X-Image-Scale')) || 1;
       const url = URL.createObjectURL(await response.blob());
-      await new Promise((resolve) => {
-        shot.onload = shot.onerror = resolve;
+      const loaded = await new Promise((resolve) => {
+        shot.onload = () => resolve(true);
+        shot.onerror = () => resolve(false);
         const old = shot.src;
         shot.src = url;
         if (old.startsWith('blob:')) URL.revokeObjectURL(old);
       });
-      ++frames;
+      if (loaded) {
+        imageScale = scale;
+        shownWidth = shot.naturalWidth;
+        ++frames;
+      }
     } else {
       await new Promise((r) => setTimeout(r, 1000));
     }
@@ -50,7 +56,7 @@ setInterval(() => { $('fps').textContent = frames + ' fps'; frames = 0; }, 1000)
 
 // Display pixels of the shown image per guest point.
 function pointsToDisplay() {
-  return shot.naturalWidth ? (shot.clientWidth / shot.naturalWidth) * imageScale : 0;
+  return shownWidth ? (shot.clientWidth / shownWidth) * imageScale : 0;
 }
 
 function showOutline(frame) {
