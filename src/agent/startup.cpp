@@ -1,6 +1,7 @@
 #include "agent/startup.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <system_error>
 #include <thread>
 
 #include "agent/agent_context.h"
@@ -18,7 +20,6 @@
 #include "core/exec_session.h"
 #include "core/posix/login_shell.h"
 #include "core/posix/spawn_platform.h"
-#include "core/unique_fd.h"
 
 namespace tervain {
 
@@ -169,49 +170,46 @@ std::string userDescription() {
   return entry != nullptr ? "user " + std::string(entry->pw_name) + " (" + id + ")" : id;
 }
 
-// SIGTERM and SIGINT stop the agent: their handler only wakes the stopping thread through a pipe,
-// and that thread logs, removes the socket file this agent made and exits with status 0.
-int gStopWrite = -1;
-
-extern "C" void requestStop(int signal) {
-  const int saved = errno;
-  const auto byte = static_cast<unsigned char>(signal);
-  [[maybe_unused]] const ssize_t ignored = ::write(gStopWrite, &byte, 1);
-  errno = saved;
+// SIGTERM and SIGINT stop the agent. They are blocked in every thread from the start of
+// serving (threads inherit the mask), and one thread takes them with sigwait: a signal sent at
+// any moment waits for that thread, rather than racing a handler against threads still starting.
+// Commands the agent runs start with an empty mask (spawnProcess).
+sigset_t stopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  return set;
 }
 
+// That thread logs, removes the socket file this agent made and exits with status 0.
 void stopOnSignals(std::optional<std::string> socketPath) {
-  ErrnoOr<PipeEnds> ends = makePipe();
-  if (!ends) {
-    agentLog("cannot watch for SIGTERM (no pipe): the agent stops without clean-up");
-    return;
-  }
-  // Both ends stay open for the rest of the process: the handler and the thread use them.
-  gStopWrite = ends->write.release();
   // The socket file is removed only while it is still the one this agent bound.
   struct stat bound {};
   const bool known = socketPath && ::stat(socketPath->c_str(), &bound) == 0;
-  std::thread([readEnd = ends->read.release(), socketPath = std::move(socketPath), bound, known] {
-    unsigned char signal = 0;
-    while (::read(readEnd, &signal, 1) < 0 && errno == EINTR) {
-    }
-    agentLog(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
-    struct stat now {};
-    if (known && ::stat(socketPath->c_str(), &now) == 0 && now.st_dev == bound.st_dev &&
-        now.st_ino == bound.st_ino) {
-      ::unlink(socketPath->c_str());
-    }
-    // _Exit runs no exit handlers (other threads are still serving): the stop line is written
-    // before it, not left in the log queue.
-    flushAgentLog();
-    std::_Exit(0);
-  }).detach();
-  struct sigaction action {};
-  action.sa_handler = requestStop;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
-  ::sigaction(SIGTERM, &action, nullptr);
-  ::sigaction(SIGINT, &action, nullptr);
+  try {
+    std::thread([socketPath = std::move(socketPath), bound, known] {
+      const sigset_t set = stopSignals();
+      int signal = 0;
+      while (::sigwait(&set, &signal) != 0) {
+      }
+      agentLog(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+      struct stat now {};
+      if (known && ::stat(socketPath->c_str(), &now) == 0 && now.st_dev == bound.st_dev &&
+          now.st_ino == bound.st_ino) {
+        ::unlink(socketPath->c_str());
+      }
+      // _Exit runs no exit handlers (other threads are still serving): the stop line is written
+      // before it, not left in the log queue.
+      flushAgentLog();
+      std::_Exit(0);
+    }).detach();
+  } catch (const std::system_error&) {
+    // Nobody would take them: let them end the process as they would by default.
+    const sigset_t set = stopSignals();
+    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    agentLog("cannot watch for SIGTERM (no thread): the agent stops without clean-up");
+  }
 }
 
 }  // namespace
@@ -240,6 +238,11 @@ int runAgent(int argc, const char* const* argv, DesktopChooser chooseDesktop) {
     case CommandLine::Action::requestGrants:
     case CommandLine::Action::serve:
       break;
+  }
+  if (commandLine.action == CommandLine::Action::serve) {
+    // Before the first thread (the log's, the desktop's), so that every thread inherits it.
+    const sigset_t set = stopSignals();
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
   }
   std::string problem;
   Desktop* const chosen = chooseDesktop(commandLine.desktop, problem);
