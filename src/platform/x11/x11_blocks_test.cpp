@@ -18,6 +18,7 @@
 #include "platform/x11/x11_input.h"
 #include "platform/x11/x11_keys.h"
 #include "platform/x11/x11_screen.h"
+#include "platform/x11/x11_windows.h"
 
 namespace tervain::x11 {
 namespace {
@@ -222,6 +223,33 @@ TEST(X11Keys, EveryKeyOfTheWireHasItsKeysym) {
   EXPECT_FALSE(keysymForKeyCode(10));
   EXPECT_EQ(keysymForCodePoint(U'ü'), 0xfcu);
   EXPECT_EQ(keysymForCodePoint(U'€'), 0x10020acu);
+}
+
+// An AT-SPI frame's X window: by title where it has one, else the nearest frame.
+TEST(MatchWindow, TitleFirstThenTheNearestFrame) {
+  const std::vector<ClientWindow> windows = {
+      {.id = 1, .title = "", .x = 900, .y = 900},
+      {.id = 2, .title = "Editor", .x = 10, .y = 10},
+      {.id = 3, .title = "Editor", .x = 500, .y = 10},
+      {.id = 4, .title = "Find", .x = 20, .y = 20},
+  };
+  const struct {
+    std::string title;
+    std::optional<int> x, y;
+    Window expected;
+  } cases[] = {
+      {"Editor", 490, 5, 3},  // the nearer of two with that title
+      {"Find", 900, 900, 4},  // the title wins over a nearer frame
+      {"Gone", 899, 901, 1},  // no window has it: the nearest of all
+      {"", 15, 15, 2},        // untitled AT-SPI frame: nearest, not the untitled X window
+      {"Editor", std::nullopt, std::nullopt, 2},  // minimised: the first with the title
+  };
+  for (const auto& c : cases) {
+    const auto found = matchWindow(windows, c.title, c.x, c.y);
+    ASSERT_TRUE(found) << c.title;
+    EXPECT_EQ(found->id, c.expected) << c.title;
+  }
+  EXPECT_FALSE(matchWindow({}, "Editor", 0, 0));
 }
 
 }  // namespace

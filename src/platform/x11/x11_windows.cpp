@@ -124,9 +124,10 @@ std::optional<ClientWindow> matchWindow(const std::vector<ClientWindow>& candida
                                         std::optional<int> frameY) {
   if (candidates.empty()) return std::nullopt;
   if (candidates.size() == 1) return candidates.front();
+  // An empty title says nothing: an untitled window must not win over the nearest one.
   std::vector<const ClientWindow*> named;
   for (const ClientWindow& c : candidates) {
-    if (c.title == title) named.push_back(&c);
+    if (!title.empty() && c.title == title) named.push_back(&c);
   }
   if (named.empty()) {
     for (const ClientWindow& c : candidates) named.push_back(&c);
