@@ -191,7 +191,13 @@ void stopOnSignals(std::optional<std::string> socketPath) {
     std::thread([socketPath = std::move(socketPath), bound, known] {
       const sigset_t set = stopSignals();
       int signal = 0;
-      while (::sigwait(&set, &signal) != 0) {
+      int failed = 0;
+      while ((failed = ::sigwait(&set, &signal)) == EINTR) {
+      }
+      if (failed != 0) {
+        // Not with this set; were it to happen, the signals act here as they would by default.
+        ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+        for (;;) ::pause();
       }
       agentLog(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
       struct stat now {};

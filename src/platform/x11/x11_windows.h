@@ -27,11 +27,11 @@ std::vector<ClientWindow> clientWindowsOf(Connection& connection, std::int32_t p
 
 // The window of an AT-SPI frame among its application's client windows. AT-SPI names neither the
 // X window nor a stable id, so it is matched: the only window of the pid; else the windows of
-// that title (every one when none has it, or when the title is empty), and of those the one whose outer frame lies nearest
-// to the frame AT-SPI reports (a minimised frame reports none: the first one then). What fails:
-// two windows of one application with the same title and frame (stacked exactly on top of each
-// other) are told apart only by chance, and a window whose client does not set _NET_WM_PID is
-// never found.
+// that title (every one when none has it, or when the title is empty), and of those the one
+// whose outer frame lies nearest to the frame AT-SPI reports (a minimised frame reports none:
+// the first one then). What fails: two windows of one application with the same title and
+// frame (stacked exactly on top of each other) are told apart only by chance, and a window whose
+// client does not set _NET_WM_PID is never found.
 std::optional<ClientWindow> matchWindow(const std::vector<ClientWindow>& candidates,
                                         const std::string& title, std::optional<int> frameX,
                                         std::optional<int> frameY);
